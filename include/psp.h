@@ -1,0 +1,880 @@
+/* psp: one portable layer over the operating system and the C runtime.
+ *
+ * This header is the contract of the library. What is not declared here is no interface, and its
+ * comments are the authoritative description from which the reference is made.
+ *
+ * Reading order: status codes and life of the library, then the families in the order of the
+ * layers (memory, sync objects, text, files, streams, channels and log, time and process).
+ *
+ * Rules that hold everywhere:
+ * - A process calls psp_init before it uses the library and psp_term when it is done. Functions
+ *   that work without this say so.
+ * - Narrow strings are UTF-8 and end with a zero byte. Wide strings are UTF-16 and end with a zero
+ *   unit. Sizes are in bytes unless a comment says "units".
+ * - Memory that a function hands out belongs to the caller, who gives it back with psp_freeMem and
+ *   the tag that the comment names. A pointer marked "const" in a result stays the library's.
+ * - When memory runs out, "Out of memory. Called from FILE:LINE" is logged and the function gives
+ *   its failure result, having changed nothing. If the tag concerned is armed (psp_createTagEx,
+ *   psp_resetTag), control returns to the armed point instead, from the outermost psp_ function,
+ *   after everything that this function had taken has been given back.
+ * - "Any thread" means: may run at the same time in any number of threads. "One thread at a time"
+ *   means: calls that name the same object must not overlap.
+ * - After a failed call psp_errno tells the platform's code; cleaning up never changes it.
+ *
+ * Fork: a child may go on using memory, files, streams and log if no other thread of its parent
+ * was inside the library or held one of its locks at the moment of the fork.
+ */
+#ifndef PSP_H
+#define PSP_H
+
+#include <setjmp.h>
+#include <stdarg.h>
+#include <stddef.h>
+#include <stdint.h>
+#include <time.h>
+#include <uchar.h>
+
+/* Export, calling and checking attributes. Format functions carry no printf attribute: "l" means
+ * 32 bits in their formats on every platform, and a compiler would warn about right calls. */
+#if defined(_WIN32)
+#if defined(PSP_STATIC)
+#define PSP_API
+#elif defined(PSP_BUILDING)
+#define PSP_API __declspec(dllexport)
+#else
+#define PSP_API __declspec(dllimport)
+#endif
+#elif defined(__GNUC__)
+#define PSP_API __attribute__((visibility("default")))
+#else
+#define PSP_API
+#endif
+
+#if defined(__GNUC__)
+#define PSP_MUST_USE __attribute__((warn_unused_result))
+#else
+#define PSP_MUST_USE
+#endif
+
+#if defined(__cplusplus)
+extern "C" {
+#endif
+
+/* The version of this header; psp_version tells that of the loaded library. The shared library's
+ * name (libpsp.so.11) moves with the major number. */
+#define PSP_VERSION_MAJOR 11
+#define PSP_VERSION_MINOR 0
+#define PSP_VERSION_BUILD 586
+
+/* One UTF-16 code unit; PSP_W("text") makes a literal of it. */
+#if defined(_WIN32)
+typedef wchar_t psp_wchar;
+#define PSP_W(text) L##text
+#else
+typedef char16_t psp_wchar;
+#define PSP_W(text) u##text
+#endif
+
+/* A pointer-sized word. */
+typedef uintptr_t psp_word;
+
+/* ---- Status codes -----------------------------------------------------------------------------
+ * The result of most functions. 0 is success. */
+typedef int32_t psp_status;
+
+#define PSP_OKAY 0           /* success */
+#define PSP_TIMEOUT 1        /* a wait ended by its limit */
+#define PSP_FAILED 2         /* general failure */
+#define PSP_NOMEMORY 3       /* memory could not be obtained */
+#define PSP_EXISTS 6         /* the directory to be created exists */
+#define PSP_NOSERVICE 7      /* the service is not installed */
+#define PSP_NOACCESS 9       /* no right to manage services */
+#define PSP_NOTSUPPORTED 10  /* not available on this platform */
+#define PSP_NOTFOUND 100     /* the last component of a path does not exist */
+
+#define PSP_ERR_TRUNCATED (-211)   /* a string did not fit and was cut */
+#define PSP_ERR_NOMEMORY (-904)    /* an allocation failed */
+#define PSP_ERR_NOFILE (-905)      /* a file could not be opened */
+#define PSP_ERR_REPLACEFILE (-919) /* a rewritten INI file could not take its place */
+#define PSP_ERR_INVARG (-924)      /* a required pointer was null */
+#define PSP_ERR_BUFFERFULL (-932)  /* an INI result did not fit and was cut */
+
+/* ---- Life of the library ----------------------------------------------------------------------
+ * psp_init and psp_term nest: independent users in one process each start and stop the library.
+ * The last psp_term closes every output channel, releases every tag with its memory and every sync
+ * object; nothing obtained before it may be used after it. The two modes are switched on once and
+ * stay on until the process ends. */
+
+/** Starts the library, or counts one more start when it is started already.
+ *
+ *  @return PSP_OKAY; PSP_FAILED when a module could not start, and then everything is as before.
+ *  Works without a start. Any thread. */
+PSP_API psp_status psp_init(void) PSP_MUST_USE;
+
+/** Counts one stop; the one that matches the first psp_init stops the library.
+ *
+ *  No other thread may be inside the library at the last stop. A call too many does nothing.
+ *  Works without a start. Any thread. */
+PSP_API void psp_term(void);
+
+/** Switches read-only mode on for the rest of the process: disk files are opened only for reading,
+ *  and writes to disk files and to the standard channels write nothing and give 0.
+ *
+ *  Works without a start. Any thread. */
+PSP_API void psp_rdonly(void);
+
+/** Switches no-disk mode on for the rest of the process: operations on the disk fail as if there
+ *  were none. Handles opened before go on working.
+ *
+ *  Works without a start. Any thread. */
+PSP_API void psp_nodisk(void);
+
+/** Tells the version of the loaded library: 11, 0, 586.
+ *
+ *  @param major,minor,build  where to store the numbers; each may be null.
+ *  Works without a start. Any thread. */
+PSP_API void psp_version(uint16_t *major, uint16_t *minor, uint16_t *build);
+
+/** Tells whether the process runs under a memory-checking tool that the library knows.
+ *
+ *  @return always 0.
+ *  Works without a start. Any thread. */
+PSP_API int32_t psp_isPurifyRunning(void);
+
+/** The platform's last error code of the calling thread: errno on POSIX, GetLastError on Windows.
+ *
+ *  Works without a start. Any thread. */
+PSP_API uint32_t psp_errno(void);
+
+/** Writes the text and a newline to the C runtime's standard output, past all channels.
+ *
+ *  @param text  what to write; null writes an empty line.
+ *  Works without a start. Any thread. */
+PSP_API void psp_errPrint(const char *text);
+
+/* ---- Tagged memory ----------------------------------------------------------------------------
+ * Every block belongs to one tag. A tag knows its blocks: psp_freeTagMemory releases them all at
+ * once. psp_createTagEx makes a tag, psp_freeTagMemory with release ends it. A null tag means the
+ * default tag, which exists from psp_init to the last psp_term and is thread-safe.
+ *
+ * A tag with PSP_TAG_THREADSAFE may be used by any thread; one without it by one thread at a time.
+ *
+ * A tag may be armed with a jump buffer (setjmp). An allocation in it that fails then does not
+ * return: after the message, control goes to that setjmp with the value 1. The jump always leaves
+ * from the outermost psp_ function of the calling thread, with no lock held and nothing leaked, so
+ * the function that called setjmp must not have returned, and the thread must be the same. */
+
+typedef struct psp_tag psp_tag;
+
+#define PSP_TAG_FAILED ((psp_tag *)UINTPTR_MAX) /* psp_createTagEx failed */
+#define PSP_TAG_THREADSAFE 0x0001u              /* the tag gets a lock of its own */
+
+#define PSP_MEM_ALLOC 1   /* uninitialised block */
+#define PSP_MEM_ZERO 2    /* zero-filled block */
+#define PSP_MEM_STRDUP 3  /* copy of the narrow string at source; size is ignored */
+#define PSP_MEM_COPY 4    /* copy of size bytes at source */
+#define PSP_MEM_WSTRDUP 5 /* copy of the wide string at source; size is ignored */
+
+/** Makes a tag.
+ *
+ *  @param jump   a filled jump buffer, which is copied, to arm the tag; null leaves it unarmed.
+ *  @param flags  PSP_TAG_THREADSAFE or 0; other bits are ignored.
+ *  @param file,line  the caller's source position; not used at present.
+ *  @return the tag; PSP_TAG_FAILED (not null) when the library is not started or memory is short.
+ *  Ended by psp_freeTagMemory(tag, 1). Any thread. */
+PSP_API psp_tag *psp_createTagEx(jmp_buf *jump, uint32_t flags, const char *file,
+                                 uint32_t line) PSP_MUST_USE;
+
+/** Arms the tag with a copy of the jump buffer, or disarms it.
+ *
+ *  @param jump  a filled jump buffer; null disarms.
+ *  @param tag   the tag; null is the default tag.
+ *  Does nothing when the library is not started. Thread rule of the tag. */
+PSP_API void psp_resetTag(jmp_buf *jump, psp_tag *tag);
+
+/** Releases all blocks of a tag.
+ *
+ *  @param tag      the tag; null and PSP_TAG_FAILED do nothing, the default tag is the library's.
+ *  @param release  0 keeps the empty tag; anything else ends it, and no other thread may use it.
+ *  Does nothing when the library is not started. Thread rule of the tag. */
+PSP_API void psp_freeTagMemory(psp_tag *tag, int16_t release);
+
+/** Obtains a block, aligned for any type.
+ *
+ *  @param size    bytes; 0 gives null without a message in the modes that use it.
+ *  @param tag     the owner; null is the default tag.
+ *  @param mode    PSP_MEM_ALLOC to PSP_MEM_WSTRDUP; any other value gives null without a message.
+ *  @param source  what to copy in modes 3 to 5, not null there; else ignored.
+ *  @param file,line  the caller's source position, for the message. The text must outlive the call.
+ *  @return the block; null when the library is not started or memory is short (after the message
+ *          "Out of memory. Called from FILE:LINE"; an armed tag jumps instead).
+ *  Released by psp_freeMem with the same tag, or with the tag. Thread rule of the tag. */
+PSP_API void *psp_getMem(size_t size, psp_tag *tag, uint32_t mode, const void *source,
+                         const char *file, uint32_t line) PSP_MUST_USE;
+
+/** Changes the size of a block, moving it if need be.
+ *
+ *  @param pointer     a block of the tag; null obtains a new one, zero-filled if zero is set.
+ *  @param size        the new size in bytes; 0 is a failed call, without a message.
+ *  @param tag         the block's tag; null is the default tag.
+ *  @param zero        not 0: set the last zero_count bytes of the new size to zero.
+ *  @param zero_count  bytes to clear, normally those added; more than size clears size bytes.
+ *  @param file,line   as in psp_getMem.
+ *  @return the block, perhaps at another address; null when the library is not started, the pointer
+ *          is no live block or memory is short. The old block is untouched then.
+ *  Thread rule of the tag. */
+PSP_API void *psp_extendMem(void *pointer, size_t size, psp_tag *tag, int32_t zero,
+                            size_t zero_count, const char *file, uint32_t line) PSP_MUST_USE;
+
+/** Releases a block.
+ *
+ *  @param pointer  the block; null does nothing. A pointer that is no live block (released already,
+ *                  or never the library's) is left alone after the message "Attempting to free
+ *                  previously freed memory" on the C runtime's standard output.
+ *  @param tag      the block's tag; null is the default tag.
+ *  Does nothing when the library is not started. Thread rule of the tag. */
+PSP_API void psp_freeMem(void *pointer, psp_tag *tag);
+
+/** Hands a block from one tag to another; its address stays.
+ *
+ *  @param pointer      the block; null and pointers that are no live block do nothing.
+ *  @param destination  the new tag; null is the default tag.
+ *  @param source       the block's tag; null is the default tag. Equal arguments do nothing.
+ *  Does nothing when the library is not started. Thread rules of both tags, whose locks are never
+ *  held together. */
+PSP_API void psp_moveMemTag(void *pointer, psp_tag *destination, psp_tag *source);
+
+/** Compares two byte ranges as unsigned bytes.
+ *
+ *  @param first,second  the ranges.
+ *  @param length        bytes of each; 0 compares equal.
+ *  @return -1, 0 or 1 as the first range is smaller, equal or larger.
+ *  Works without a start. Any thread. */
+PSP_API int32_t psp_memCmp(const void *first, const void *second, size_t length);
+
+#define psp_createTag(flags) psp_createTagEx(NULL, (flags), __FILE__, __LINE__)
+#define psp_alloc(size, tag) psp_getMem((size), (tag), PSP_MEM_ALLOC, NULL, __FILE__, __LINE__)
+#define psp_allocZero(size, tag) psp_getMem((size), (tag), PSP_MEM_ZERO, NULL, __FILE__, __LINE__)
+#define psp_memdup(data, size, tag) \
+  psp_getMem((size), (tag), PSP_MEM_COPY, (data), __FILE__, __LINE__)
+#define psp_strdup(text, tag) \
+  ((char *)psp_getMem(0, (tag), PSP_MEM_STRDUP, (text), __FILE__, __LINE__))
+#define psp_wcsdup(text, tag) \
+  ((psp_wchar *)psp_getMem(0, (tag), PSP_MEM_WSTRDUP, (text), __FILE__, __LINE__))
+
+/* ---- Sync objects -----------------------------------------------------------------------------
+ * A sync object is an exclusive lock or a gate, made by psp_syncCreate_check and ended by
+ * psp_syncDelete. All functions may be called by any thread, except that nobody may use an object
+ * while it is deleted or afterwards. A process can have 131,072 of them.
+ *
+ * An exclusive lock is recursive. When a thread ends while it holds one, the next waiter gets it.
+ * Entering and leaving a lock that nobody waits for costs no system call.
+ *
+ * A gate is made open. While it is closed, waits block; opening it lets every waiter through, even
+ * if it is closed again at once. */
+
+typedef struct psp_syncObject *psp_sync;
+
+#define PSP_SYNC_NONE ((psp_sync)UINTPTR_MAX) /* no sync object */
+#define PSP_SYNC_EXCL 1                       /* recursive exclusive lock */
+#define PSP_SYNC_EVENT 2                      /* gate */
+#define PSP_NO_LIMIT UINT32_MAX               /* wait without a time limit */
+
+/** Makes a sync object: a lock that nobody holds, or an open gate.
+ *
+ *  @param kind  PSP_SYNC_EXCL or PSP_SYNC_EVENT.
+ *  @param file,line  the caller's source position, for the message.
+ *  @return the object; PSP_SYNC_NONE when the library is not started, the kind is another, memory
+ *          is short, or all 131,072 exist ("Insufficient number of semaphores, called from
+ *          FILE:LINE" is logged then).
+ *  Ended by psp_syncDelete, at the latest by the last psp_term. Any thread. */
+PSP_API psp_sync psp_syncCreate_check(int16_t kind, const char *file, uint32_t line) PSP_MUST_USE;
+
+/** Ends a sync object. Nobody may hold it, wait for it or use it any more.
+ *
+ *  @param object  a live object; PSP_SYNC_NONE and null do nothing. */
+PSP_API void psp_syncDelete(psp_sync object);
+
+/** Enters an exclusive lock, waiting as long as it takes. Each enter wants one exit.
+ *
+ *  @param object  a lock; a gate, PSP_SYNC_NONE and null do nothing. */
+PSP_API void psp_syncEnterExcl(psp_sync object);
+
+/** Leaves one level of an exclusive lock.
+ *
+ *  @param object  a lock; nothing happens if the calling thread does not hold it, nor for a gate,
+ *                 PSP_SYNC_NONE and null. */
+PSP_API void psp_syncExitExcl(psp_sync object);
+
+/** Waits until a gate is open.
+ *
+ *  @param object        a gate.
+ *  @param milliseconds  the longest time to wait; 0 only looks, PSP_NO_LIMIT waits for ever.
+ *  @return PSP_OKAY when open (and at once for any object that is no gate); PSP_TIMEOUT when the
+ *          limit has passed; PSP_FAILED when the platform cannot wait. */
+PSP_API psp_status psp_syncWait(psp_sync object, uint32_t milliseconds);
+
+/** Closes a gate: later waits block.
+ *
+ *  @param object  a gate; anything else does nothing. */
+PSP_API void psp_syncStart(psp_sync object);
+
+/** Opens a gate and lets every waiter through.
+ *
+ *  @param object  a gate; anything else does nothing. */
+PSP_API void psp_syncResume(psp_sync object);
+
+/** Enters the process-wide critical section, a recursive lock that guards one-time set-ups.
+ *
+ *  Works without a start. Any thread. It is not given up when its holder's thread ends. */
+PSP_API void psp_enterCritSec(void);
+
+/** Leaves one level of the process-wide critical section; nothing if the thread is not inside.
+ *
+ *  Works without a start. Any thread. */
+PSP_API void psp_exitCritSec(void);
+
+#define psp_syncCreate(kind) psp_syncCreate_check((kind), __FILE__, __LINE__)
+
+/* ---- Formatted text ---------------------------------------------------------------------------
+ * The engine behind every formatted text of the library. It differs from the C runtime's printf:
+ *
+ *   l          is 32 bits on EVERY platform; ll, I64 and j are 64; z, t and p are the platform's
+ *              own size_t, ptrdiff_t and pointer. Cast a long to int64_t and print it with ll.
+ *   f F e E g G  cap the precision at 19, round halves away from zero, print "#NAN" and "1.#INF",
+ *              and give exponents at least three digits. "a" and "A" print fixed notation. "L"
+ *              does not change the argument, which is a double. In fixed notation a magnitude of
+ *              2^64 or more fails the call.
+ *   '          groups thousands by the locale's separator, or "," where the locale has none.
+ *   p          prints as %X with at least 8 digits.
+ *   c          ignores width; s takes (null) for a null pointer and pads with blanks only.
+ *   I64, I32   are size prefixes like ll and none.
+ *
+ * The decimal point is the C runtime's locale's. No conversion allocates. All functions work in any
+ * thread. */
+
+/** Formats into a buffer.
+ *
+ *  @param buffer  where to store; null only measures.
+ *  @param size    bytes of the buffer, the terminator included; at most size - 1 characters are
+ *                 stored, and a size of 1 or more always gets a terminator.
+ *  @param format  the format, not null.
+ *  @param arguments  the values that the format names.
+ *  @return the characters that the whole text needs, without the terminator; -1 for a width or
+ *          precision above 2^31 - 1, a fixed notation out of range, or a text of 2^31 - 1
+ *          characters or more.
+ *  Works without a start. */
+PSP_API int32_t psp_vsnprintf(char *buffer, size_t size, const char *format, va_list arguments);
+
+/** psp_vsnprintf with the values as arguments. */
+PSP_API int32_t psp_snprintf(char *buffer, size_t size, const char *format, ...);
+
+/** Formats into a new string of the tag.
+ *
+ *  @param tag     the owner; null is the default tag.
+ *  @param format  as in psp_vsnprintf.
+ *  @return the string, released with psp_freeMem(string, tag); null when formatting fails or memory
+ *          is short. */
+PSP_API char *psp_makeStr(psp_tag *tag, const char *format, ...) PSP_MUST_USE;
+
+/** psp_makeStr under the default tag. */
+PSP_API char *psp_makeString(const char *format, ...) PSP_MUST_USE;
+
+/** psp_makeStr with the source position that an out-of-memory message names. */
+PSP_API char *psp_makeStrVA(const char *file, uint32_t line, psp_tag *tag, const char *format,
+                            ...) PSP_MUST_USE;
+
+/* ---- UTF-8 and UTF-16 -------------------------------------------------------------------------
+ * The buffer functions store into a destination, or only measure when it is null. Their result
+ * counts the terminator, which is always stored. A destination that is too small is no failure:
+ * what does not fit is dropped, never split, and the result tells what was stored. The size of a
+ * destination must be at least 1.
+ *
+ * PSP_UTF8_STRICT fails at the first invalid byte or unit; PSP_UTF8_REPLACE puts a question mark in
+ * its place. Any other mode acts as strict. U+FFFE, U+FFFF, encoded surrogates and overlong forms
+ * are invalid in UTF-8. Note that the plain and the counted forms order their arguments differently.
+ *
+ * The buffer functions work without a start; all work in any thread. */
+
+#define PSP_UTF8_STRICT 0u
+#define PSP_UTF8_REPLACE 1u
+
+/** Converts a zero-terminated wide string to UTF-8.
+ *
+ *  @param destination  bytes, or null to measure.
+ *  @param source       the wide string, not null.
+ *  @param size         bytes of the destination, the terminator included.
+ *  @param mode         PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
+ *  @return bytes stored or needed, the terminator included; -1 when the source is invalid, or a
+ *          replacement for a held high surrogate finds no room, or the result would pass 2^31 - 1.
+ *          After -1 the destination holds what came before, without a terminator. */
+PSP_API int32_t psp_wchar_to_utf8(char *destination, const psp_wchar *source, uint32_t size,
+                                  uint32_t mode);
+
+/** Converts count units, zero units included. Otherwise as psp_wchar_to_utf8. */
+PSP_API int32_t psp_wchar_to_utf8_len(char *destination, uint32_t size, const psp_wchar *source,
+                                      uint32_t count, uint32_t mode);
+
+/** Converts a zero-terminated UTF-8 string to UTF-16.
+ *
+ *  @param destination  units, or null to measure.
+ *  @param source       the UTF-8 string, not null.
+ *  @param size         units of the destination, the terminator included.
+ *  @param mode         PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
+ *  @return units stored or needed, the terminator included; -1 when the source is invalid, or a
+ *          replacement for a sequence cut short by the end finds no room, or the result would pass
+ *          2^31 - 1. A character that does not fit is dropped, and a later shorter one may still
+ *          take the remaining place. */
+PSP_API int32_t psp_utf8_to_wchar(psp_wchar *destination, const char *source, uint32_t size,
+                                  uint32_t mode);
+
+/** Converts count bytes, zero bytes included. Otherwise as psp_utf8_to_wchar. */
+PSP_API int32_t psp_utf8_to_wchar_len(psp_wchar *destination, uint32_t size, const char *source,
+                                      uint32_t count, uint32_t mode);
+
+/** Converts a wide string to a new UTF-8 string of the default tag.
+ *
+ *  @param source  the wide string, not null.
+ *  @param mode    PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
+ *  @return the string, released with psp_freeMem(string, NULL); null when the source is invalid,
+ *          memory is short or the library is not started. */
+PSP_API char *psp_convertToUTF8(const psp_wchar *source, uint32_t mode) PSP_MUST_USE;
+
+/** Converts a UTF-8 string to a new wide string of the default tag. As psp_convertToUTF8. */
+PSP_API psp_wchar *psp_convertToWchar(const char *source, uint32_t mode) PSP_MUST_USE;
+
+/** Converts an argument vector to UTF-8, strictly.
+ *
+ *  @param count      entries; 0 gives an empty array.
+ *  @param arguments  wide strings; a null entry gives a null entry.
+ *  @param result     receives the array of count strings, without a null at the end. The caller
+ *                    releases each string and then the array with psp_freeMem(..., NULL).
+ *  @return PSP_OKAY; PSP_FAILED when an entry is invalid or memory is short: nothing is left
+ *          allocated then, and the result is null (untouched if the array itself failed). */
+PSP_API psp_status psp_convertArgvToUTF8(int32_t count, psp_wchar *const *arguments,
+                                         char ***result) PSP_MUST_USE;
+
+/* ---- Small utilities --------------------------------------------------------------------------
+ * Pure functions. They work without a start and in any thread. */
+
+/** Finds a pattern in a text without regard to the case of the letters A to Z.
+ *
+ *  @param text     the text; null counts as empty.
+ *  @param pattern  the pattern; null counts as empty.
+ *  @return the first place where it occurs; null when it does not, and for an empty text. An empty
+ *          pattern occurs at the start of any other text. */
+PSP_API const char *psp_strcasestr(const char *text, const char *pattern);
+
+/** Copies at most size - 1 characters, fills the rest of the buffer with zeros and terminates it.
+ *
+ *  @param destination  the buffer.
+ *  @param source       the string; null counts as empty.
+ *  @param size         bytes of the buffer; 0 touches nothing.
+ *  @return the destination. */
+PSP_API char *psp_strncpyZ(char *destination, const char *source, uint32_t size);
+
+/** psp_strncpyZ for wide strings; the size is in units. */
+PSP_API psp_wchar *psp_wcsncpyZ(psp_wchar *destination, const psp_wchar *source, uint32_t size);
+
+/** Rounds to the nearest whole number, halves away from zero. A NaN stays one. */
+PSP_API double psp_round(double value);
+
+/** The alignment class (0 to 6) of a field type code such as 'i' or 'F'; 0 for unknown codes. */
+PSP_API int32_t psp_alignType(char code);
+
+/** The smallest offset not below the given one that is a multiple of the class's alignment.
+ *
+ *  @param offset           bytes; near 65,535 the result wraps.
+ *  @param alignment_class  0 to 6: 1, 2, 2, 4, 4, 8, 8 bytes; any other value aligns to 1. */
+PSP_API uint16_t psp_align(uint16_t offset, int32_t alignment_class);
+
+/** The bytes of a value in reverse order. */
+PSP_API uint16_t psp_swaporder16(uint16_t value);
+/** The bytes of a value in reverse order. */
+PSP_API uint32_t psp_swaporder32(uint32_t value);
+/** The bytes of a value in reverse order. */
+PSP_API uint64_t psp_swaporder64(uint64_t value);
+/** The float whose bytes are those of the pattern in reverse order. */
+PSP_API float psp_swaporderf32(uint32_t pattern);
+/** The double whose bytes are those of the pattern in reverse order. */
+PSP_API double psp_swaporderf64(uint64_t pattern);
+
+/* ---- Files ------------------------------------------------------------------------------------
+ * psp_fileOpen makes a handle, psp_fileClose ends it; every handle is to be closed before the last
+ * psp_term. A handle is used by one thread at a time. It is never inherited by a child process that
+ * runs another program.
+ *
+ * Names are UTF-8. Both separators, slash and backslash, are accepted. The names "stdin", "stdout"
+ * and "stderr" designate the process's standard channels, in every mode; closing such a handle
+ * leaves the channel open.
+ *
+ * PSP_FILE_DENY_READ and PSP_FILE_DENY_WRITE keep other handles of this process and of other
+ * processes that use the library from opening the file so. On POSIX programs that do not use the
+ * library are not stopped, and denying others to read wants the right to write the file. The denial
+ * ends with the handle, or with the process.
+ *
+ * psp_fileLock takes the first byte of the file for one handle; meanwhile reads and writes of that
+ * byte through other handles fail with a lock violation. A positional read repeats itself for as
+ * long as that lasts.
+ *
+ * Read-only mode: opening for writing or creation fails, writes write nothing and give 0, setting
+ * the size fails, sync does nothing. No-disk mode: every open but that of the standard channels
+ * fails. */
+
+typedef struct psp_file *PSP_FH;
+
+#define PSP_OPEN_READ 0x0000u      /* read only */
+#define PSP_OPEN_WRITE 0x0001u     /* write only */
+#define PSP_OPEN_READWRITE 0x0002u /* read and write; wins over PSP_OPEN_WRITE */
+#define PSP_OPEN_APPEND 0x0008u    /* kept with the handle; writes still go to the position */
+#define PSP_OPEN_CREATE 0x0100u    /* create the file if it is missing */
+#define PSP_OPEN_TRUNCATE 0x0200u  /* create the file, or empty it if it exists */
+
+#define PSP_FILE_DENY_READ 0x0001u  /* others may not read while the handle is open */
+#define PSP_FILE_DENY_WRITE 0x0002u /* others may not write while the handle is open */
+#define PSP_FILE_MEMORY 0x0040u     /* the file lives in the in-memory file store */
+#define PSP_FILE_NOSYNC 0x0200u     /* psp_fileSync does nothing for the handle */
+
+#define PSP_SEEK_START 0
+#define PSP_SEEK_CURRENT 1
+#define PSP_SEEK_END 2
+
+/** Opens a file.
+ *
+ *  @param name   the path.
+ *  @param flags  PSP_OPEN_ bits.
+ *  @param mode   PSP_FILE_ bits.
+ *  @return the handle; null when the library is not started, the name is null, a directory or
+ *          refused by the platform, another handle's mode forbids it, a process-wide mode forbids
+ *          it, memory is short, or the mode asks for the in-memory store and it has no such file.
+ *  Any thread. */
+PSP_API PSP_FH psp_fileOpen(const char *name, uint32_t flags, uint16_t mode) PSP_MUST_USE;
+
+/** psp_fileOpen with a wide name; a name that is not valid UTF-16 fails. */
+PSP_API PSP_FH psp_fileOpenW(const psp_wchar *name, uint32_t flags, uint16_t mode) PSP_MUST_USE;
+
+/** Closes a file and ends its handle.
+ *
+ *  @param file  the handle; null does nothing. */
+PSP_API void psp_fileClose(PSP_FH file);
+
+/** Moves the sequential position.
+ *
+ *  @param file    the handle.
+ *  @param offset  bytes, from whence.
+ *  @param whence  PSP_SEEK_START, _CURRENT or _END; another value is reported and taken as start.
+ *  @return PSP_OKAY; PSP_FAILED when the file cannot be positioned or the place is negative. */
+PSP_API psp_status psp_fileSeek(PSP_FH file, int64_t offset, int32_t whence);
+
+/** Reads at most count bytes at the sequential position and moves it.
+ *
+ *  @return bytes read, 0 at the end; -1 after a failure, which is logged. A count above 2^31 - 1
+ *          reads that much at most. */
+PSP_API int32_t psp_fileRead(PSP_FH file, void *buffer, uint32_t count);
+
+/** Writes count bytes at the sequential position and moves it.
+ *
+ *  @return bytes written, fewer only if the platform stopped half-way (a full disk); 0 in read-only
+ *          mode; -1 after a failure or for a count above 2^31 - 1, told on the C runtime's standard
+ *          error. */
+PSP_API int32_t psp_fileWrite(PSP_FH file, const void *buffer, uint32_t count);
+
+/** Reads at most count bytes at an offset. Where the sequential position is afterwards is open.
+ *
+ *  @return bytes read, 0 at or past the end; -1 after a failure, which is logged. While another
+ *          handle holds the first byte, a read of it repeats itself without end. */
+PSP_API int32_t psp_fileSeekRead(PSP_FH file, int64_t offset, void *buffer, uint32_t count);
+
+/** Writes count bytes at an offset. Where the sequential position is afterwards is open.
+ *
+ *  @return bytes written; 0 in read-only mode; -1 after a failure, which is logged. */
+PSP_API int32_t psp_fileSeekWrite(PSP_FH file, int64_t offset, const void *buffer, uint32_t count);
+
+/** The length of an open file in bytes; 0 when it cannot be told. */
+PSP_API int64_t psp_fileLength(PSP_FH file);
+
+/** The length of a file by name.
+ *
+ *  @return bytes; -1 when it cannot be queried. No-disk mode does not matter. Works without a
+ *          start. Any thread. */
+PSP_API int64_t psp_fileLengthStat(const char *name, uint16_t mode);
+
+/** Sets the length of a file: cuts it, or appends zero bytes. The position is the new end then.
+ *
+ *  @param size  the new length in bytes.
+ *  @return 0; -1 when it failed, for a negative size and in read-only mode. */
+PSP_API int32_t psp_fileSetSize(PSP_FH file, int64_t size);
+
+/** Takes the first byte of the file for this handle; never waits.
+ *
+ *  @return PSP_OKAY; PSP_FAILED when another handle, or this one, holds it. */
+PSP_API psp_status psp_fileLock(PSP_FH file);
+
+/** Gives the first byte back.
+ *
+ *  @return PSP_OKAY; PSP_FAILED when the handle does not hold it. */
+PSP_API psp_status psp_fileUnlock(PSP_FH file);
+
+/** Makes what was written durable.
+ *
+ *  @return always PSP_OKAY. To learn of a failure, clear the platform's last error before the call
+ *          and look at psp_errno after it. */
+PSP_API psp_status psp_fileSync(PSP_FH file);
+
+/** The time of the last modification of a file by name.
+ *
+ *  @return seconds since 1970-01-01 UTC; -1 when it cannot be queried and in no-disk mode. Works
+ *          without a start. Any thread. */
+PSP_API int64_t psp_fileModTimeStat(const char *name, uint16_t mode);
+
+/* ---- Text streams -----------------------------------------------------------------------------
+ * A stream is a buffered text file: psp_fopen makes it, psp_fclose ends it. One thread at a time.
+ * Texts are UTF-8 whatever the file holds. A read stream recognises a byte-order mark and turns
+ * UTF-16 into UTF-8; a write stream of width 2 writes a mark and UTF-16, little-endian. A carriage
+ * return with a line feed reads as one line feed, and a line feed is written as the two.
+ *
+ * Reading and writing may alternate. What is written reaches the file when a block of 1024 bytes is
+ * full, at a flush and at the close. In read-only mode output is dropped in silence.
+ *
+ * A byte 0xFF of 8-bit text reads as -1 and cannot be told from the end. */
+
+typedef struct psp_stream psp_stream;
+
+/** psp_fopenEx with mode word 0. */
+PSP_API psp_stream *psp_fopen(const char *name, const char *mode, uint32_t width) PSP_MUST_USE;
+
+/** Opens a text file.
+ *
+ *  @param name       the path.
+ *  @param mode       "r", "w" (create or empty) or "a" (create; starts at the end), each with an
+ *                    optional "+" for reading and writing; any other character fails. Null reads.
+ *  @param width      bytes of a unit of a write stream, 1 or 2; 0 is 1. Read streams find out.
+ *  @param mode_word  PSP_FILE_ bits.
+ *  @return the stream; null when the file cannot be opened or memory is short.
+ *  Ended by psp_fclose. Any thread. */
+PSP_API psp_stream *psp_fopenEx(const char *name, const char *mode, uint32_t width,
+                                uint16_t mode_word) PSP_MUST_USE;
+
+/** Opens a standard channel by name, "stdin", "stdout" or "stderr", as 8-bit text.
+ *
+ *  @return the stream; null when that fails. Ended by psp_fclose, which leaves the channel open. */
+PSP_API psp_stream *psp_fopen_std(const char *name) PSP_MUST_USE;
+
+/** Writes what is buffered, a failure of which is not reported (psp_fflush first, if it matters),
+ *  closes the file and ends the stream.
+ *
+ *  @param stream  the stream; null does nothing. */
+PSP_API void psp_fclose(psp_stream *stream);
+
+/** Reads one character: one byte of the UTF-8 text.
+ *
+ *  @return the byte as a signed value (0x80 to 0xFF are -128 to -1; continuation bytes made from
+ *          UTF-16 are 128 to 191), or a value pushed back, as it was; -1 at the end. */
+PSP_API int32_t psp_fgetc(psp_stream *stream);
+
+/** Pushes a value back; the next psp_fgetc gives it. Up to 20 are held, last in, first out.
+ *
+ *  @return the value; -1 when 20 are held. */
+PSP_API int32_t psp_fungetc(int32_t character, psp_stream *stream);
+
+/** Reads up to a line feed, which is kept, or size - 1 characters, and terminates them.
+ *
+ *  @param buffer  where to store.
+ *  @param size    bytes of the buffer.
+ *  @return the buffer; null when nothing was read, the buffer is null or the size not positive. */
+PSP_API char *psp_fgets(char *buffer, int32_t size, psp_stream *stream);
+
+/** Reads a line of any length. A zero byte belongs to the line like any other.
+ *
+ *  @param stream  the stream.
+ *  @param buffer  in and out: the line buffer, a block of the default tag that grows and is reused;
+ *                 null obtains one. The caller releases it with psp_freeMem(buffer, NULL).
+ *  @param size    in and out: its size in bytes; 0 is taken as 100.
+ *  @return the line with its line feed, if it had one; null at the end, for a null argument and
+ *          when the buffer cannot grow (buffer and size stay valid and hold the line's beginning). */
+PSP_API char *psp_fGetLine(psp_stream *stream, char **buffer, uint32_t *size);
+
+/** Writes one character; a line feed goes out as carriage return and line feed.
+ *
+ *  @return 1, or 0 when it failed. */
+PSP_API int32_t psp_fputc(int32_t character, psp_stream *stream);
+
+/** Writes a string.
+ *
+ *  @return the bytes of the string; -1 at the first character that fails (earlier ones stay). */
+PSP_API int32_t psp_fputs(const char *string, psp_stream *stream);
+
+/** Writes formatted text (see psp_vsnprintf).
+ *
+ *  @return the bytes of the text; -1 when formatting, memory or writing fails. */
+PSP_API int32_t psp_vfprintf(psp_stream *stream, const char *format, va_list arguments);
+
+/** psp_vfprintf with the values as arguments. */
+PSP_API int32_t psp_fprintf(psp_stream *stream, const char *format, ...);
+
+/** Writes what is buffered and makes it durable.
+ *
+ *  @return 0; -1 when half of a UTF-8 character waits to be written as UTF-16. A failed write is not
+ *          reported here; its bytes stay buffered. */
+PSP_API int32_t psp_fflush(psp_stream *stream);
+
+/** Moves the position.
+ *
+ *  @param offset  bytes: from the first character after the mark (origin 0), from the position (1)
+ *                 or from the known length (2). Values pushed back stay.
+ *  @return PSP_OKAY; PSP_FAILED for another origin and for a place before the start of the file. */
+PSP_API psp_status psp_fseek(psp_stream *stream, int32_t offset, int32_t origin);
+
+/* ---- Channels and log -------------------------------------------------------------------------
+ * The process has three output channels: standard output, standard error and the log. Each writes
+ * to the output that was pushed on it last; the first two start with the process's own. Pushing and
+ * popping must not run while another thread writes to the same channel; everything else may be
+ * called by any thread, and one message is always written in one piece.
+ *
+ * A log message goes to the standard output channel (psp_log_err: standard error) and, with a stamp
+ * "[19-Nov-2026 06:32:28]" and two blanks before it, to the log's output if there is one. End your
+ * messages with "\n". Before psp_init and after the last psp_term messages go to the C runtime's
+ * standard output and standard error. */
+
+/** Pushes an output on the standard output channel.
+ *
+ *  @param name  the file to create or empty; a name that the channel writes to already (in any case
+ *               of letters) is shared. Null or empty pushes an output that swallows everything.
+ *  @return PSP_OKAY; PSP_FAILED when the library is not started or the file cannot be opened;
+ *          PSP_NOMEMORY. The channel is unchanged then. */
+PSP_API psp_status psp_stdout_open(const char *name);
+/** Pushes an output on the standard error channel. As psp_stdout_open. */
+PSP_API psp_status psp_stderr_open(const char *name);
+/** Pushes an output on the log channel. As psp_stdout_open. */
+PSP_API psp_status psp_log_open(const char *name);
+
+/** Pushes the output whose name is the two strings joined on the log channel.
+ *
+ *  @return as psp_log_open; PSP_OKAY, with nothing opened, when the library is not started. */
+PSP_API psp_status psp_log_create(const char *first, const char *second);
+
+/** Pops the standard output channel's output, if there is one; its last use closes the file. */
+PSP_API void psp_stdout_close(void);
+/** Pops the standard error channel's output. As psp_stdout_close. */
+PSP_API void psp_stderr_close(void);
+/** Pops the log channel's output. As psp_stdout_close. */
+PSP_API void psp_log_close(void);
+
+/** Writes formatted text to the standard output channel, without a flush.
+ *
+ *  @return bytes of the text; 0 when the channel swallows it; -1 when it failed. */
+PSP_API int32_t psp_printf(const char *format, ...);
+/** psp_printf with an argument list. */
+PSP_API int32_t psp_printfV(const char *format, va_list arguments);
+/** Writes formatted text to the standard error channel. As psp_printf. */
+PSP_API int32_t psp_printfErr(const char *format, ...);
+/** psp_printfErr with an argument list. */
+PSP_API int32_t psp_printfErrV(const char *format, va_list arguments);
+
+/** Flushes the standard output channel; without an output, the C runtime's standard output. */
+PSP_API void psp_flush(void);
+/** Flushes the standard error channel; without an output, the C runtime's standard error. */
+PSP_API void psp_flushErr(void);
+
+/** Logs a message and flushes it. The platform's last error code is left as it was.
+ *
+ *  @return bytes written to the standard output channel, 0 when it swallows them; -1 when that
+ *          failed. A message that cannot be formatted is dropped and gives 0. */
+PSP_API int32_t psp_log(const char *format, ...);
+/** psp_log with an argument list. */
+PSP_API int32_t psp_logV(const char *format, va_list arguments);
+/** Logs a message to the standard error channel and the log. As psp_log. */
+PSP_API int32_t psp_log_err(const char *format, ...);
+
+/* A message built from pieces. */
+typedef struct psp_logChunk psp_logChunk;
+
+/** Starts a message that is built from pieces and logged whole.
+ *
+ *  @return the chunk, ended by psp_log_chunk_end; null when the library is not started or memory is
+ *          short. It belongs to the thread that builds it. */
+PSP_API psp_logChunk *psp_log_chunk_init(void) PSP_MUST_USE;
+
+/** Adds a formatted piece. A null chunk or format does nothing; a piece that cannot be formatted or
+ *  held is left out whole. */
+PSP_API void psp_log_chunk(psp_logChunk *chunk, const char *format, ...);
+
+/** Adds a last piece (format may be null), logs the message if it has text, and ends the chunk. */
+PSP_API void psp_log_chunk_end(psp_logChunk *chunk, const char *format, ...);
+
+/** Flushes all three channels. */
+PSP_API void psp_log_flush(void);
+
+/* ---- Time, environment and process ------------------------------------------------------------
+ * Thin wrappers. They work without a start and in any thread. */
+
+/** Suspends the calling thread, no shorter than told.
+ *
+ *  @param milliseconds  0 yields. */
+PSP_API void psp_sleep(uint32_t milliseconds);
+
+/** The process identifier. */
+PSP_API int32_t psp_get_pid(void);
+
+/** Prepares running in the background: nothing to do, a service manager does it.
+ *
+ *  @return always PSP_OKAY. */
+PSP_API psp_status psp_daemonStart(int32_t first, int32_t second);
+/** Ends the preparation; does nothing. */
+PSP_API void psp_daemonComplete(int32_t value);
+
+/** The calendar time, for seeding a random generator. */
+PSP_API int64_t psp_seed(void);
+/** The calendar time in seconds since 1970-01-01 UTC. */
+PSP_API int64_t psp_timeSecs(void);
+/** The calendar time in milliseconds, modulo 2^32. */
+PSP_API uint32_t psp_timeMilliSecs(void);
+/** A monotonic time in nanoseconds since some point; 0 when the platform has none. */
+PSP_API uint64_t psp_timeNanoSecs(void);
+
+/** Converts a calendar time to local time.
+ *
+ *  @param result  receives the nine fields.
+ *  @return result; null when it is null or the time cannot be converted. */
+PSP_API struct tm *psp_timeLocaltime(int64_t time, struct tm *result);
+
+/** The text of a calendar time in local time, as ctime gives it, with its newline.
+ *
+ *  @return the C runtime's own buffer, which the next such call of any thread overwrites; null when
+ *          the time cannot be converted. */
+PSP_API const char *psp_timeCtime(int64_t time);
+
+/** The value of an environment variable.
+ *
+ *  @return the runtime's text; null when it is not set or the name is null. */
+PSP_API const char *psp_getenv(const char *name);
+/** psp_getenv for wide strings.
+ *
+ *  @return the text, which stays valid until the last psp_term; null when it is not set, is not
+ *          UTF-8, or memory is short. */
+PSP_API const psp_wchar *psp_getenvW(const psp_wchar *name);
+
+/** Sets or, for a null name, queries the locale. Numbers and meaning are the C runtime's.
+ *
+ *  @param category  LC_ALL and its relatives of <locale.h>.
+ *  @param name      the locale.
+ *  @return the runtime's text; null when the locale does not exist. */
+PSP_API const char *psp_setlocale(int32_t category, const char *name);
+/** psp_setlocale for wide strings. The result is as long valid as that of psp_getenvW. */
+PSP_API const psp_wchar *psp_setlocaleW(int32_t category, const psp_wchar *name);
+
+/** Installs the function that an interrupt calls, or removes it.
+ *
+ *  Interrupts are SIGINT, SIGTERM and SIGHUP on POSIX, console control events on Windows. The
+ *  handler runs on a thread of its own, never inside a signal, and may use the whole library.
+ *
+ *  @param handler  the function; it replaces an earlier one. Null removes it and restores what the
+ *                  interrupts did before.
+ *  @return PSP_OKAY; PSP_FAILED when the platform refuses, and then nothing is changed. */
+PSP_API psp_status psp_handleInterrupt(void (*handler)(void));
+
+#if defined(__cplusplus)
+}
+#endif
+
+#endif

@@ -1,0 +1,127 @@
+// Locks of the library: the recursive lock behind sync objects and internal state, its guard, and
+// the one order in which locks are taken.
+//
+// A lock is two words. `state` says free, held, or held with waiters, and is what waiters sleep on;
+// `owner` names the holding thread and is written by the holder alone. An uncontended enter is one
+// compare-and-swap, an exit one exchange; neither makes a system call.
+//
+// Why reading `owner` without the lock is right: a thread compares it with its own identity only.
+// It finds its own identity there exactly if it wrote it and has not cleared it, for nobody else
+// writes that value; whatever else it reads, however stale, means "not mine".
+//
+// Included by modules that own locks.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "core/thread_annotations.h"
+#include "psp.h"
+
+namespace psp::core {
+
+// The order of locks: a thread takes them with rising rank only; a lock that it holds already may
+// be entered again at any time. Builds with PSP_CHECK_LOCK_ORDER stop the process otherwise. Locks
+// of clients have no rank: they may be held when the library is called.
+enum class LockRank : uint8_t {
+  kClient,
+  kGlobal,     // psp_enterCritSec: start, stop, one-time set-ups
+  kProcess,    // the interrupt handler, the wide answers of the environment
+  kChannel,    // a channel's outputs; two channels' locks are never held together
+  kTag,        // a tag's blocks; two tags' locks are never held together
+  kTagList,    // the list of tags
+  kSyncTable,  // the table of sync objects
+  kCount,
+};
+
+// What a thread remembers of its locks. Its address is the thread's identity as an owner.
+struct ThreadLocks {
+  psp_syncObject *newest_held = nullptr;  // see sync.h
+  uint32_t life = 0;                      // the life of the library that the list belongs to
+#ifdef PSP_CHECK_LOCK_ORDER
+  uint32_t held_of_rank[static_cast<size_t>(LockRank::kCount)] = {};
+#endif
+};
+
+extern constinit thread_local ThreadLocks thread_locks;
+
+class PSP_CAPABILITY("lock") Lock {
+ public:
+  constexpr explicit Lock(LockRank rank) : rank_(rank) {}
+  Lock(const Lock &) = delete;
+  Lock &operator=(const Lock &) = delete;
+
+  // True when this was the thread's first level.
+  bool enter() PSP_ACQUIRES() {
+    if (mine()) {
+      ++depth_;
+      return false;
+    }
+    check_order();
+    uint32_t state = kFree;
+    if (!state_.compare_exchange_strong(state, kHeld, std::memory_order_acquire,
+                                        std::memory_order_relaxed)) [[unlikely]] {
+      wait_until_taken();
+    }
+    owner_.store(&thread_locks, std::memory_order_relaxed);
+    depth_ = 1;
+    return true;
+  }
+
+  // Only while mine(). True when this was the thread's last level; the caller release()s then.
+  bool leave_level() { return --depth_ == 0; }
+
+  // After the last level: lets the next thread in.
+  void release() PSP_RELEASES() {
+    note_release();
+    owner_.store(nullptr, std::memory_order_relaxed);
+    if (state_.exchange(kFree, std::memory_order_release) == kContended) [[unlikely]]
+      wake_waiter();
+  }
+
+  // Gives up all levels of the holder, which is the calling thread, at its end.
+  void abandon() PSP_RELEASES() {
+    depth_ = 0;
+    release();
+  }
+
+  // Nothing happens when the calling thread does not hold the lock.
+  void exit() PSP_RELEASES() {
+    if (mine() && leave_level()) release();
+  }
+
+  bool mine() const { return owner_.load(std::memory_order_relaxed) == &thread_locks; }
+
+ private:
+  static constexpr uint32_t kFree = 0;
+  static constexpr uint32_t kHeld = 1;
+  static constexpr uint32_t kContended = 2;  // held, and a waiter may sleep
+
+  void wait_until_taken();
+  void wake_waiter();
+#ifdef PSP_CHECK_LOCK_ORDER
+  void check_order() const;
+  void note_release() const;
+#else
+  void check_order() const {}
+  void note_release() const {}
+#endif
+
+  std::atomic<uint32_t> state_{kFree};
+  uint32_t depth_ = 0;                        // levels of the holder
+  std::atomic<const void *> owner_{nullptr};  // the holder's ThreadLocks
+  [[maybe_unused]] LockRank rank_;
+};
+
+class PSP_SCOPED_CAPABILITY LockGuard {
+ public:
+  explicit LockGuard(Lock &lock) PSP_ACQUIRES(lock) : lock_(lock) { lock_.enter(); }
+  ~LockGuard() PSP_RELEASES() { lock_.exit(); }
+  LockGuard(const LockGuard &) = delete;
+  LockGuard &operator=(const LockGuard &) = delete;
+
+ private:
+  Lock &lock_;
+};
+
+}  // namespace psp::core

@@ -1,0 +1,21 @@
+// Start and stop of each module with state. psp.cpp calls them in the order of its table; nobody
+// else does. A start that fails leaves its module as it was before. Stops cannot fail.
+#pragma once
+
+#include "psp.h"
+
+namespace psp::core {
+
+psp_status sync_start();
+void sync_stop();
+
+psp_status memory_start();
+void memory_stop();
+
+psp_status files_start();
+void files_stop();
+
+psp_status channels_start();
+void channels_stop();
+
+}  // namespace psp::core

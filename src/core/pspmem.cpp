@@ -1,0 +1,360 @@
+// Module pspmem: tagged memory.
+//
+// Owns the tags: the default tag, which exists from start to stop, and those of clients, in a list
+// in the order of their creation. Each tag owns its blocks, which come from the C runtime:
+//
+//     | older | newer |  the caller's bytes, aligned for any type  |
+//     ^ header        ^ the caller's pointer
+//
+// The blocks of a tag form a ring through the tag's own anchor. A ring has no ends, so a block is
+// unlinked without a look at its tag, and a release that names the wrong tag cannot tear one.
+//
+// Locks: a thread-safe tag's lock guards its ring and its jump; the tag list lock guards the list
+// of tags. Order: a tag's lock, then the tag list lock; two tags' locks are never held together. No
+// lock is held while a message is logged or a jump is made. Blocks are obtained and released
+// outside the locks.
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <utility>
+
+#include "core/checked.h"
+#include "core/exported_call.h"
+#include "core/lifecycle.h"
+#include "core/live_blocks.h"
+#include "core/modules.h"
+#include "core/sync.h"
+#include "os/os.h"
+
+namespace {
+
+constexpr char kSource[] = "pspmem.cpp";
+
+// The header of a block; the caller's bytes stand behind it, aligned for any type.
+struct alignas(max_align_t) Block {
+  Block *older;
+  Block *newer;
+
+  void *content() { return this + 1; }
+  static Block *of(void *content) { return static_cast<Block *>(content) - 1; }
+
+  void link_as_newest(Block *anchor) {
+    older = anchor->older;
+    newer = anchor;
+    older->newer = this;
+    anchor->older = this;
+  }
+  void unlink() const {
+    older->newer = newer;
+    newer->older = older;
+  }
+};
+
+}  // namespace
+
+struct psp_tag {
+  psp_tag *older;  // the list of tags
+  psp_tag *newer;
+  psp_sync lock;                      // PSP_SYNC_NONE for a tag of one thread
+  Block anchor PSP_GUARDED_BY(lock);  // of the ring of blocks; anchor.older is the newest block
+  bool armed PSP_GUARDED_BY(lock);    // a failed allocation jumps
+  jmp_buf jump PSP_GUARDED_BY(lock);  // where to, while armed
+};
+
+namespace psp::core {
+
+constinit thread_local CallState call_state;
+
+namespace {
+
+struct State {
+  psp_tag *default_tag = nullptr;
+
+  psp_sync list_lock = nullptr;
+  psp_tag *oldest PSP_GUARDED_BY(list_lock) = nullptr;
+  psp_tag *newest PSP_GUARDED_BY(list_lock) = nullptr;
+
+  LiveBlocks live;
+};
+
+constinit State state;
+
+psp_tag *tag_or_default(psp_tag *tag) { return tag != nullptr ? tag : state.default_tag; }
+
+void arm(psp_tag *tag, const jmp_buf *jump) PSP_REQUIRES(tag->lock) {
+  tag->armed = jump != nullptr;
+  if (jump != nullptr) std::memcpy(&tag->jump, jump, sizeof(jmp_buf));
+}
+
+// A tag with an empty ring and no lock, in no list; null when memory is short.
+psp_tag *make_tag(const jmp_buf *jump) PSP_UNCHECKED {
+  auto *tag = static_cast<psp_tag *>(std::calloc(1, sizeof(psp_tag)));
+  if (tag == nullptr) return nullptr;
+  tag->lock = PSP_SYNC_NONE;
+  tag->anchor.older = tag->anchor.newer = &tag->anchor;
+  arm(tag, jump);
+  return tag;
+}
+
+bool is_armed(psp_tag *tag) {
+  SyncGuard guard(tag->lock);
+  return tag->armed;
+}
+
+void append_to_list(psp_tag *tag) {
+  SyncGuard guard(state.list_lock);
+  tag->older = state.newest;
+  (state.newest != nullptr ? state.newest->newer : state.oldest) = tag;
+  state.newest = tag;
+}
+
+void remove_from_list(psp_tag *tag) {
+  SyncGuard guard(state.list_lock);
+  (tag->older != nullptr ? tag->older->newer : state.oldest) = tag->newer;
+  (tag->newer != nullptr ? tag->newer->older : state.newest) = tag->older;
+}
+
+// Releases every block of the ring, newest first. The next header is fetched while the C runtime
+// works on the present one.
+void release_blocks(psp_tag *tag) PSP_REQUIRES(tag->lock) {
+  Block *block = tag->anchor.older;
+  while (block != &tag->anchor) {
+    Block *older = block->older;
+    __builtin_prefetch(older);
+    state.live.clear(block);
+    std::free(block);
+    block = older;
+  }
+  tag->anchor.older = tag->anchor.newer = &tag->anchor;
+}
+
+void destroy_tag(psp_tag *tag) {
+  {
+    SyncGuard guard(tag->lock);
+    release_blocks(tag);
+  }
+  remove_from_list(tag);
+  psp_syncDelete(tag->lock);
+  if (call_state.jump_wanted == tag) call_state.jump_wanted = nullptr;
+  std::free(tag);
+}
+
+// Logs the failure, with nothing of the library held, and sees to the jump. Returns null where the
+// caller goes on without the memory.
+void *fail_allocation(psp_tag *tag, const char *file, uint32_t line) {
+  constexpr char kMessage[] = "Out of memory. Called from %s:%u\n";
+  CallState &call = call_state;
+  if (call.reporting) {
+    // The report of another failure ran out of memory too: that failure is the caller's, this one
+    // is told past the channels.
+    std::printf(kMessage, file, line);
+    return nullptr;
+  }
+  call.reporting = true;
+  ++call.depth;
+  psp_log(kMessage, file, line);
+  --call.depth;
+  call.reporting = false;
+
+  if (call.jump_wanted == nullptr && is_armed(tag)) call.jump_wanted = tag;
+  if (call.jump_wanted != nullptr && call.depth == 0) take_wanted_jump();
+  return nullptr;
+}
+
+// The bytes of content that a request asks for; false for a request that is none.
+bool content_bytes(size_t size, uint32_t mode, const void *source, size_t *bytes) {
+  switch (mode) {
+    case PSP_MEM_ALLOC:
+    case PSP_MEM_ZERO:
+      *bytes = size;
+      return size != 0;
+    case PSP_MEM_COPY:
+      *bytes = size;
+      return size != 0 && source != nullptr;
+    case PSP_MEM_STRDUP:
+      if (source == nullptr) return false;
+      *bytes = std::strlen(static_cast<const char *>(source)) + 1;
+      return true;
+    case PSP_MEM_WSTRDUP: {
+      if (source == nullptr) return false;
+      const auto *text = static_cast<const psp_wchar *>(source);
+      const psp_wchar *end = text;
+      while (*end != 0) ++end;
+      *bytes = static_cast<size_t>(end - text + 1) * sizeof(psp_wchar);
+      return true;
+    }
+    default:
+      return false;
+  }
+}
+
+}  // namespace
+
+void take_wanted_jump() {
+  psp_tag *tag = std::exchange(call_state.jump_wanted, nullptr);
+  jmp_buf jump;
+  {
+    SyncGuard guard(tag->lock);
+    if (!tag->armed) return;
+    std::memcpy(&jump, &tag->jump, sizeof jump);
+  }
+  longjmp(jump, 1);
+}
+
+psp_status memory_start() {
+  state.default_tag = make_tag(nullptr);
+  if (state.default_tag == nullptr) {
+    psp_log("Out of memory initializing PSP memory module\n");
+    return PSP_FAILED;
+  }
+  append_to_list(state.default_tag);
+  // The table of sync objects takes its first block from the default tag, which has no lock yet;
+  // nobody else is inside the library.
+  state.default_tag->lock = sync_create(PSP_SYNC_EXCL, LockRank::kTag, kSource, __LINE__);
+  state.list_lock = sync_create(PSP_SYNC_EXCL, LockRank::kTagList, kSource, __LINE__);
+  if (is_sync_object(state.default_tag->lock) && is_sync_object(state.list_lock)) return PSP_OKAY;
+  memory_stop();
+  return PSP_FAILED;
+}
+
+void memory_stop() PSP_UNCHECKED {
+  // The locks live in blocks of the default tag. They end first, and nobody is left to lock out.
+  state.list_lock = nullptr;
+  for (psp_tag *tag = state.oldest; tag != nullptr; tag = tag->newer) tag->lock = PSP_SYNC_NONE;
+  sync_close_all();
+  while (state.oldest != nullptr) destroy_tag(state.oldest);
+  state.default_tag = nullptr;
+  state.live.release();
+}
+
+}  // namespace psp::core
+
+using namespace psp::core;
+
+psp_tag *psp_createTagEx(jmp_buf *jump, uint32_t flags, const char *file, uint32_t line) {
+  static_cast<void>(file);
+  static_cast<void>(line);
+  if (!started()) return PSP_TAG_FAILED;
+  return exported_call([&] {
+    psp_tag *tag = make_tag(jump);
+    if (tag == nullptr) return PSP_TAG_FAILED;
+    if ((flags & PSP_TAG_THREADSAFE) != 0) {
+      tag->lock = sync_create(PSP_SYNC_EXCL, LockRank::kTag, kSource, __LINE__);
+    }
+    append_to_list(tag);
+    return tag;
+  });
+}
+
+void psp_resetTag(jmp_buf *jump, psp_tag *tag) {
+  if (!started() || tag == PSP_TAG_FAILED) return;
+  tag = tag_or_default(tag);
+  SyncGuard guard(tag->lock);
+  arm(tag, jump);
+}
+
+void psp_freeTagMemory(psp_tag *tag, int16_t release) {
+  if (!started() || tag == nullptr || tag == PSP_TAG_FAILED) return;
+  if (release != 0) {
+    destroy_tag(tag);
+    return;
+  }
+  SyncGuard guard(tag->lock);
+  release_blocks(tag);
+}
+
+void *psp_getMem(size_t size, psp_tag *tag, uint32_t mode, const void *source, const char *file,
+                 uint32_t line) {
+  size_t content = 0;
+  if (!started() || tag == PSP_TAG_FAILED || !content_bytes(size, mode, source, &content)) {
+    return nullptr;
+  }
+  tag = tag_or_default(tag);
+  size_t bytes = 0;
+  Block *block = nullptr;
+  if (psp::checked_add(content, sizeof(Block), &bytes)) [[likely]] {
+    block = static_cast<Block *>(mode == PSP_MEM_ZERO ? std::calloc(1, bytes) : std::malloc(bytes));
+  }
+  if (block == nullptr) [[unlikely]]
+    return fail_allocation(tag, file, line);
+  if (mode >= PSP_MEM_STRDUP) std::memcpy(block->content(), source, content);
+  state.live.mark(block);
+  SyncGuard guard(tag->lock);
+  block->link_as_newest(&tag->anchor);
+  return block->content();
+}
+
+void *psp_extendMem(void *pointer, size_t size, psp_tag *tag, int32_t zero, size_t zero_count,
+                    const char *file, uint32_t line) {
+  if (pointer == nullptr) {
+    return psp_getMem(size, tag, zero != 0 ? PSP_MEM_ZERO : PSP_MEM_ALLOC, nullptr, file, line);
+  }
+  if (!started() || tag == PSP_TAG_FAILED) return nullptr;
+  tag = tag_or_default(tag);
+  size_t bytes = 0;
+  Block *moved = nullptr;
+  {
+    // The block's neighbours must hold still while it moves.
+    SyncGuard guard(tag->lock);
+    Block *block = Block::of(pointer);
+    if (!state.live.is_live(block)) return nullptr;
+    if (psp::checked_add(size, sizeof(Block), &bytes)) {
+      // Before realloc: afterwards the old address may be another thread's new block.
+      state.live.clear(block);
+      moved = static_cast<Block *>(std::realloc(block, bytes));
+      state.live.mark(moved != nullptr ? moved : block);
+    }
+    if (moved != nullptr) {
+      moved->older->newer = moved;
+      moved->newer->older = moved;
+    }
+  }
+  if (moved == nullptr) return fail_allocation(tag, file, line);
+  auto *content = static_cast<unsigned char *>(moved->content());
+  if (zero != 0) {
+    const size_t cleared = zero_count < size ? zero_count : size;
+    std::memset(content + (size - cleared), 0, cleared);
+  }
+  return content;
+}
+
+void psp_freeMem(void *pointer, psp_tag *tag) {
+  if (pointer == nullptr || !started() || tag == PSP_TAG_FAILED) return;
+  tag = tag_or_default(tag);
+  Block *block = Block::of(pointer);
+  bool live = false;
+  {
+    SyncGuard guard(tag->lock);
+    live = state.live.is_live(block);
+    if (live) {
+      state.live.clear(block);
+      block->unlink();
+    }
+  }
+  if (live) {
+    std::free(block);
+  } else {
+    std::printf("Attempting to free previously freed memory\n");
+  }
+}
+
+void psp_moveMemTag(void *pointer, psp_tag *destination, psp_tag *source) {
+  if (!started() || pointer == nullptr || destination == source) return;
+  if (destination == PSP_TAG_FAILED || source == PSP_TAG_FAILED) return;
+  destination = tag_or_default(destination);
+  source = tag_or_default(source);
+  Block *block = Block::of(pointer);
+  {
+    SyncGuard guard(source->lock);
+    if (!state.live.is_live(block)) return;
+    block->unlink();
+  }
+  SyncGuard guard(destination->lock);
+  block->link_as_newest(&destination->anchor);
+}
+
+int32_t psp_memCmp(const void *first, const void *second, size_t length) {
+  if (length == 0) return 0;
+  const int order = std::memcmp(first, second, length);
+  return (order > 0) - (order < 0);
+}

@@ -1,0 +1,271 @@
+// Module pspsync: sync objects (recursive exclusive locks and gates) and the process-wide critical
+// section.
+//
+// Owns the table of sync objects: up to 128 blocks of 1024 slots, each block obtained from the
+// default tag when all before it are full, so that making or ending an object costs no allocation.
+// The table lock guards the table and the free lists. It is held for a few instructions only, never
+// while memory is obtained or a message is logged. Enter, exit, wait, open and close take no lock
+// of the library.
+//
+// Lock order: the global critical section before the table lock; see LockRank.
+#include <new>
+
+#include "core/checked.h"
+#include "core/exported_call.h"
+#include "core/lifecycle.h"
+#include "core/modules.h"
+#include "core/sync.h"
+#include "os/os.h"
+
+namespace psp::core {
+
+constinit std::atomic<uint32_t> sync_life{0};
+
+namespace {
+
+constexpr char kSource[] = "pspsync.cpp";
+
+constexpr int16_t kBlocks = 128;
+constexpr int16_t kSlotsPerBlock = 1024;
+constexpr int16_t kSlotsEnd = -1;   // `next` of the last free slot, `free_head` of a full block
+constexpr int16_t kSlotInUse = -2;  // `next` of a slot in use
+
+struct TableEntry {
+  void *memory;           // the block as obtained; null until the entry is needed
+  psp_syncObject *slots;  // the block on a cache line
+  int16_t free_head;      // most recently freed slot
+};
+
+struct State {
+  Lock global_section{LockRank::kGlobal};
+
+  uint32_t last_life = 0;  // guarded by the global critical section
+
+  Lock table_lock{LockRank::kSyncTable};
+  TableEntry table[kBlocks] PSP_GUARDED_BY(table_lock) = {};
+};
+
+constinit State state;
+
+// Makes a free block of the memory: the slots in index order.
+void link_slots(TableEntry *entry, void *memory, int16_t index) {
+  constexpr uintptr_t kLine = alignof(psp_syncObject);
+  const uintptr_t address = (reinterpret_cast<uintptr_t>(memory) + kLine - 1) & ~(kLine - 1);
+  entry->memory = memory;
+  entry->slots = reinterpret_cast<psp_syncObject *>(address);
+  entry->free_head = 0;
+  for (int16_t slot = 0; slot < kSlotsPerBlock; ++slot) {
+    psp_syncObject *object = new (&entry->slots[slot]) psp_syncObject;
+    object->entry = index;
+    object->next = slot + 1 < kSlotsPerBlock ? static_cast<int16_t>(slot + 1) : kSlotsEnd;
+  }
+}
+
+// What the search for a slot found.
+struct Search {
+  psp_syncObject *slot = nullptr;
+  int16_t blockless_entry = kBlocks;  // without a slot: the entry that wants a block, if any
+};
+
+// Takes the free slot of the lowest block that has one, but looks no further than the first entry
+// without a block.
+Search take_slot() PSP_REQUIRES(state.table_lock) {
+  for (int16_t index = 0; index < kBlocks; ++index) {
+    TableEntry &entry = state.table[index];
+    if (entry.slots == nullptr) return {.blockless_entry = index};
+    if (entry.free_head == kSlotsEnd) continue;
+    psp_syncObject *slot = &entry.slots[entry.free_head];
+    entry.free_head = slot->next;
+    slot->next = kSlotInUse;
+    return {.slot = slot};
+  }
+  return {};
+}
+
+// Takes a slot, obtaining a block when it must. Null when all are in use (*exhausted) or memory is
+// short. The block is obtained outside the table lock; if another thread was quicker, ours goes
+// back.
+psp_syncObject *obtain_slot(bool *exhausted) {
+  void *memory = nullptr;
+  Search search;
+  for (;;) {
+    {
+      LockGuard guard(state.table_lock);
+      search = take_slot();
+      if (search.blockless_entry < kBlocks && memory != nullptr) {
+        link_slots(&state.table[search.blockless_entry], memory, search.blockless_entry);
+        memory = nullptr;
+        search = take_slot();
+      }
+    }
+    if (search.slot != nullptr || search.blockless_entry == kBlocks) break;
+    memory = psp_getMem(sizeof(psp_syncObject) * kSlotsPerBlock + alignof(psp_syncObject), nullptr,
+                        PSP_MEM_ZERO, nullptr, kSource, __LINE__);
+    if (memory == nullptr) return nullptr;
+  }
+  psp_freeMem(memory, nullptr);
+  *exhausted = search.slot == nullptr;
+  return search.slot;
+}
+
+void give_slot_back(psp_syncObject *slot) {
+  LockGuard guard(state.table_lock);
+  TableEntry &entry = state.table[slot->entry];
+  slot->next = entry.free_head;
+  entry.free_head = static_cast<int16_t>(slot - entry.slots);
+}
+
+// The hook at a thread's end: whoever waits for one of its locks gets it.
+void give_up_locks_of_thread() PSP_UNCHECKED {
+  ThreadLocks &mine = thread_locks;
+  if (mine.life != sync_life.load(std::memory_order_relaxed)) return;
+  while (mine.newest_held != nullptr) {
+    psp_syncObject *object = mine.newest_held;
+    sync_forget_held(object);
+    object->lock.abandon();
+  }
+  mine.life = 0;  // a lock entered by a later hook of the same thread arms ours again
+}
+
+uint64_t monotonic_milliseconds() {
+  int64_t frequency = 0;
+  if (!os::counter_frequency(&frequency) || frequency < 1000) return 0;
+  return static_cast<uint64_t>(os::counter_value() / (frequency / 1000));
+}
+
+// Waits for the gate to leave the closed turn that the caller saw.
+psp_status wait_for_turn(Gate &gate, uint32_t closed_turn, uint32_t milliseconds) {
+  const uint64_t start = milliseconds == PSP_NO_LIMIT ? 0 : monotonic_milliseconds();
+  uint32_t left = milliseconds;
+  // Pairs with psp_syncResume: it changes the turn and then looks for waiters, we announce
+  // ourselves and then look at the turn. One of the two sees the other.
+  gate.waiters.fetch_add(1, std::memory_order_seq_cst);
+  psp_status status = PSP_OKAY;
+  while (gate.turns.load(std::memory_order_seq_cst) == closed_turn) {
+    const os::WaitResult result = os::wait_on_address(gate.turns, closed_turn, left);
+    if (gate.turns.load(std::memory_order_acquire) != closed_turn) break;
+    if (result == os::WaitResult::kFailed) {
+      status = PSP_FAILED;
+      break;
+    }
+    if (milliseconds == PSP_NO_LIMIT) continue;
+    const uint64_t passed = monotonic_milliseconds() - start;
+    if (result == os::WaitResult::kTimedOut || passed >= milliseconds) {
+      status = PSP_TIMEOUT;
+      break;
+    }
+    left = milliseconds - static_cast<uint32_t>(passed);
+  }
+  gate.waiters.fetch_sub(1, std::memory_order_relaxed);
+  return status;
+}
+
+constexpr bool is_open(uint32_t turn) { return (turn & 1) != 0; }
+
+}  // namespace
+
+void sync_attach_thread() {
+  thread_locks.newest_held = nullptr;
+  thread_locks.life = sync_life.load(std::memory_order_relaxed);
+  // Without room for the hook the thread's locks are not given up at its end; nothing else changes.
+  if (thread_locks.life != 0) os::arm_thread_exit_hook();
+}
+
+psp_sync sync_create(int16_t kind, LockRank rank, const char *file, uint32_t line) {
+  if (!started()) return PSP_SYNC_NONE;
+  if (kind != PSP_SYNC_EXCL && kind != PSP_SYNC_EVENT) return PSP_SYNC_NONE;
+  bool exhausted = false;
+  psp_syncObject *slot = obtain_slot(&exhausted);
+  if (slot == nullptr) {
+    if (exhausted) {
+      psp_log("Insufficient number of semaphores, called from %s:%d\n", file,
+              static_cast<int32_t>(line));
+    }
+    return PSP_SYNC_NONE;
+  }
+  new (&slot->lock) Lock(rank);
+  new (&slot->gate) Gate;
+  slot->kind = kind;
+  return slot;
+}
+
+void sync_close_all() PSP_UNCHECKED {
+  thread_locks.newest_held = nullptr;
+  for (TableEntry &entry : state.table) {
+    void *memory = entry.memory;
+    entry = {};
+    psp_freeMem(memory, nullptr);
+  }
+}
+
+psp_status sync_start() {
+  if (os::install_thread_exit_hook(give_up_locks_of_thread) != 0) return PSP_FAILED;
+  if (++state.last_life == 0) ++state.last_life;
+  sync_life.store(state.last_life, std::memory_order_relaxed);
+  return PSP_OKAY;
+}
+
+void sync_stop() {
+  sync_life.store(0, std::memory_order_relaxed);
+  os::remove_thread_exit_hook();
+}
+
+}  // namespace psp::core
+
+using namespace psp::core;
+namespace os = psp::os;
+
+psp_sync psp_syncCreate_check(int16_t kind, const char *file, uint32_t line) {
+  return exported_call([&] { return sync_create(kind, LockRank::kClient, file, line); });
+}
+
+void psp_syncDelete(psp_sync object) PSP_UNCHECKED {
+  if (!is_sync_object(object) || object->kind == 0) return;
+  if (object->kind == PSP_SYNC_EXCL && object->lock.mine()) {
+    sync_forget_held(object);
+    object->lock.abandon();
+  }
+  object->kind = 0;
+  give_slot_back(object);
+}
+
+void psp_syncEnterExcl(psp_sync object) PSP_UNCHECKED {
+  if (is_sync_object(object) && object->kind == PSP_SYNC_EXCL) sync_enter(object);
+}
+
+void psp_syncExitExcl(psp_sync object) PSP_UNCHECKED {
+  if (is_sync_object(object) && object->kind == PSP_SYNC_EXCL) sync_exit(object);
+}
+
+psp_status psp_syncWait(psp_sync object, uint32_t milliseconds) {
+  if (!is_sync_object(object) || object->kind != PSP_SYNC_EVENT) return PSP_OKAY;
+  const uint32_t turn = object->gate.turns.load(std::memory_order_acquire);
+  if (is_open(turn)) return PSP_OKAY;
+  if (milliseconds == 0) return PSP_TIMEOUT;
+  return wait_for_turn(object->gate, turn, milliseconds);
+}
+
+void psp_syncStart(psp_sync object) {
+  if (!is_sync_object(object) || object->kind != PSP_SYNC_EVENT) return;
+  uint32_t turn = object->gate.turns.load(std::memory_order_relaxed);
+  // seq_cst: a queue's reader closes the gate and then looks for messages; a writer puts a message
+  // and then opens. One of the two must see the other.
+  while (is_open(turn) &&
+         !object->gate.turns.compare_exchange_weak(turn, turn + 1, std::memory_order_seq_cst)) {
+  }
+}
+
+void psp_syncResume(psp_sync object) {
+  if (!is_sync_object(object) || object->kind != PSP_SYNC_EVENT) return;
+  Gate &gate = object->gate;
+  uint32_t turn = gate.turns.load(std::memory_order_seq_cst);
+  while (!is_open(turn) &&
+         !gate.turns.compare_exchange_weak(turn, turn + 1, std::memory_order_seq_cst)) {
+  }
+  if (is_open(turn)) return;  // it was open before: whoever opened it wakes the waiters
+  if (gate.waiters.load(std::memory_order_seq_cst) != 0) os::wake_all(gate.turns);
+}
+
+void psp_enterCritSec(void) PSP_UNCHECKED { state.global_section.enter(); }
+
+void psp_exitCritSec(void) PSP_UNCHECKED { state.global_section.exit(); }

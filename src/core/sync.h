@@ -1,0 +1,101 @@
+// Sync objects as the library's own modules use them: creation with a rank in the lock order, and
+// the guard.
+//
+// A locked object stands in a list of its holder's thread, newest first, so that the locks of a
+// thread that ends can be given up. The list is the thread's own and needs no lock.
+//
+// Included by modules that own sync objects.
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+
+#include "core/lock.h"
+#include "psp.h"
+
+namespace psp::core {
+
+// A gate is a counter that is odd while the gate is open. A waiter that found it even and later
+// finds it changed knows that the gate was opened in between, even if it is closed again.
+struct Gate {
+  std::atomic<uint32_t> turns{1};
+  std::atomic<uint32_t> waiters{0};
+};
+
+}  // namespace psp::core
+
+// One slot of the table of sync objects, alone on its cache line.
+struct PSP_CAPABILITY("sync object") alignas(64) psp_syncObject {
+  psp::core::Lock lock{psp::core::LockRank::kClient};  // kind PSP_SYNC_EXCL
+  psp::core::Gate gate;                                // kind PSP_SYNC_EVENT
+  psp_syncObject *newer_held = nullptr;                // the holder's list
+  psp_syncObject *older_held = nullptr;
+  int16_t kind = 0;   // 0 while the slot is free
+  int16_t next = 0;   // the next free slot of the block, or one of pspsync.cpp's marks
+  int16_t entry = 0;  // the table entry of the slot's block
+};
+
+static_assert(sizeof(psp_syncObject) == 64);
+
+namespace psp::core {
+
+// psp_syncCreate_check for the library's own locks.
+psp_sync sync_create(int16_t kind, LockRank rank, const char *file, uint32_t line);
+
+// Ends every object still alive and gives the slots' memory back. Nobody uses one any more; the
+// memory module calls this before it stops, when no tag has a lock any more.
+void sync_close_all();
+
+// The life of the library that is under way, 0 while it is stopped. A thread's list of held locks
+// is void when it belongs to another life.
+extern constinit std::atomic<uint32_t> sync_life;
+
+// Binds the calling thread's list to the present life and arms the hook at the thread's end.
+void sync_attach_thread();
+
+inline bool is_sync_object(psp_sync object) { return object != nullptr && object != PSP_SYNC_NONE; }
+
+inline void sync_enter(psp_sync object) PSP_ACQUIRES(object) PSP_UNCHECKED {
+  if (!object->lock.enter()) return;
+  ThreadLocks &mine = thread_locks;
+  if (mine.life != sync_life.load(std::memory_order_relaxed)) [[unlikely]]
+    sync_attach_thread();
+  psp_syncObject *older = mine.newest_held;
+  object->newer_held = nullptr;
+  object->older_held = older;
+  if (older != nullptr) older->newer_held = object;
+  mine.newest_held = object;
+}
+
+// Takes the object out of its holder's list, which is the calling thread's.
+inline void sync_forget_held(psp_sync object) {
+  psp_syncObject *newer = object->newer_held;
+  psp_syncObject *older = object->older_held;
+  (newer != nullptr ? newer->older_held : thread_locks.newest_held) = older;
+  if (older != nullptr) older->newer_held = newer;
+}
+
+inline void sync_exit(psp_sync object) PSP_RELEASES(object) PSP_UNCHECKED {
+  Lock &lock = object->lock;
+  if (!lock.mine() || !lock.leave_level()) return;
+  sync_forget_held(object);
+  lock.release();
+}
+
+// Holds a lock for a scope; PSP_SYNC_NONE and null hold nothing.
+class PSP_SCOPED_CAPABILITY SyncGuard {
+ public:
+  explicit SyncGuard(psp_sync object) PSP_ACQUIRES(object) PSP_UNCHECKED : object_(object) {
+    if (is_sync_object(object_)) sync_enter(object_);
+  }
+  ~SyncGuard() PSP_RELEASES() PSP_UNCHECKED {
+    if (is_sync_object(object_)) sync_exit(object_);
+  }
+  SyncGuard(const SyncGuard &) = delete;
+  SyncGuard &operator=(const SyncGuard &) = delete;
+
+ private:
+  const psp_sync object_;
+};
+
+}  // namespace psp::core

@@ -1,0 +1,189 @@
+// What the library asks of a platform: everything, and nothing else reaches one.
+//
+// A port is a folder beside posix/ that implements this header. Ground rules:
+// - Names are UTF-8, zero-terminated, not null; both separators, slash and backslash, are accepted.
+// - Error is the platform's own code (errno, GetLastError); 0 is success. A function that fails
+//   also leaves the code in last_error(); clean-up, waiting and waking leave last_error() alone.
+// - Interrupted calls (EINTR) are repeated here and never reach a caller.
+// - Every function may be called by any thread at the same time, unless it says otherwise. A File
+//   is used by one thread at a time.
+// - Nothing here allocates tagged memory, logs, or takes a lock of the library.
+//
+// Included by the modules of the library, never by its clients.
+#pragma once
+
+#include <atomic>
+#include <cstddef>
+#include <cstdint>
+#include <ctime>
+
+#include "psp.h"
+
+namespace psp::os {
+
+using Error = uint32_t;
+
+// ---- Last error ---------------------------------------------------------------------------------
+
+// The calling thread's last error code.
+Error last_error();
+void set_last_error(Error error);
+
+// Keeps the calling thread's last error code as it was across a clean-up or a report.
+class LastErrorKeeper {
+ public:
+  LastErrorKeeper() : error_(last_error()) {}
+  ~LastErrorKeeper() { set_last_error(error_); }
+  LastErrorKeeper(const LastErrorKeeper &) = delete;
+  LastErrorKeeper &operator=(const LastErrorKeeper &) = delete;
+
+ private:
+  Error error_;
+};
+
+// ---- Pages --------------------------------------------------------------------------------------
+
+// Address space that reads as zero and takes memory only where it is touched. Null on failure.
+// bytes is a multiple of 64 KiB.
+void *reserve_pages(size_t bytes);
+void release_pages(void *pages, size_t bytes);
+
+// ---- Threads and waiting ------------------------------------------------------------------------
+
+enum class WaitResult { kWoken, kTimedOut, kFailed };
+
+inline constexpr uint32_t kNoTimeLimit = UINT32_MAX;
+
+// Waits while word holds expected, until somebody wakes the word or the limit passes. May return
+// kWoken without a wake-up or a change; callers look again. A change of the word before the call is
+// never missed: the platform compares and sleeps in one step.
+WaitResult wait_on_address(const std::atomic<uint32_t> &word, uint32_t expected,
+                           uint32_t milliseconds);
+void wake_one(const std::atomic<uint32_t> &word);
+void wake_all(const std::atomic<uint32_t> &word);
+
+// One hook, run at the end of each thread that has armed it, after the thread's own code and before
+// its storage goes. Removed, it runs nowhere any more. Not run for the thread that ends the process.
+Error install_thread_exit_hook(void (*hook)());
+void remove_thread_exit_hook();
+// Arms the installed hook for the calling thread. False when the platform has no room.
+bool arm_thread_exit_hook();
+
+void yield_thread();
+void sleep_milliseconds(uint32_t milliseconds);
+
+// ---- Files --------------------------------------------------------------------------------------
+
+// An open file or standard channel. The fields are the platform's own.
+struct File {
+  intptr_t handle = -1;
+  int64_t position = 0;
+  uint32_t traits = 0;
+};
+
+struct OpenOptions {
+  bool read = false;
+  bool write = false;
+  bool create = false;    // create the file if it is missing
+  bool truncate = false;  // with create: empty it, but only once sharing allows the open
+  bool deny_read = false;
+  bool deny_write = false;
+};
+
+// Opens a file, never a directory. Fails with a sharing violation (told by file_condition) when the
+// options and those of another open handle of this or another process exclude each other. Not
+// inherited by other programs. A failed open changes nothing but may have created an empty file.
+Error file_open(const char *name, const OpenOptions &options, File *file);
+
+enum class StandardChannel { kInput, kOutput, kError };
+
+// Takes one of the process's standard channels, which file_close must not be called for. A process
+// without that channel gives success and a file without a handle (file_has_handle tells).
+Error file_standard(StandardChannel channel, File *file);
+
+inline bool file_has_handle(const File &file) { return file.handle != -1; }
+
+// Closes the descriptor whatever it returns. Locks and denials of the handle end with it.
+Error file_close(File *file);
+
+enum class Origin { kStart, kCurrent, kEnd };
+
+// Moves the sequential position. Fails for a negative place and for files without positions.
+Error file_seek(File *file, int64_t offset, Origin origin);
+
+// Read at most count bytes (at most 2^31 - 1); *done is 0 at the end of the file.
+Error file_read(File *file, void *buffer, uint32_t count, uint32_t *done);
+Error file_read_at(File *file, int64_t offset, void *buffer, uint32_t count, uint32_t *done);
+
+// Write count bytes (at most 2^31 - 1). Success with *done below count means that the platform
+// stopped half-way; what stopped it is told by the next write.
+Error file_write(File *file, const void *buffer, uint32_t count, uint32_t *done);
+Error file_write_at(File *file, int64_t offset, const void *buffer, uint32_t count,
+                    uint32_t *done);
+
+Error file_size(const File &file, int64_t *size);
+// Cuts the file at size and moves the sequential position there.
+Error file_cut(File *file, int64_t size);
+// Makes written bytes and the length durable.
+Error file_sync(File *file);
+
+// Takes the first byte of the file for this handle, or gives it back; never waits. While a handle
+// holds it, reads and writes that touch the byte through other handles fail with a lock violation.
+// Taking it twice and giving back what is not held fail.
+Error file_lock_first_byte(File *file);
+Error file_unlock_first_byte(File *file);
+
+struct FileStatus {
+  int64_t size;
+  int64_t modified_seconds;  // since 1970-01-01 UTC
+};
+
+Error file_status(const char *name, FileStatus *status);
+
+// What an error of the functions above means to a caller that acts on it.
+enum class Condition {
+  kOther,
+  kEndOfFile,          // a read at or past the end (where the platform calls that an error)
+  kLockViolation,      // another handle holds the byte
+  kSharingViolation,   // another handle's mode forbids the open
+  kTransient,          // buffer or memory short for the moment: the same call may succeed
+  kTooLargeForSystem,  // resources short for the size of the request: halves may succeed
+};
+
+Condition file_condition(Error error);
+
+// ---- Time, environment and process --------------------------------------------------------------
+
+// Calendar time, seconds since 1970-01-01 UTC, and its milliseconds (0 to 999).
+int64_t calendar_seconds(uint32_t *milliseconds);
+// A monotonic counter and its counts per second; false when the platform has none.
+bool counter_frequency(int64_t *frequency);
+int64_t counter_value();
+// False when the time cannot be converted.
+bool local_time(int64_t seconds, std::tm *result);
+// The C runtime's static text, or null.
+const char *time_text(int64_t seconds);
+
+int32_t process_id();
+// Wide environment and locale. *text is the runtime's own where it has wide ones; elsewhere the
+// platform hands out the narrow text and the caller converts: exactly one of the two is set, or
+// none where the answer is "not set".
+struct WideAnswer {
+  const psp_wchar *wide = nullptr;
+  const char *narrow = nullptr;
+};
+WideAnswer environment_wide(const psp_wchar *name, const char *name_utf8);
+WideAnswer locale_wide(int category, const psp_wchar *name, const char *name_utf8);
+
+// The decimal point and the thousands separator of the calling thread's locale. The texts are the
+// runtime's and valid until the locale changes.
+const char *decimal_point();
+const char *thousands_separator();
+
+// Calls handler, on a thread that is not interrupted by it, for each interrupt (interrupt,
+// termination, hang-up). Installing again replaces the handler. Removing restores what the
+// interrupts did before, waits for no running handler, and may be called inside one.
+Error install_interrupt_handler(void (*handler)());
+Error remove_interrupt_handler();
+
+}  // namespace psp::os
