@@ -9,12 +9,12 @@ uint8_t *LiveBlocks::reserve(size_t number) {
   auto *leaf = static_cast<uint8_t *>(os::reserve_pages(kLeafBytes));
   if (leaf == nullptr) leaf = trusted();
   uint8_t *present = nullptr;
-  if (leaves_[number].compare_exchange_strong(present, leaf, std::memory_order_acq_rel)) {
-    return leaf;
+  if (!leaves_[number].compare_exchange_strong(present, leaf, std::memory_order_acq_rel)) {
+    // Another thread was quicker; its leaf counts.
+    if (leaf != trusted()) os::release_pages(leaf, kLeafBytes);
+    leaf = present;
   }
-  // Another thread was quicker; its leaf counts.
-  if (leaf != trusted()) os::release_pages(leaf, kLeafBytes);
-  return present;
+  return leaf != trusted() ? leaf : nullptr;
 }
 
 void LiveBlocks::release() {

@@ -38,14 +38,23 @@ class LiveBlocks {
     if (uint8_t *leaf = leaf_of(block)) set(leaf, block, 0);
   }
 
-  bool is_live(const void *block) const {
-    const size_t number = leaf_number(block);
-    if (number >= kLeaves) return true;
-    uint8_t *leaf = leaves_[number].load(std::memory_order_acquire);
-    if (leaf == nullptr) return false;
-    if (leaf == trusted()) return true;
+  // Whether the block is live; it is no longer so afterwards.
+  bool take(const void *block) {
+    uint8_t *leaf = leaf_of(block);
+    if (leaf == nullptr) [[unlikely]]
+      return is_trusted(block);
     std::atomic_ref<uint8_t> byte(leaf[byte_index(block)]);
-    return byte.load(std::memory_order_relaxed) == mark_of(block);
+    if (byte.load(std::memory_order_relaxed) != mark_of(block)) return false;
+    byte.store(0, std::memory_order_relaxed);
+    return true;
+  }
+
+  bool is_live(const void *block) const {
+    uint8_t *leaf = leaf_of(block);
+    if (leaf == nullptr) [[unlikely]]
+      return is_trusted(block);
+    return std::atomic_ref<uint8_t>(leaf[byte_index(block)]).load(std::memory_order_relaxed) ==
+           mark_of(block);
   }
 
   // Forgets every block. No other thread is inside.
@@ -71,24 +80,27 @@ class LiveBlocks {
   static void set(uint8_t *leaf, const void *block, uint8_t mark) {
     std::atomic_ref<uint8_t>(leaf[byte_index(block)]).store(mark, std::memory_order_relaxed);
   }
-  // The leaf of a region that could not be reserved. Never written.
+  // The leaf of a region that could not be reserved. Never read or written.
   static uint8_t *trusted() { return reinterpret_cast<uint8_t *>(UINTPTR_MAX); }
 
-  // Null where nothing is to be written.
+  // The leaf of the block's region; null where there is none to read or write.
   uint8_t *leaf_of(const void *block) const {
     const size_t number = leaf_number(block);
-    if (number >= kLeaves) return nullptr;
+    if (number >= kLeaves) [[unlikely]]
+      return nullptr;
     uint8_t *leaf = leaves_[number].load(std::memory_order_acquire);
     return leaf == trusted() ? nullptr : leaf;
   }
   uint8_t *leaf_or_reserve(const void *block) {
-    const size_t number = leaf_number(block);
-    if (number >= kLeaves) return nullptr;
-    uint8_t *leaf = leaves_[number].load(std::memory_order_acquire);
-    if (leaf == nullptr) [[unlikely]]
-      leaf = reserve(number);
-    return leaf == trusted() ? nullptr : leaf;
+    uint8_t *leaf = leaf_of(block);
+    return leaf != nullptr || is_trusted(block) ? leaf : reserve(leaf_number(block));
   }
+  // Whether the block lies where the map has no say.
+  bool is_trusted(const void *block) const {
+    const size_t number = leaf_number(block);
+    return number >= kLeaves || leaves_[number].load(std::memory_order_relaxed) == trusted();
+  }
+  // The new leaf, or null if the region is trusted from now on.
   uint8_t *reserve(size_t number);
 
   std::atomic<uint8_t *> leaves_[kLeaves] = {};

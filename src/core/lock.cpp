@@ -36,6 +36,10 @@ void Lock::wait_until_taken() {
     }
     pause_processor();
   }
+  if (!waited_.load(std::memory_order_relaxed)) {
+    waited_.store(true, std::memory_order_relaxed);
+    os::barrier_in_all_threads();
+  }
   // From here on the lock is taken as contended, since other waiters may sleep; the worst of it is
   // one wake-up for nobody.
   while (state_.exchange(kContended, std::memory_order_acquire) != kFree) {

@@ -3,11 +3,20 @@
 //
 // A lock is two words. `state` says free, held, or held with waiters, and is what waiters sleep on;
 // `owner` names the holding thread and is written by the holder alone. An uncontended enter is one
-// compare-and-swap, an exit one exchange; neither makes a system call.
+// compare-and-swap, an exit one store or exchange; neither makes a system call.
 //
 // Why reading `owner` without the lock is right: a thread compares it with its own identity only.
 // It finds its own identity there exactly if it wrote it and has not cleared it, for nobody else
 // writes that value; whatever else it reads, however stale, means "not mine".
+//
+// Why a plain store may release a lock: only while nobody has ever waited for it (`waited`). The
+// first waiter sets `waited` and then has a barrier executed in all threads. A releaser stores
+// "free" and looks at `waited` again. If it looked before the barrier, its store is visible to the
+// waiter from the barrier on, and the waiter takes the lock; if after it, it sees `waited` and
+// wakes. Other waiters may come between the two steps of the first: the first one takes the lock as
+// contended in any case, and wakes them when it leaves. From then on the lock is released by an
+// exchange, so the barrier, which disturbs all threads, is paid once in a lock's life. Where the
+// platform has no such barrier a lock begins as waited for.
 //
 // Included by modules that own locks.
 #pragma once
@@ -47,14 +56,16 @@ extern constinit thread_local ThreadLocks thread_locks;
 
 class PSP_CAPABILITY("lock") Lock {
  public:
-  constexpr explicit Lock(LockRank rank) : rank_(rank) {}
+  // barrier_works: os::barrier_in_all_threads may be used; see above.
+  constexpr explicit Lock(LockRank rank, bool barrier_works = false)
+      : rank_(rank), waited_(!barrier_works) {}
   Lock(const Lock &) = delete;
   Lock &operator=(const Lock &) = delete;
 
   // True when this was the thread's first level.
   bool enter() PSP_ACQUIRES() {
     if (mine()) {
-      ++depth_;
+      ++inner_levels_;
       return false;
     }
     check_order();
@@ -64,24 +75,33 @@ class PSP_CAPABILITY("lock") Lock {
       wait_until_taken();
     }
     owner_.store(&thread_locks, std::memory_order_relaxed);
-    depth_ = 1;
     return true;
   }
 
   // Only while mine(). True when this was the thread's last level; the caller release()s then.
-  bool leave_level() { return --depth_ == 0; }
+  bool leave_level() {
+    if (inner_levels_ == 0) return true;
+    --inner_levels_;
+    return false;
+  }
 
   // After the last level: lets the next thread in.
   void release() PSP_RELEASES() {
     note_release();
     owner_.store(nullptr, std::memory_order_relaxed);
-    if (state_.exchange(kFree, std::memory_order_release) == kContended) [[unlikely]]
-      wake_waiter();
+    if (!waited_.load(std::memory_order_relaxed)) [[likely]] {
+      state_.store(kFree, std::memory_order_release);
+      std::atomic_signal_fence(std::memory_order_seq_cst);  // the processor's part: the barrier
+      if (waited_.load(std::memory_order_relaxed)) [[unlikely]]
+        wake_waiter();
+      return;
+    }
+    if (state_.exchange(kFree, std::memory_order_release) == kContended) wake_waiter();
   }
 
   // Gives up all levels of the holder, which is the calling thread, at its end.
   void abandon() PSP_RELEASES() {
-    depth_ = 0;
+    inner_levels_ = 0;
     release();
   }
 
@@ -108,9 +128,10 @@ class PSP_CAPABILITY("lock") Lock {
 #endif
 
   std::atomic<uint32_t> state_{kFree};
-  uint32_t depth_ = 0;                        // levels of the holder
+  uint32_t inner_levels_ = 0;                 // of the holder, after the first
   std::atomic<const void *> owner_{nullptr};  // the holder's ThreadLocks
   [[maybe_unused]] LockRank rank_;
+  std::atomic<bool> waited_;  // a thread has waited, or the platform has no barrier for us
 };
 
 class PSP_SCOPED_CAPABILITY LockGuard {

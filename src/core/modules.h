@@ -18,4 +18,7 @@ void files_stop();
 psp_status channels_start();
 void channels_stop();
 
+// Releases the wide answers that psp_getenvW and psp_setlocaleW have handed out.
+void environment_stop();
+
 }  // namespace psp::core

@@ -97,19 +97,19 @@ psp_tag *make_tag(const jmp_buf *jump) PSP_UNCHECKED {
 }
 
 bool is_armed(psp_tag *tag) {
-  SyncGuard guard(tag->lock);
+  BriefSyncGuard guard(tag->lock);
   return tag->armed;
 }
 
 void append_to_list(psp_tag *tag) {
-  SyncGuard guard(state.list_lock);
+  BriefSyncGuard guard(state.list_lock);
   tag->older = state.newest;
   (state.newest != nullptr ? state.newest->newer : state.oldest) = tag;
   state.newest = tag;
 }
 
 void remove_from_list(psp_tag *tag) {
-  SyncGuard guard(state.list_lock);
+  BriefSyncGuard guard(state.list_lock);
   (tag->older != nullptr ? tag->older->newer : state.oldest) = tag->newer;
   (tag->newer != nullptr ? tag->newer->older : state.newest) = tag->older;
 }
@@ -130,7 +130,7 @@ void release_blocks(psp_tag *tag) PSP_REQUIRES(tag->lock) {
 
 void destroy_tag(psp_tag *tag) {
   {
-    SyncGuard guard(tag->lock);
+    BriefSyncGuard guard(tag->lock);
     release_blocks(tag);
   }
   remove_from_list(tag);
@@ -141,7 +141,7 @@ void destroy_tag(psp_tag *tag) {
 
 // Logs the failure, with nothing of the library held, and sees to the jump. Returns null where the
 // caller goes on without the memory.
-void *fail_allocation(psp_tag *tag, const char *file, uint32_t line) {
+[[gnu::cold, gnu::noinline]] void *fail_allocation(psp_tag *tag, const char *file, uint32_t line) {
   constexpr char kMessage[] = "Out of memory. Called from %s:%u\n";
   CallState &call = call_state;
   if (call.reporting) {
@@ -161,31 +161,44 @@ void *fail_allocation(psp_tag *tag, const char *file, uint32_t line) {
   return nullptr;
 }
 
-// The bytes of content that a request asks for; false for a request that is none.
-bool content_bytes(size_t size, uint32_t mode, const void *source, size_t *bytes) {
+// Makes the fresh block one of the tag's; null goes the way of a failed allocation.
+inline void *adopt(Block *block, psp_tag *tag, const char *file, uint32_t line) {
+  if (block == nullptr) [[unlikely]]
+    return fail_allocation(tag, file, line);
+  state.live.mark(block);
+  BriefSyncGuard guard(tag->lock);
+  block->link_as_newest(&tag->anchor);
+  return block->content();
+}
+
+// The bytes that a copying mode takes from its source; 0 for a request that is none.
+size_t bytes_to_copy(size_t size, uint32_t mode, const void *source) {
+  if (source == nullptr) return 0;
   switch (mode) {
-    case PSP_MEM_ALLOC:
-    case PSP_MEM_ZERO:
-      *bytes = size;
-      return size != 0;
     case PSP_MEM_COPY:
-      *bytes = size;
-      return size != 0 && source != nullptr;
+      return size;
     case PSP_MEM_STRDUP:
-      if (source == nullptr) return false;
-      *bytes = std::strlen(static_cast<const char *>(source)) + 1;
-      return true;
+      return std::strlen(static_cast<const char *>(source)) + 1;
     case PSP_MEM_WSTRDUP: {
-      if (source == nullptr) return false;
       const auto *text = static_cast<const psp_wchar *>(source);
       const psp_wchar *end = text;
       while (*end != 0) ++end;
-      *bytes = static_cast<size_t>(end - text + 1) * sizeof(psp_wchar);
-      return true;
+      return static_cast<size_t>(end - text + 1) * sizeof(psp_wchar);
     }
     default:
-      return false;
+      return 0;
   }
+}
+
+[[gnu::noinline]] void *get_copy(size_t size, psp_tag *tag, uint32_t mode, const void *source,
+                                 const char *file, uint32_t line) {
+  const size_t content = bytes_to_copy(size, mode, source);
+  if (content == 0) return nullptr;
+  size_t bytes = 0;
+  Block *block = nullptr;
+  if (checked_add(content, sizeof(Block), &bytes)) block = static_cast<Block *>(std::malloc(bytes));
+  if (block != nullptr) std::memcpy(block->content(), source, content);
+  return adopt(block, tag, file, line);
 }
 
 }  // namespace
@@ -194,7 +207,7 @@ void take_wanted_jump() {
   psp_tag *tag = std::exchange(call_state.jump_wanted, nullptr);
   jmp_buf jump;
   {
-    SyncGuard guard(tag->lock);
+    BriefSyncGuard guard(tag->lock);
     if (!tag->armed) return;
     std::memcpy(&jump, &tag->jump, sizeof jump);
   }
@@ -249,7 +262,7 @@ psp_tag *psp_createTagEx(jmp_buf *jump, uint32_t flags, const char *file, uint32
 void psp_resetTag(jmp_buf *jump, psp_tag *tag) {
   if (!started() || tag == PSP_TAG_FAILED) return;
   tag = tag_or_default(tag);
-  SyncGuard guard(tag->lock);
+  BriefSyncGuard guard(tag->lock);
   arm(tag, jump);
 }
 
@@ -259,29 +272,23 @@ void psp_freeTagMemory(psp_tag *tag, int16_t release) {
     destroy_tag(tag);
     return;
   }
-  SyncGuard guard(tag->lock);
+  BriefSyncGuard guard(tag->lock);
   release_blocks(tag);
 }
 
 void *psp_getMem(size_t size, psp_tag *tag, uint32_t mode, const void *source, const char *file,
                  uint32_t line) {
-  size_t content = 0;
-  if (!started() || tag == PSP_TAG_FAILED || !content_bytes(size, mode, source, &content)) {
+  if (!started() || tag == PSP_TAG_FAILED) [[unlikely]]
     return nullptr;
-  }
   tag = tag_or_default(tag);
-  size_t bytes = 0;
-  Block *block = nullptr;
-  if (psp::checked_add(content, sizeof(Block), &bytes)) [[likely]] {
-    block = static_cast<Block *>(mode == PSP_MEM_ZERO ? std::calloc(1, bytes) : std::malloc(bytes));
+  if (mode != PSP_MEM_ALLOC && mode != PSP_MEM_ZERO) {
+    return get_copy(size, tag, mode, source, file, line);
   }
-  if (block == nullptr) [[unlikely]]
-    return fail_allocation(tag, file, line);
-  if (mode >= PSP_MEM_STRDUP) std::memcpy(block->content(), source, content);
-  state.live.mark(block);
-  SyncGuard guard(tag->lock);
-  block->link_as_newest(&tag->anchor);
-  return block->content();
+  if (size == 0) return nullptr;
+  size_t bytes = 0;
+  if (!psp::checked_add(size, sizeof(Block), &bytes)) return fail_allocation(tag, file, line);
+  void *memory = mode == PSP_MEM_ALLOC ? std::malloc(bytes) : std::calloc(1, bytes);
+  return adopt(static_cast<Block *>(memory), tag, file, line);
 }
 
 void *psp_extendMem(void *pointer, size_t size, psp_tag *tag, int32_t zero, size_t zero_count,
@@ -295,11 +302,11 @@ void *psp_extendMem(void *pointer, size_t size, psp_tag *tag, int32_t zero, size
   Block *moved = nullptr;
   {
     // The block's neighbours must hold still while it moves.
-    SyncGuard guard(tag->lock);
+    BriefSyncGuard guard(tag->lock);
     Block *block = Block::of(pointer);
     if (!state.live.is_live(block)) return nullptr;
+    // Cleared before realloc: afterwards the old address may be another thread's new block.
     if (psp::checked_add(size, sizeof(Block), &bytes)) {
-      // Before realloc: afterwards the old address may be another thread's new block.
       state.live.clear(block);
       moved = static_cast<Block *>(std::realloc(block, bytes));
       state.live.mark(moved != nullptr ? moved : block);
@@ -324,14 +331,11 @@ void psp_freeMem(void *pointer, psp_tag *tag) {
   Block *block = Block::of(pointer);
   bool live = false;
   {
-    SyncGuard guard(tag->lock);
-    live = state.live.is_live(block);
-    if (live) {
-      state.live.clear(block);
-      block->unlink();
-    }
+    BriefSyncGuard guard(tag->lock);
+    live = state.live.take(block);
+    if (live) block->unlink();
   }
-  if (live) {
+  if (live) [[likely]] {
     std::free(block);
   } else {
     std::printf("Attempting to free previously freed memory\n");
@@ -345,11 +349,11 @@ void psp_moveMemTag(void *pointer, psp_tag *destination, psp_tag *source) {
   source = tag_or_default(source);
   Block *block = Block::of(pointer);
   {
-    SyncGuard guard(source->lock);
+    BriefSyncGuard guard(source->lock);
     if (!state.live.is_live(block)) return;
     block->unlink();
   }
-  SyncGuard guard(destination->lock);
+  BriefSyncGuard guard(destination->lock);
   block->link_as_newest(&destination->anchor);
 }
 

@@ -39,7 +39,8 @@ struct TableEntry {
 struct State {
   Lock global_section{LockRank::kGlobal};
 
-  uint32_t last_life = 0;  // guarded by the global critical section
+  uint32_t last_life = 0;      // guarded by the global critical section, as is barrier_works
+  bool barrier_works = false;  // constant between start and stop
 
   Lock table_lock{LockRank::kSyncTable};
   TableEntry table[kBlocks] PSP_GUARDED_BY(table_lock) = {};
@@ -183,7 +184,7 @@ psp_sync sync_create(int16_t kind, LockRank rank, const char *file, uint32_t lin
     }
     return PSP_SYNC_NONE;
   }
-  new (&slot->lock) Lock(rank);
+  new (&slot->lock) Lock(rank, state.barrier_works);
   new (&slot->gate) Gate;
   slot->kind = kind;
   return slot;
@@ -200,6 +201,7 @@ void sync_close_all() PSP_UNCHECKED {
 
 psp_status sync_start() {
   if (os::install_thread_exit_hook(give_up_locks_of_thread) != 0) return PSP_FAILED;
+  state.barrier_works = os::enable_barrier_in_all_threads();
   if (++state.last_life == 0) ++state.last_life;
   sync_life.store(state.last_life, std::memory_order_relaxed);
   return PSP_OKAY;

@@ -61,18 +61,22 @@ inline void sync_enter(psp_sync object) PSP_ACQUIRES(object) PSP_UNCHECKED {
   if (mine.life != sync_life.load(std::memory_order_relaxed)) [[unlikely]]
     sync_attach_thread();
   psp_syncObject *older = mine.newest_held;
-  object->newer_held = nullptr;
   object->older_held = older;
   if (older != nullptr) older->newer_held = object;
   mine.newest_held = object;
 }
 
-// Takes the object out of its holder's list, which is the calling thread's.
+// Takes the object out of its holder's list, which is the calling thread's. The link to a newer
+// object means something only while there is one.
 inline void sync_forget_held(psp_sync object) {
-  psp_syncObject *newer = object->newer_held;
+  psp_syncObject *&newest = thread_locks.newest_held;
   psp_syncObject *older = object->older_held;
-  (newer != nullptr ? newer->older_held : thread_locks.newest_held) = older;
-  if (older != nullptr) older->newer_held = newer;
+  if (newest == object) [[likely]] {
+    newest = older;
+    return;
+  }
+  object->newer_held->older_held = older;
+  if (older != nullptr) older->newer_held = object->newer_held;
 }
 
 inline void sync_exit(psp_sync object) PSP_RELEASES(object) PSP_UNCHECKED {
@@ -81,6 +85,23 @@ inline void sync_exit(psp_sync object) PSP_RELEASES(object) PSP_UNCHECKED {
   sync_forget_held(object);
   lock.release();
 }
+
+// Holds a lock for work that cannot end the thread (no cancellation point, no call to a client), so
+// that the holder's list need not know. PSP_SYNC_NONE and null hold nothing.
+class PSP_SCOPED_CAPABILITY BriefSyncGuard {
+ public:
+  explicit BriefSyncGuard(psp_sync object) PSP_ACQUIRES(object) PSP_UNCHECKED : object_(object) {
+    if (is_sync_object(object_)) object_->lock.enter();
+  }
+  ~BriefSyncGuard() PSP_RELEASES() PSP_UNCHECKED {
+    if (is_sync_object(object_) && object_->lock.leave_level()) object_->lock.release();
+  }
+  BriefSyncGuard(const BriefSyncGuard &) = delete;
+  BriefSyncGuard &operator=(const BriefSyncGuard &) = delete;
+
+ private:
+  const psp_sync object_;
+};
 
 // Holds a lock for a scope; PSP_SYNC_NONE and null hold nothing.
 class PSP_SCOPED_CAPABILITY SyncGuard {

@@ -41,6 +41,10 @@ class LastErrorKeeper {
   Error error_;
 };
 
+// The platform's code for what the library itself refuses.
+enum class Refusal { kInvalidArgument, kAccessDenied };
+Error refusal_code(Refusal refusal);
+
 // ---- Pages --------------------------------------------------------------------------------------
 
 // Address space that reads as zero and takes memory only where it is touched. Null on failure.
@@ -68,6 +72,12 @@ Error install_thread_exit_hook(void (*hook)());
 void remove_thread_exit_hook();
 // Arms the installed hook for the calling thread. False when the platform has no room.
 bool arm_thread_exit_hook();
+
+// A memory barrier in every thread of the process that is running, at the cost of a few microseconds
+// for the caller and of nothing for a thread that never needs one. To be enabled once in a process
+// and as often as one likes; false when the platform has none.
+bool enable_barrier_in_all_threads();
+void barrier_in_all_threads();
 
 void yield_thread();
 void sleep_milliseconds(uint32_t milliseconds);
@@ -148,6 +158,7 @@ enum class Condition {
   kSharingViolation,   // another handle's mode forbids the open
   kTransient,          // buffer or memory short for the moment: the same call may succeed
   kTooLargeForSystem,  // resources short for the size of the request: halves may succeed
+  kShortOfMemory,      // both of these (where the platform does not tell them apart)
 };
 
 Condition file_condition(Error error);
