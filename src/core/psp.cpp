@@ -19,12 +19,15 @@ struct Module {
   void (*stop)();
 };
 
+psp_status start_nothing() { return PSP_OKAY; }
+
 // In the order of starting; stops run in reverse. A module uses only those above it.
 constexpr Module kModules[] = {
-    {sync_start, sync_stop},
-    {memory_start, memory_stop},
-    {files_start, files_stop},
-    {channels_start, channels_stop},
+    {start_nothing, environment_stop},  // works without a start; its texts live until the last stop
+    {sync_start, sync_stop},            // sync objects
+    {memory_start, memory_stop},        // tags, the default tag first
+    {files_start, files_stop},          // the tag of the file handles
+    {channels_start, channels_stop},    // standard output, standard error, log
 };
 constexpr int kModuleCount = static_cast<int>(sizeof kModules / sizeof kModules[0]);
 

@@ -187,7 +187,8 @@ WideAnswer environment_wide(const psp_wchar *name, const char *name_utf8);
 WideAnswer locale_wide(int category, const psp_wchar *name, const char *name_utf8);
 
 // The decimal point and the thousands separator of the calling thread's locale. The texts are the
-// runtime's and valid until the locale changes.
+// runtime's and valid until the locale changes. Null where the locale does not know one, which POSIX
+// never answers; an empty separator means groups without one, an empty point means none.
 const char *decimal_point();
 const char *thousands_separator();
 

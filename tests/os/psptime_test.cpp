@@ -1,0 +1,419 @@
+// Clocks, environment and interrupts, against the C runtime's and the kernel's own answers.
+#include <dirent.h>
+#include <gtest/gtest.h>
+#include <pthread.h>
+#include <sched.h>
+#include <semaphore.h>
+#include <signal.h>
+#include <sys/time.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <clocale>
+#include <cstdlib>
+#include <string>
+#include <thread>
+
+#include "core/modules.h"
+#include "os/os.h"
+#include "psp.h"
+
+namespace {
+
+int64_t nanoseconds(clockid_t clock) {
+  timespec now = {};
+  clock_gettime(clock, &now);
+  return int64_t{now.tv_sec} * 1'000'000'000 + now.tv_nsec;
+}
+
+size_t entries(const char *folder) {
+  size_t count = 0;  // beside . and ..
+  DIR *directory = opendir(folder);
+  while (readdir(directory) != nullptr) ++count;
+  closedir(directory);
+  return count - 2;
+}
+
+#if defined(__SANITIZE_THREAD__)
+constexpr size_t kToolThreads = 1;
+constexpr bool kForkedChildMayStartThreads = false;
+#else
+constexpr size_t kToolThreads = 0;
+constexpr bool kForkedChildMayStartThreads = true;
+#endif
+
+// An ended thread, joined or not, stays in the kernel's list for a moment.
+bool no_thread_is_left() {
+  for (int round = 0; round < 100'000; ++round) {
+    if (entries("/proc/self/task") == 1 + kToolThreads) return true;
+    sched_yield();
+  }
+  return false;
+}
+
+// ---- Time and process ---------------------------------------------------------------------------
+
+TEST(TimeClocks, AgreeWithTheKernelAcrossTheChangeOfASecond) {
+  constexpr int64_t kMargin = 5'000'000;
+  constexpr double kDoubleSlack = 1024;  // of a product in double precision, at any uptime
+  const int64_t rest = 1'000'000'000 - nanoseconds(CLOCK_REALTIME) % 1'000'000'000;
+  if (rest > kMargin) psp_sleep(static_cast<uint32_t>((rest - kMargin) / 1'000'000));
+  const int64_t end = nanoseconds(CLOCK_MONOTONIC) + 4 * kMargin;
+  for (int64_t now = 0; now < end;) {
+    const int64_t before = nanoseconds(CLOCK_REALTIME) / 1'000'000;
+    const int64_t seconds = psp_timeSecs();
+    const uint32_t milliseconds = psp_timeMilliSecs();
+    const int64_t seed = psp_seed();
+    const int64_t after = nanoseconds(CLOCK_REALTIME) / 1'000'000;
+    ASSERT_TRUE(before / 1000 <= seconds && seconds <= seed && seed <= after / 1000);
+    ASSERT_LE(milliseconds - static_cast<uint32_t>(before), static_cast<uint32_t>(after - before));
+
+    const auto early = static_cast<double>(nanoseconds(CLOCK_MONOTONIC)) - kDoubleSlack;
+    const auto told = static_cast<double>(psp_timeNanoSecs());
+    now = nanoseconds(CLOCK_MONOTONIC);
+    ASSERT_TRUE(early <= told && told <= static_cast<double>(now) + kDoubleSlack);
+  }
+}
+
+std::atomic<int> alarms{0};
+
+TEST(Process, SleepLastsAsToldUnderAStormOfSignals) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) { ++alarms; };  // no SA_RESTART: every alarm interrupts the sleep
+  sigaction(SIGALRM, &action, nullptr);
+  const itimerval storm = {{0, 500}, {0, 500}}, calm = {};
+  setitimer(ITIMER_REAL, &storm, nullptr);
+  const int64_t start = nanoseconds(CLOCK_MONOTONIC);
+  psp_sleep(50);
+  const int64_t elapsed = nanoseconds(CLOCK_MONOTONIC) - start;
+  setitimer(ITIMER_REAL, &calm, nullptr);
+  EXPECT_GE(elapsed, 50'000'000);
+  EXPECT_GT(alarms, 0);
+
+  EXPECT_EQ(psp_get_pid(), getpid());
+  EXPECT_EQ(psp_daemonStart(INT32_MIN, 7), PSP_OKAY);
+}
+
+TEST(TimeLocal, AgreesWithTheRuntimeAtEdgesOfYearsAndOfDaylightSaving) {
+  constexpr int64_t kSpring = 1'772'953'200;  // 2026-03-08 07:00 UTC: 02:00 becomes 03:00
+  const int64_t times[] = {0,
+                           -1,
+                           951'782'399,
+                           1'798'761'599,
+                           1'798'761'600,
+                           kSpring,
+                           INT32_MIN,
+                           INT32_MAX,
+                           INT32_MAX + 1LL,
+                           INT32_MIN - 1LL,
+                           kSpring - 1,
+                           253'402'300'799,
+                           -62'135'596'801};
+  for (const char *zone : {"UTC0", "<+0545>-5:45", "<-12>12", "EST5EDT,M3.2.0,M11.1.0"}) {
+    setenv("TZ", zone, 1);  // without tzset: the library has to notice
+    for (const int64_t time : times) {
+      const auto runtime_time = static_cast<time_t>(time);
+      if (runtime_time != time) continue;
+      std::tm told = {};
+      ASSERT_EQ(psp_timeLocaltime(time, &told), &told) << zone << " " << time;
+      const std::tm real = *localtime(&runtime_time);
+      char told_text[80], real_text[80];
+      strftime(told_text, sizeof told_text, "%Y-%m-%d %H:%M:%S %w %j %Z", &told);
+      strftime(real_text, sizeof real_text, "%Y-%m-%d %H:%M:%S %w %j %Z", &real);
+      EXPECT_STREQ(told_text, real_text) << zone << " " << time;
+      EXPECT_EQ(told.tm_isdst, real.tm_isdst);
+      EXPECT_STREQ(psp_timeCtime(time), asctime(&real));
+    }
+  }
+  EXPECT_STREQ(psp_timeCtime(kSpring - 1), "Sun Mar  8 01:59:59 2026\n");
+  EXPECT_STREQ(psp_timeCtime(kSpring), "Sun Mar  8 03:00:00 2026\n");
+}
+
+TEST(TimeLocal, WhatCannotBeConvertedLeavesTheRecord) {
+  std::tm record = {};
+  record.tm_mday = 77;
+  for (const int64_t time : {INT64_MAX, INT64_MIN}) {
+    errno = 0;
+    EXPECT_EQ(psp_timeLocaltime(time, &record), nullptr);
+    EXPECT_EQ(psp_errno(), static_cast<uint32_t>(EOVERFLOW));
+    EXPECT_EQ(psp_timeCtime(time), nullptr);
+  }
+  EXPECT_EQ(record.tm_mday, 77);
+  EXPECT_EQ(psp_timeLocaltime(0, nullptr), nullptr);
+}
+
+// ---- Environment and locale ---------------------------------------------------------------------
+
+std::u16string text(const psp_wchar *answer) { return answer != nullptr ? answer : u"(null)"; }
+
+TEST(Environment, WideAnswersAreConvertedAndStayValid) {
+  setenv("PSP_T\xC3\xA4ST", "Gr\xC3\xBC\xC3\x9F\x65 \xF0\x9F\x98\x80", 1);
+  const psp_wchar *first = psp_getenvW(u"PSP_T\u00E4ST");
+  EXPECT_EQ(text(first), u"Gr\u00FC\u00DFe \U0001F600");
+  EXPECT_EQ(psp_getenvW(u"PSP_T\u00E4ST"), first) << "one text is kept once";
+  setenv("PSP_T\xC3\xA4ST", "", 1);
+  EXPECT_EQ(text(psp_getenvW(u"PSP_T\u00E4ST")), u"");
+  EXPECT_EQ(text(first), u"Gr\u00FC\u00DFe \U0001F600");
+  setenv(std::string(5000, 'N').c_str(), "far", 1);
+  EXPECT_EQ(text(psp_getenvW(std::u16string(5000, u'N').c_str())), u"far");
+  psp::core::environment_stop();
+  EXPECT_EQ(text(psp_getenvW(std::u16string(5000, u'N').c_str())), u"far");
+}
+
+TEST(Environment, WhatHasNoAnswerGivesNull) {
+  const psp_wchar lone_surrogate[] = {u'P', 0xD800, 0};
+  unsetenv("PSP_TEST");
+  EXPECT_EQ(psp_getenv("PSP_TEST"), nullptr);
+  EXPECT_EQ(psp_getenv(nullptr), nullptr);
+  for (const psp_wchar *name :
+       {u"PSP_TEST", lone_surrogate, static_cast<const psp_wchar *>(nullptr)})
+    EXPECT_EQ(psp_getenvW(name), nullptr);
+  setenv("PSP_TEST", "cut \xC3", 1);
+  EXPECT_STREQ(psp_getenv("PSP_TEST"), "cut \xC3");
+  EXPECT_EQ(psp_getenvW(u"PSP_TEST"), nullptr);
+  EXPECT_EQ(psp_setlocaleW(LC_ALL, lone_surrogate), nullptr);
+}
+
+TEST(Environment, LocaleIsSetAndQueriedInBothWidths) {
+  EXPECT_STREQ(psp_setlocale(LC_ALL, "C"), "C");
+  EXPECT_EQ(text(psp_setlocaleW(LC_ALL, nullptr)), u"C");
+  EXPECT_EQ(psp_setlocaleW(LC_NUMERIC, u"no such locale"), nullptr);
+  EXPECT_EQ(text(psp_setlocaleW(LC_NUMERIC, u"POSIX")), u"C");
+  EXPECT_STREQ(psp::os::decimal_point(), ".");
+  EXPECT_STREQ(psp::os::thousands_separator(), "");
+}
+
+// ---- Interrupts ---------------------------------------------------------------------------------
+
+constexpr int kInterrupts[] = {SIGINT, SIGTERM, SIGHUP};
+
+// Counts calls, and lets the test wait for each.
+struct Calls {
+  sem_t arrived;
+  std::atomic<int> count;
+  std::atomic<pthread_t> thread;
+
+  void reset() {
+    sem_init(&arrived, 0, 0);
+    count = 0;
+  }
+  void note() {
+    thread = pthread_self();
+    ++count;
+    sem_post(&arrived);
+  }
+  // False when none comes in a time in which everything comes.
+  bool wait() {
+    timespec limit = {};
+    clock_gettime(CLOCK_REALTIME, &limit);
+    limit.tv_sec += 20;
+    while (sem_timedwait(&arrived, &limit) != 0) {
+      if (errno != EINTR) return false;
+    }
+    return true;
+  }
+};
+
+Calls first, second, own, go_on;
+
+std::atomic<bool> signals_blocked{false};
+
+void call_first() {
+  sigset_t blocked;
+  pthread_sigmask(SIG_SETMASK, nullptr, &blocked);
+  signals_blocked = sigismember(&blocked, SIGUSR1) == 1 && sigismember(&blocked, SIGSEGV) == 0;
+  first.note();
+}
+void call_second() { second.note(); }
+void call_first_and_wait() {
+  first.note();
+  go_on.wait();
+}
+void remove_and_call_first() {
+  psp_handleInterrupt(nullptr);
+  first.note();
+}
+
+// Dispositions of the client.
+void note_own(int) { own.note(); }
+void (*stood_before)(int) = nullptr;
+void note_own_and_go_on(int signal) {
+  own.note();
+  stood_before(signal);
+}
+
+void set_dispositions(void (*handler)(int)) {
+  struct sigaction action = {};
+  action.sa_handler = handler;
+  action.sa_flags = SA_NODEFER;
+  sigaddset(&action.sa_mask, SIGUSR1);
+  for (const int signal : kInterrupts) sigaction(signal, &action, nullptr);
+}
+
+struct sigaction disposition(int signal) {
+  struct sigaction action = {};
+  sigaction(signal, nullptr, &action);
+  return action;
+}
+
+class Interrupt : public testing::Test {
+ protected:
+  Interrupt() {
+    for (Calls *calls : {&first, &second, &own, &go_on}) calls->reset();
+    set_dispositions(SIG_DFL);
+  }
+  ~Interrupt() override { psp_handleInterrupt(nullptr); }
+};
+
+TEST_F(Interrupt, EverySignalCallsTheLatestHandlerOnceOnAThreadOfItsOwn) {
+  ASSERT_EQ(psp_handleInterrupt(call_second), PSP_OKAY);
+  ASSERT_EQ(psp_handleInterrupt(call_first), PSP_OKAY);
+  for (int round = 0; round < 3; ++round) {
+    errno = EDOM;
+    raise(kInterrupts[round]);
+    EXPECT_EQ(errno, EDOM);
+    ASSERT_TRUE(first.wait());
+    EXPECT_FALSE(pthread_equal(first.thread, pthread_self()));
+    EXPECT_TRUE(signals_blocked);
+  }
+  for (int round = 0; round < 100; ++round) raise(kInterrupts[round % 3]);
+  for (int round = 0; round < 100; ++round) ASSERT_TRUE(first.wait());
+  psp_handleInterrupt(nullptr);
+  EXPECT_EQ(first.count, 103);
+  EXPECT_EQ(second.count, 0);
+}
+
+TEST_F(Interrupt, RemovalRestoresWhatStoodBefore) {
+  ASSERT_EQ(psp_handleInterrupt(call_first), PSP_OKAY);
+  ASSERT_EQ(psp_handleInterrupt(nullptr), PSP_OKAY);
+  EXPECT_EXIT(raise(SIGINT), testing::KilledBySignal(SIGINT), "");
+  set_dispositions(note_own);
+  const struct sigaction before = disposition(SIGTERM);
+  psp_handleInterrupt(call_first);
+  psp_handleInterrupt(nullptr);
+  const struct sigaction after = disposition(SIGTERM);
+  EXPECT_EQ(after.sa_flags, before.sa_flags);
+  EXPECT_EQ(sigismember(&after.sa_mask, SIGUSR1), 1);
+  for (const int signal : kInterrupts) raise(signal);
+  EXPECT_EQ(own.count, 3);
+}
+
+TEST_F(Interrupt, WhatWaitsBehindARunningHandlerGoesToWhatStoodBefore) {
+  set_dispositions(note_own);
+  psp_handleInterrupt(call_first_and_wait);
+  raise(SIGTERM);
+  ASSERT_TRUE(first.wait());
+  raise(SIGHUP);
+  EXPECT_EQ(own.count, 0);
+  ASSERT_EQ(psp_handleInterrupt(nullptr), PSP_OKAY);
+  ASSERT_TRUE(own.wait());
+
+  psp_handleInterrupt(call_second);  // beside the handler that still runs
+  raise(SIGINT);
+  ASSERT_TRUE(second.wait());
+  go_on.note();
+  psp_handleInterrupt(nullptr);
+  EXPECT_TRUE(no_thread_is_left());
+  EXPECT_EQ(first.count + own.count + second.count, 3);
+}
+
+TEST_F(Interrupt, RoundsLeaveNothingBehindEvenIfHandlersRemoveThemselves) {
+  set_dispositions(note_own);
+  const size_t descriptors = entries("/proc/self/fd");
+  for (int round = 1; round <= 1000; ++round) {
+    ASSERT_EQ(psp_handleInterrupt(call_second), PSP_OKAY);
+    ASSERT_EQ(psp_handleInterrupt(nullptr), PSP_OKAY);
+    psp_handleInterrupt(remove_and_call_first);
+    raise(SIGTERM);
+    ASSERT_TRUE(first.wait());
+    raise(SIGTERM);
+    ASSERT_EQ(own.count, round);
+  }
+  EXPECT_EQ(entries("/proc/self/fd"), descriptors);
+  EXPECT_TRUE(no_thread_is_left());
+}
+
+TEST_F(Interrupt, NoneIsLostWhileThreadsInstallAndRemove) {
+  set_dispositions(note_own);
+  std::atomic<bool> stop{false};
+  const auto toggle = [&stop] {
+    while (!stop) {
+      psp_handleInterrupt([] { own.note(); });
+      psp_handleInterrupt(nullptr);
+    }
+  };
+  std::thread one(toggle), other(toggle);
+  constexpr int kRaised = 3000;
+  bool lost = false;
+  for (int round = 0; round < kRaised && !lost; ++round) {
+    raise(kInterrupts[round % 3]);
+    lost = !own.wait();
+  }
+  stop = true;
+  one.join();
+  other.join();
+  EXPECT_FALSE(lost);
+  EXPECT_EQ(own.count, kRaised);
+}
+
+// How a forked child ends that does this and then exits with its count of calls.
+template <class Work>
+int status_of_child(Work work) {
+  const pid_t child = fork();
+  if (child == 0) {
+    work();
+    _exit(first.count);
+  }
+  int status = 0;
+  waitpid(child, &status, 0);
+  return status;
+}
+
+TEST_F(Interrupt, ForkedChildHasNoHandlerUntilItInstallsOne) {
+  psp_handleInterrupt(call_first);
+  int status = status_of_child([] { raise(SIGTERM); });
+  EXPECT_TRUE(WIFSIGNALED(status) && WTERMSIG(status) == SIGTERM);
+  if (kForkedChildMayStartThreads) {
+    status = status_of_child([] {
+      psp_handleInterrupt(call_first);
+      raise(SIGTERM);
+      first.wait();
+    });
+    EXPECT_TRUE(WIFEXITED(status) && WEXITSTATUS(status) == 1);
+  }
+  EXPECT_EQ(first.count, 0);
+  raise(SIGTERM);
+  EXPECT_TRUE(first.wait()) << "the parent's handler goes on";
+}
+
+TEST_F(Interrupt, InstallThatFailsChangesNothing) {
+  set_dispositions(note_own);
+  pthread_attr_t usual, huge;
+  pthread_getattr_default_np(&usual);
+  pthread_getattr_default_np(&huge);
+  pthread_attr_setstacksize(&huge, SIZE_MAX - 0xFFFFF);  // no thread can be started
+  pthread_setattr_default_np(&huge);
+  errno = 0;
+  EXPECT_EQ(psp_handleInterrupt(call_first), PSP_FAILED);
+  EXPECT_NE(psp_errno(), 0u);
+  pthread_setattr_default_np(&usual);
+  raise(SIGTERM);
+  EXPECT_EQ(own.count, 1);
+}
+
+// Last, because what it does to the signals stays with the process.
+TEST_F(Interrupt, RemovalLeavesWhatTheClientSetOverIt) {
+  psp_handleInterrupt(call_first);
+  stood_before = disposition(SIGTERM).sa_handler;
+  set_dispositions(note_own_and_go_on);
+  raise(SIGTERM);
+  ASSERT_TRUE(first.wait());
+  psp_handleInterrupt(nullptr);
+  raise(SIGTERM);
+  EXPECT_EQ(own.count, 2);
+  EXPECT_EQ(first.count, 1);
+}
+
+}  // namespace
