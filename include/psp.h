@@ -345,10 +345,15 @@ PSP_API void psp_exitCritSec(void);
  *              and give exponents at least three digits. "a" and "A" print fixed notation. "L"
  *              does not change the argument, which is a double. In fixed notation a magnitude of
  *              2^64 or more fails the call.
- *   '          groups thousands by the locale's separator, or "," where the locale has none.
+ *   '          groups digits by threes with the locale's separator: nothing where that is empty,
+ *              as in the "C" locale, and "," where the locale does not know one at all.
  *   p          prints as %X with at least 8 digits.
  *   c          ignores width; s takes (null) for a null pointer and pads with blanks only.
+ *   n          counts what the text so far needs, even where the buffer has no room for it.
  *   I64, I32   are size prefixes like ll and none.
+ *
+ * An unknown conversion puts out nothing and takes no argument; a format that ends inside a
+ * directive ends before it.
  *
  * The decimal point is the C runtime's locale's. No conversion allocates. All functions work in any
  * thread. */
@@ -358,11 +363,11 @@ PSP_API void psp_exitCritSec(void);
  *  @param buffer  where to store; null only measures.
  *  @param size    bytes of the buffer, the terminator included; at most size - 1 characters are
  *                 stored, and a size of 1 or more always gets a terminator.
- *  @param format  the format, not null.
+ *  @param format  the format.
  *  @param arguments  the values that the format names.
- *  @return the characters that the whole text needs, without the terminator; -1 for a width or
- *          precision above 2^31 - 1, a fixed notation out of range, or a text of 2^31 - 1
- *          characters or more.
+ *  @return the characters that the whole text needs, without the terminator; -1 for a null format,
+ *          a width or precision above 2^31 - 1, a floating value out of its notation's range (the
+ *          text ends before the directive then), or a text of 2^31 - 1 characters or more.
  *  Works without a start. */
 PSP_API int32_t psp_vsnprintf(char *buffer, size_t size, const char *format, va_list arguments);
 
@@ -476,7 +481,8 @@ PSP_API char *psp_strncpyZ(char *destination, const char *source, uint32_t size)
 /** psp_strncpyZ for wide strings; the size is in units. */
 PSP_API psp_wchar *psp_wcsncpyZ(psp_wchar *destination, const psp_wchar *source, uint32_t size);
 
-/** Rounds to the nearest whole number, halves away from zero. A NaN stays one. */
+/** Rounds to the nearest whole number, halves away from zero. Infinity and NaN stay what they are;
+ *  the sign stays also at zero. */
 PSP_API double psp_round(double value);
 
 /** The alignment class (0 to 6) of a field type code such as 'i' or 'F'; 0 for unknown codes. */
@@ -509,9 +515,11 @@ PSP_API double psp_swaporderf64(uint64_t pattern);
  * leaves the channel open.
  *
  * PSP_FILE_DENY_READ and PSP_FILE_DENY_WRITE keep other handles of this process and of other
- * processes that use the library from opening the file so. On POSIX programs that do not use the
- * library are not stopped, and denying others to read wants the right to write the file. The denial
- * ends with the handle, or with the process.
+ * processes that use the library from opening the file so. The denial ends with the handle, or with
+ * the process. On POSIX it holds for regular files on file systems with open-file-description locks;
+ * programs that do not use the library are not stopped; it wants the right to read and to write the
+ * file (only to read it, where the handle only reads and denies only writing); and a forked child
+ * shares the denials and the first-byte lock of its parent's handles, until both have closed them.
  *
  * psp_fileLock takes the first byte of the file for one handle; meanwhile reads and writes of that
  * byte through other handles fail with a lock violation. A positional read repeats itself for as
@@ -587,7 +595,8 @@ PSP_API int32_t psp_fileSeekRead(PSP_FH file, int64_t offset, void *buffer, uint
 
 /** Writes count bytes at an offset. Where the sequential position is afterwards is open.
  *
- *  @return bytes written; 0 in read-only mode; -1 after a failure, which is logged. */
+ *  @return bytes written, fewer only if the platform stopped half-way; 0 in read-only mode; -1 after
+ *          a failure or for a count above 2^31 - 1, which is logged. */
 PSP_API int32_t psp_fileSeekWrite(PSP_FH file, int64_t offset, const void *buffer, uint32_t count);
 
 /** The length of an open file in bytes; 0 when it cannot be told. */
@@ -602,7 +611,8 @@ PSP_API int64_t psp_fileLengthStat(const char *name, uint16_t mode);
 /** Sets the length of a file: cuts it, or appends zero bytes. The position is the new end then.
  *
  *  @param size  the new length in bytes.
- *  @return 0; -1 when it failed, for a negative size and in read-only mode. */
+ *  @return 0; -1 when the file could not grow, for a negative size and in read-only mode. A cut that
+ *          fails gives 0: to learn of it, look at psp_errno as for psp_fileSync. */
 PSP_API int32_t psp_fileSetSize(PSP_FH file, int64_t size);
 
 /** Takes the first byte of the file for this handle; never waits.
@@ -634,9 +644,12 @@ PSP_API int64_t psp_fileModTimeStat(const char *name, uint16_t mode);
  * return with a line feed reads as one line feed, and a line feed is written as the two.
  *
  * Reading and writing may alternate. What is written reaches the file when a block of 1024 bytes is
- * full, at a flush and at the close. In read-only mode output is dropped in silence.
+ * full, at a flush and at the close. In read-only mode output is dropped in silence. A write that
+ * the file does not take leaves its bytes in the stream, which tries again at the next occasion.
  *
- * A byte 0xFF of 8-bit text reads as -1 and cannot be told from the end. */
+ * A byte 0xFF of 8-bit text reads as -1 and cannot be told from the end. Of a run of carriage
+ * returns that no line feed ends, no more than 20 are read; one that a line feed ends is part of the
+ * line end. A null stream gives the failure result. */
 
 typedef struct psp_stream psp_stream;
 
@@ -647,7 +660,8 @@ PSP_API psp_stream *psp_fopen(const char *name, const char *mode, uint32_t width
  *
  *  @param name       the path.
  *  @param mode       "r", "w" (create or empty) or "a" (create; starts at the end), each with an
- *                    optional "+" for reading and writing; any other character fails. Null reads.
+ *                    optional "+" for reading and writing; any other character fails, "b" and "t"
+ *                    too. Null reads.
  *  @param width      bytes of a unit of a write stream, 1 or 2; 0 is 1. Read streams find out.
  *  @param mode_word  PSP_FILE_ bits.
  *  @return the stream; null when the file cannot be opened or memory is short.
@@ -680,7 +694,7 @@ PSP_API int32_t psp_fungetc(int32_t character, psp_stream *stream);
 /** Reads up to a line feed, which is kept, or size - 1 characters, and terminates them.
  *
  *  @param buffer  where to store.
- *  @param size    bytes of the buffer.
+ *  @param size    bytes of the buffer; 1 gives an empty string.
  *  @return the buffer; null when nothing was read, the buffer is null or the size not positive. */
 PSP_API char *psp_fgets(char *buffer, int32_t size, psp_stream *stream);
 
@@ -733,8 +747,9 @@ PSP_API psp_status psp_fseek(psp_stream *stream, int32_t offset, int32_t origin)
  *
  * A log message goes to the standard output channel (psp_log_err: standard error) and, with a stamp
  * "[19-Nov-2026 06:32:28]" and two blanks before it, to the log's output if there is one. End your
- * messages with "\n". Before psp_init and after the last psp_term messages go to the C runtime's
- * standard output and standard error. */
+ * messages with "\n"; one that holds a zero byte ends there. Before psp_init and after the last
+ * psp_term messages go to the C runtime's standard output and standard error, formatted by the C
+ * runtime: "l" and "z" are its own there. */
 
 /** Pushes an output on the standard output channel.
  *
@@ -866,10 +881,15 @@ PSP_API const psp_wchar *psp_setlocaleW(int32_t category, const psp_wchar *name)
 /** Installs the function that an interrupt calls, or removes it.
  *
  *  Interrupts are SIGINT, SIGTERM and SIGHUP on POSIX, console control events on Windows. The
- *  handler runs on a thread of its own, never inside a signal, and may use the whole library.
+ *  handler runs on a thread of its own, never inside a signal, and may use the whole library. It
+ *  may install and remove handlers, itself included.
+ *
+ *  On POSIX one thread makes the calls one after the other. An interrupt that no handler was called
+ *  for yet goes to what a removal restores. In a forked child interrupts do what they did before
+ *  the handler was installed, until the child installs one itself.
  *
  *  @param handler  the function; it replaces an earlier one. Null removes it and restores what the
- *                  interrupts did before.
+ *                  interrupts did before, save where the client has changed that since.
  *  @return PSP_OKAY; PSP_FAILED when the platform refuses, and then nothing is changed. */
 PSP_API psp_status psp_handleInterrupt(void (*handler)(void));
 

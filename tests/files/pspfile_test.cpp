@@ -1,0 +1,492 @@
+// File handles: what they may do to each other, in one process and between processes, and what
+// becomes of bytes, positions, modes and failures.
+#include <fcntl.h>
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <thread>
+#include <vector>
+
+#include "psp.h"
+
+namespace {
+
+constexpr uint32_t kUpdate = PSP_OPEN_READWRITE;
+constexpr uint16_t kDenyAll = PSP_FILE_DENY_READ | PSP_FILE_DENY_WRITE;
+
+struct Handle {
+  Handle(const std::string &name, uint32_t flags, uint16_t mode = 0)
+      : file(psp_fileOpen(name.c_str(), flags, mode)) {}
+  Handle(Handle &&other) noexcept : file(std::exchange(other.file, nullptr)) {}
+  ~Handle() { psp_fileClose(file); }
+  operator PSP_FH() const { return file; }
+  PSP_FH file;
+};
+
+bool opens(const std::string &name, uint32_t flags, uint16_t mode = 0) {
+  return Handle(name, flags, mode) != nullptr;
+}
+
+class Files : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string pattern = testing::TempDir() + "psp-files-XXXXXX";
+    folder_ = mkdtemp(pattern.data());
+    ASSERT_EQ(psp_init(), PSP_OKAY);
+    ASSERT_EQ(psp_stdout_open(path("messages").c_str()), PSP_OKAY);
+  }
+  void TearDown() override {
+    psp_term();
+    std::filesystem::remove_all(folder_);
+  }
+  std::string path(const std::string &name) const { return folder_ + "/" + name; }
+  std::string put(const std::string &name, const std::string &content) const {
+    std::ofstream(path(name), std::ios::binary) << content;
+    return path(name);
+  }
+  std::string get(const std::string &name) const {
+    std::stringstream content;
+    content << std::ifstream(path(name), std::ios::binary).rdbuf();
+    return content.str();
+  }
+  std::string folder_;
+};
+
+// A child that runs work and then stays until it is killed; what came of the work is known when the
+// constructor returns.
+class Child {
+ public:
+  explicit Child(const std::function<bool()> &work) {
+    int done[2];
+    EXPECT_EQ(pipe(done), 0);
+    pid_ = fork();
+    if (pid_ == 0) {
+      const char result = work() && !testing::Test::HasFailure() ? 1 : 0;
+      _exit(write(done[1], &result, 1) == 1 && pause());
+    }
+    close(done[1]);
+    char result = 0;
+    worked = read(done[0], &result, 1) == 1 && result == 1;
+    close(done[0]);
+  }
+  ~Child() {
+    kill(pid_, SIGKILL);
+    waitpid(pid_, nullptr, 0);
+  }
+  bool worked = false;
+
+ private:
+  pid_t pid_ = 0;
+};
+
+std::vector<int> open_descriptors() {
+  std::vector<int> descriptors;
+  for (int descriptor = 0; descriptor < 200; ++descriptor) {
+    if (fcntl(descriptor, F_GETFD) != -1) descriptors.push_back(descriptor);
+  }
+  return descriptors;
+}
+
+// ---- Sharing ------------------------------------------------------------------------------------
+
+struct Opening {
+  uint32_t access;
+  uint16_t denial;
+  bool denies(const Opening &other) const {
+    return ((denial & PSP_FILE_DENY_READ) != 0 && other.access != PSP_OPEN_WRITE) ||
+           ((denial & PSP_FILE_DENY_WRITE) != 0 && other.access != PSP_OPEN_READ);
+  }
+  bool excludes(const Opening &other) const { return denies(other) || other.denies(*this); }
+};
+
+std::vector<Opening> all_openings() {
+  std::vector<Opening> all;
+  for (const uint32_t access : {PSP_OPEN_READ, PSP_OPEN_WRITE, PSP_OPEN_READWRITE}) {
+    for (uint16_t denial = 0; denial <= kDenyAll; ++denial) all.push_back({access, denial});
+  }
+  return all;
+}
+
+void expect_second_openings(const std::string &name, const Opening &first) {
+  for (const Opening &second : all_openings()) {
+    EXPECT_EQ(opens(name, second.access, second.denial), !first.excludes(second))
+        << first.access << '/' << first.denial << ' ' << second.access << '/' << second.denial;
+  }
+}
+
+TEST_F(Files, SecondOpeningIsAllowedExactlyWhereNeitherDeniesTheOther) {
+  const std::string name = put("shared", "content");
+  for (const Opening &first : all_openings()) {
+    {
+      const Handle file(name, first.access, first.denial);
+      ASSERT_NE(file, nullptr);
+      expect_second_openings(name, first);
+    }
+    EXPECT_TRUE(opens(name, kUpdate, kDenyAll)) << "a denial outlives its handle";
+    {
+      const Child child(
+          [&] { return psp_fileOpen(name.c_str(), first.access, first.denial) != nullptr; });
+      ASSERT_TRUE(child.worked);
+      expect_second_openings(name, first);
+    }
+    EXPECT_TRUE(opens(name, kUpdate, kDenyAll)) << "a denial outlives its killed process";
+  }
+}
+
+TEST_F(Files, AnyNumberOfHandlesKeepToTheDenialsOfAll) {
+  const uint32_t seed = 20'260'101;
+  SCOPED_TRACE(testing::Message() << "seed " << seed);
+  std::mt19937 random(seed);
+  const std::string name = put("shared", "content");
+  const std::vector<Opening> all = all_openings();
+  std::vector<std::pair<Opening, Handle>> open;
+  for (int step = 0; step < 4000; ++step) {
+    const Opening &next = all[random() % all.size()];
+    bool allowed = true;
+    for (const auto &[held, file] : open) allowed &= !held.excludes(next);
+    Handle file(name, next.access, next.denial);
+    ASSERT_EQ(file != nullptr, allowed) << "step " << step;
+    if (file != nullptr) open.emplace_back(next, std::move(file));
+    while (open.size() > random() % 12) {
+      auto &[opening, handle] = open[random() % open.size()];
+      std::swap(opening, open.back().first);
+      std::swap(handle.file, open.back().second.file);
+      open.pop_back();
+    }
+  }
+}
+
+TEST_F(Files, OtherDescriptorsForkedChildrenAndRefusedOpeningsChangeNothing) {
+  const std::string name = put("shared", "content");
+  const Handle file(name, kUpdate, PSP_FILE_DENY_WRITE);
+  ASSERT_EQ(psp_fileLock(file), PSP_OKAY);
+  close(open(name.c_str(), O_RDWR));
+  {
+    const Child child([&] { return close(open(name.c_str(), O_RDWR)) == 0; });
+  }
+  for (const uint32_t access : {PSP_OPEN_READ, PSP_OPEN_WRITE, PSP_OPEN_READWRITE}) {
+    EXPECT_FALSE(opens(name, access | PSP_OPEN_TRUNCATE, PSP_FILE_DENY_WRITE));
+  }
+  EXPECT_EQ(psp_fileLock(Handle(name, PSP_OPEN_READ)), PSP_FAILED);
+  EXPECT_EQ(get("shared"), "content");
+  // Only regular files are denied to others.
+  const Handle device("/dev/null", kUpdate, kDenyAll);
+  EXPECT_TRUE(opens("/dev/null", kUpdate, kDenyAll));
+}
+
+// ---- The first byte -----------------------------------------------------------------------------
+
+bool is_kept_from_first_byte(PSP_FH file) {
+  char byte = 0;
+  EXPECT_EQ(psp_fileLock(file), PSP_FAILED);
+  EXPECT_EQ(psp_fileUnlock(file), PSP_FAILED);
+  EXPECT_EQ(psp_fileSeek(file, 0, PSP_SEEK_START), PSP_OKAY);
+  EXPECT_EQ(psp_fileRead(file, &byte, 1), -1);
+  EXPECT_EQ(psp_fileWrite(file, "-", 1), -1);
+  EXPECT_EQ(psp_fileSeekWrite(file, 0, "-", 1), -1);
+  return psp_fileSeekRead(file, 1, &byte, 1) == 1;
+}
+
+TEST_F(Files, FirstByteBelongsToTheHandleThatLockedIt) {
+  const std::string name = put("locked", "abcdef");
+  const Handle updater(name, kUpdate), other(name, kUpdate), reader(name, PSP_OPEN_READ);
+  char byte = 0;
+  for (PSP_FH owner : {updater.file, reader.file}) {
+    ASSERT_EQ(psp_fileLock(owner), PSP_OKAY);
+    EXPECT_EQ(psp_fileLock(owner), PSP_FAILED);
+    EXPECT_EQ(psp_fileSeekRead(owner, 0, &byte, 1), 1);
+    EXPECT_TRUE(is_kept_from_first_byte(other));
+    EXPECT_TRUE(is_kept_from_first_byte(Handle(name, PSP_OPEN_READ)));
+    EXPECT_TRUE(Child([&] { return is_kept_from_first_byte(Handle(name, kUpdate)); }).worked);
+    EXPECT_EQ(psp_fileUnlock(owner), PSP_OKAY);
+    EXPECT_EQ(psp_fileUnlock(owner), PSP_FAILED);
+    EXPECT_EQ(psp_fileSeekWrite(other, 0, owner == updater ? "A" : "B", 1), 1);
+  }
+  EXPECT_EQ(get("locked"), "Bbcdef");
+  EXPECT_EQ(psp_fileLock(Handle(name, kUpdate)), PSP_OKAY);
+  EXPECT_EQ(psp_fileLock(other), PSP_OKAY) << "the lock outlives its handle";
+}
+
+TEST_F(Files, PositionalReadOutlastsTheLockOfItsByte) {
+  const std::string name = put("locked", "abcdef");
+  const Handle holder(name, kUpdate);
+  ASSERT_EQ(psp_fileLock(holder), PSP_OKAY);
+  std::atomic<int> started{0}, result{0};
+  std::thread reader([&] {
+    const Handle file(name, PSP_OPEN_READ);
+    char bytes[4];
+    started = 1;
+    started.notify_one();
+    result = psp_fileSeekRead(file, 0, bytes, sizeof(bytes));
+  });
+  started.wait(0);
+  for (int turn = 0; turn < 100; ++turn) std::this_thread::yield();
+  EXPECT_EQ(result, 0);
+  EXPECT_EQ(psp_fileUnlock(holder), PSP_OKAY);
+  reader.join();
+  EXPECT_EQ(result, 4);
+}
+
+// ---- Opening ------------------------------------------------------------------------------------
+
+TEST_F(Files, FlagsDecideWhatBecomesOfTheFileAndWhatTheHandleMayDo) {
+  for (const uint32_t access : {PSP_OPEN_READ, PSP_OPEN_WRITE, PSP_OPEN_READWRITE}) {
+    for (const uint32_t creation : {0u, PSP_OPEN_CREATE, PSP_OPEN_TRUNCATE}) {
+      for (uint16_t denial = 0; denial <= kDenyAll; ++denial) {
+        std::filesystem::remove(path("missing"));
+        const std::string name = put("existing", "content");
+        EXPECT_EQ(opens(path("missing"), access | creation, denial), creation != 0);
+        EXPECT_EQ(std::filesystem::exists(path("missing")), creation != 0);
+        const Handle file(name, access | creation | PSP_OPEN_APPEND, denial);
+        EXPECT_EQ(get("existing"), creation == PSP_OPEN_TRUNCATE ? "" : "content");
+        char byte = 0;
+        EXPECT_EQ(psp_fileRead(file, &byte, 1),
+                  access == PSP_OPEN_WRITE ? -1 : (creation == PSP_OPEN_TRUNCATE ? 0 : 1));
+        EXPECT_EQ(psp_fileSeekWrite(file, 1, "X", 1), access == PSP_OPEN_READ ? -1 : 1);
+      }
+    }
+  }
+}
+
+TEST_F(Files, NamesTakeBothSeparatorsAndAllCharacters) {
+  std::filesystem::create_directory(path("d"));
+  const psp_wchar wide[] = PSP_W("h\u00FCt\u6F22\xD83D\xDE00");
+  char narrow[20];
+  psp_wchar_to_utf8(narrow, wide, sizeof(narrow), PSP_UTF8_STRICT);
+  ASSERT_TRUE(opens(folder_ + "\\d/..\\d\\" + narrow, PSP_OPEN_WRITE | PSP_OPEN_CREATE));
+  EXPECT_TRUE(std::filesystem::exists(path("d/") + narrow));
+  ASSERT_EQ(chdir(path("d").c_str()), 0);
+  PSP_FH file = psp_fileOpenW(wide, PSP_OPEN_READ, 0);
+  EXPECT_NE(file, nullptr);
+  psp_fileClose(file);
+  const psp_wchar invalid[] = {'x', 0xD800, 'y', 0};
+  EXPECT_EQ(psp_fileOpenW(invalid, PSP_OPEN_WRITE | PSP_OPEN_CREATE, 0), nullptr);
+  EXPECT_EQ(psp_fileOpenW(nullptr, PSP_OPEN_READ, 0), nullptr);
+}
+
+TEST_F(Files, DescriptorsAreNeitherStandardChannelsNorInheritedNorLeftByFailures) {
+  const std::string name = put("shared", "content");
+  const std::vector<int> before = open_descriptors();
+  const Handle device("/dev/null", kUpdate);
+  close(STDIN_FILENO);
+  const Handle file(name, kUpdate, kDenyAll);
+  const std::vector<int> after = open_descriptors();
+  EXPECT_EQ(after.size(), before.size() + 1);
+  for (const int descriptor : after) {
+    if (std::count(before.begin(), before.end(), descriptor) != 0) continue;
+    EXPECT_GT(descriptor, STDERR_FILENO);
+    EXPECT_EQ(fcntl(descriptor, F_GETFD), FD_CLOEXEC);
+  }
+  const struct {
+    std::string name;
+    uint32_t flags;
+    uint32_t error;
+  } cases[] = {{path("missing"), PSP_OPEN_READ, ENOENT},
+               {folder_, PSP_OPEN_READ, EISDIR},
+               {folder_, kUpdate | PSP_OPEN_CREATE, EISDIR},
+               {folder_ + std::string(PATH_MAX, '/') + "\\shared", PSP_OPEN_READ, ENAMETOOLONG},
+               {path("missing/f"), PSP_OPEN_WRITE | PSP_OPEN_CREATE, ENOENT},
+               {name, PSP_OPEN_READ, EBUSY}};
+  for (const auto &[bad_name, flags, error] : cases) {
+    errno = 0;
+    EXPECT_FALSE(opens(bad_name, flags)) << bad_name;
+    EXPECT_EQ(psp_errno(), error) << bad_name;
+  }
+  EXPECT_EQ(psp_fileOpen(nullptr, PSP_OPEN_READ, 0), nullptr);
+  EXPECT_EQ(open_descriptors(), after);
+}
+
+// ---- Bytes, positions and lengths ---------------------------------------------------------------
+
+TEST_F(Files, PositionsAndLengthsGoBeyondFourGigabytes) {
+  constexpr int64_t kFar = (int64_t{5} << 30) + 3;
+  const std::string name = path("sparse");
+  const Handle file(name, kUpdate | PSP_OPEN_CREATE);
+  ASSERT_EQ(psp_fileSeekWrite(file, kFar, "far", 3), 3);
+  EXPECT_EQ(psp_fileLength(file), kFar + 3);
+  EXPECT_EQ(psp_fileLengthStat(name.c_str(), 0), kFar + 3);
+  char bytes[8] = {};
+  EXPECT_EQ(psp_fileSeek(file, -2, PSP_SEEK_END), PSP_OKAY);
+  EXPECT_EQ(psp_fileRead(file, bytes, 8), 2);
+  EXPECT_EQ(psp_fileSeek(file, -3, PSP_SEEK_CURRENT), PSP_OKAY);
+  EXPECT_EQ(psp_fileRead(file, bytes, 8), 3);
+  EXPECT_EQ(std::string(bytes, 3), "far");
+  EXPECT_EQ(psp_fileSeekRead(file, kFar + 3, bytes, 8), 0);
+  EXPECT_EQ(psp_fileSeek(file, -kFar - 4, PSP_SEEK_CURRENT), PSP_FAILED);
+  EXPECT_EQ(psp_fileSeek(file, INT64_MAX, PSP_SEEK_END), PSP_FAILED);
+  EXPECT_EQ(psp_fileRead(file, bytes, 8), 0) << "a failed seek has moved the position";
+  EXPECT_EQ(psp_fileSetSize(file, kFar + 1), 0);
+  EXPECT_EQ(psp_fileLengthStat(name.c_str(), 0), kFar + 1);
+}
+
+TEST_F(Files, SizeIsSetWithZerosAndThePositionFollows) {
+  const std::string name = put("sized", "abc");
+  {
+    const Handle file(name, kUpdate);
+    EXPECT_EQ(psp_fileSetSize(file, 25'003), 0);
+    EXPECT_EQ(psp_fileWrite(file, "end", 3), 3);
+    EXPECT_EQ(get("sized"), "abc" + std::string(25'000, '\0') + "end");
+    EXPECT_EQ(psp_fileSetSize(file, 2), 0);
+    EXPECT_EQ(psp_fileWrite(file, "C", 1), 1);
+    EXPECT_EQ(psp_fileSeek(file, 1, PSP_SEEK_START), PSP_OKAY);
+    EXPECT_EQ(psp_fileSetSize(file, 3), 0);
+    EXPECT_EQ(psp_fileWrite(file, "B", 1), 1);
+    EXPECT_EQ(psp_fileSetSize(file, -1), -1);
+  }
+  EXPECT_EQ(psp_fileSetSize(Handle(name, PSP_OPEN_READ), 100), -1);
+  EXPECT_EQ(psp_fileSetSize(Handle("/dev/full", kUpdate), 100), -1);
+  EXPECT_EQ(get("sized"), "aBC");
+}
+
+TEST_F(Files, NothingToTransferIsNoFailureAndMissingArgumentsAre) {
+  char byte = 'x';
+  const Handle file(put("file", "a"), kUpdate);
+  EXPECT_EQ(psp_fileRead(file, nullptr, 0), 0);
+  EXPECT_EQ(psp_fileWrite(file, nullptr, 0), 0);
+  EXPECT_EQ(psp_fileSeekRead(file, -1, nullptr, 0), 0);
+  EXPECT_EQ(psp_fileSeekWrite(file, -1, nullptr, 0), 0);
+  EXPECT_EQ(psp_fileSeek(file, 10, PSP_SEEK_START), PSP_OKAY);
+  for (PSP_FH handle : {file.file, static_cast<PSP_FH>(nullptr)}) {
+    void *buffer = handle == nullptr ? &byte : nullptr;
+    EXPECT_EQ(psp_fileRead(handle, buffer, 1), -1);
+    EXPECT_EQ(psp_fileWrite(handle, buffer, 1), -1);
+    EXPECT_EQ(psp_fileSeekRead(handle, 10, buffer, 1), -1);
+    EXPECT_EQ(psp_fileSeekWrite(handle, 10, buffer, 1), -1);
+  }
+  EXPECT_EQ(psp_fileWrite(file, &byte, 0x80000000u), -1);
+  EXPECT_EQ(psp_fileSeekWrite(file, 0, &byte, 0x80000000u), -1);
+  EXPECT_EQ(psp_fileLength(file), 1);
+  psp_fileClose(nullptr);
+  EXPECT_EQ(psp_fileSeek(nullptr, 0, PSP_SEEK_START), PSP_FAILED);
+  EXPECT_EQ(psp_fileLength(nullptr), 0);
+  EXPECT_EQ(psp_fileSetSize(nullptr, 0), -1);
+  EXPECT_EQ(psp_fileLock(nullptr), PSP_FAILED);
+  EXPECT_EQ(psp_fileUnlock(nullptr), PSP_FAILED);
+  const std::string missing = path("missing");
+  for (const char *name : {missing.c_str(), static_cast<const char *>(nullptr)}) {
+    EXPECT_EQ(psp_fileLengthStat(name, 0), -1);
+    EXPECT_EQ(psp_fileModTimeStat(name, 0), -1);
+  }
+}
+
+TEST_F(Files, FailureIsReportedAndLeavesTheHandleUsable) {
+  const Handle writer(path("file"), PSP_OPEN_WRITE | PSP_OPEN_CREATE);
+  const Handle reader(path("file"), PSP_OPEN_READ);
+  char byte = 0;
+  EXPECT_EQ(psp_fileWrite(writer, "abc", 3), 3);
+  EXPECT_EQ(psp_fileSeek(writer, 1, 7), PSP_OKAY);
+  EXPECT_EQ(psp_fileRead(writer, &byte, 1), -1);
+  EXPECT_EQ(psp_fileSeekRead(writer, 0, &byte, 1), -1);
+  EXPECT_EQ(psp_fileSeekWrite(reader, 0, &byte, 1), -1);
+  testing::internal::CaptureStderr();
+  EXPECT_EQ(psp_fileWrite(reader, &byte, 1), -1);
+  const std::string code = std::to_string(EBADF);
+  EXPECT_EQ(testing::internal::GetCapturedStderr(), "Write failed, errno = " + code + "\n");
+  EXPECT_EQ(psp_fileWrite(writer, "B", 1), 1);
+  EXPECT_EQ(get("file"), "aBc");
+  EXPECT_EQ(get("messages"),
+            "Invalid seek method, seeking from beginning\r\nRead failed, errno = " + code +
+                "\r\nFailed to seek and read, errno = " + code +
+                "\r\nFailed to seek and write, errno = " + code + "\r\n");
+}
+
+// ---- Standard channels and modes ----------------------------------------------------------------
+
+TEST_F(Files, StandardChannelsMayBeClosedOrFiles) {
+  const Child closed([&] {
+    for (int fd = 0; fd <= STDERR_FILENO; ++fd) close(fd);
+    for (const char *name : {"stdin", "stdout", "stderr"}) {
+      const Handle file(name, PSP_OPEN_READWRITE);
+      EXPECT_EQ(psp_fileWrite(file, "x", 1), -1);
+      EXPECT_EQ(psp_fileLength(file), 0);
+    }
+    return get("messages") == "Inconsistent file state stdin\r\nInconsistent file state stderr\r\n";
+  });
+  EXPECT_TRUE(closed.worked);
+  const Child redirected([&] {
+    dup2(open(path("out").c_str(), O_CREAT | O_WRONLY, 0600), STDOUT_FILENO);
+    EXPECT_EQ(write(STDOUT_FILENO, "a", 1), 1);
+    EXPECT_EQ(psp_fileWrite(Handle("stdout", PSP_OPEN_WRITE), "b", 1), 1);
+    return write(STDOUT_FILENO, "c", 1) == 1 && get("out") == "abc";
+  });
+  EXPECT_TRUE(redirected.worked);
+}
+
+// The writer is interrupted again and again, and its pipe is non-blocking and small.
+TEST_F(Files, InterruptedWriteToAPipeLosesNothing) {
+  std::string sent(1 << 20, 0);
+  for (size_t index = 0; index < sent.size(); ++index) sent[index] = static_cast<char>(index % 251);
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
+  const pid_t writer = fork();
+  if (writer == 0) {
+    struct sigaction action = {};
+    action.sa_handler = [](int) {};
+    sigaction(SIGUSR1, &action, nullptr);
+    dup2(ends[1], STDOUT_FILENO);
+    const auto count = static_cast<uint32_t>(sent.size());
+    const int32_t done = psp_fileWrite(Handle("stdout", PSP_OPEN_WRITE), sent.data(), count);
+    _exit(done == static_cast<int32_t>(count) ? 0 : 1);
+  }
+  close(ends[1]);
+  dup2(ends[0], STDIN_FILENO);
+  const Handle reader("stdin", PSP_OPEN_READ);
+  std::string received;
+  char piece[3001];
+  for (int32_t got = 0; (got = psp_fileRead(reader, piece, sizeof(piece))) > 0;) {
+    received.append(piece, static_cast<size_t>(got));
+    kill(writer, SIGUSR1);
+  }
+  int status = -1;
+  waitpid(writer, &status, 0);
+  EXPECT_EQ(status, 0);
+  EXPECT_TRUE(received == sent);
+  errno = 0;
+  EXPECT_EQ(psp_fileSync(reader), PSP_OKAY);
+  EXPECT_EQ(psp_errno(), 0u) << "a pipe has nothing to sync";
+}
+
+TEST_F(Files, ReadOnlyModeWritesNothing) {
+  const std::string name = put("file", "content");
+  const Handle file(name, kUpdate);
+  psp_rdonly();
+  for (const uint32_t flags : {PSP_OPEN_WRITE, PSP_OPEN_READWRITE, PSP_OPEN_READ | PSP_OPEN_CREATE,
+                               PSP_OPEN_READ | PSP_OPEN_TRUNCATE}) {
+    EXPECT_FALSE(opens(name, flags)) << flags;
+  }
+  EXPECT_TRUE(opens(name, PSP_OPEN_READ));
+  char byte = 0;
+  EXPECT_EQ(psp_fileWrite(file, "X", 1), 0);
+  EXPECT_EQ(psp_fileSeekWrite(file, 0, "X", 1), 0);
+  EXPECT_EQ(psp_fileSetSize(file, 0), -1);
+  EXPECT_EQ(psp_fileSync(file), PSP_OKAY);
+  EXPECT_EQ(psp_fileRead(file, &byte, 1), 1);
+  EXPECT_EQ(psp_fileLock(file), PSP_OKAY);
+  EXPECT_EQ(psp_fileWrite(Handle("stdout", PSP_OPEN_WRITE), "X", 1), 0);
+  EXPECT_EQ(get("file"), "content");
+}
+
+TEST_F(Files, NoDiskModeRefusesOpeningsAndLeavesHandles) {
+  const std::string name = put("file", "content");
+  EXPECT_LT(std::abs(psp_fileModTimeStat(name.c_str(), 0) - psp_timeSecs()), 100);
+  const Handle file(name, kUpdate);
+  psp_nodisk();
+  EXPECT_FALSE(opens(name, PSP_OPEN_READ));
+  EXPECT_TRUE(opens("stderr", PSP_OPEN_WRITE));
+  EXPECT_EQ(psp_fileSeekWrite(file, 7, "!", 1), 1);
+  EXPECT_EQ(psp_fileSetSize(file, 9), 0);
+  EXPECT_EQ(psp_fileSync(file), PSP_OKAY);
+  EXPECT_EQ(psp_fileLengthStat(name.c_str(), 0), 9);
+  EXPECT_EQ(psp_fileModTimeStat(name.c_str(), 0), -1);
+}
+
+}  // namespace
