@@ -137,7 +137,7 @@ TEST_F(Memory, ARequestThatWrapsFailsAndHarmsNothing) {
 
 TEST_F(Memory, AnArmedTagJumpsAndADisarmedOneReturns) {
   jmp_buf jump;
-  psp_tag *tag = nullptr;
+  psp_tag *volatile tag = nullptr;
   volatile int jumps = 0;
   const int value = setjmp(jump);
   if (value == 0) {
