@@ -12,30 +12,9 @@ namespace psp::core {
 
 constinit thread_local ThreadLocks thread_locks;
 
-namespace {
-
-// Looks at the lock this often before it sleeps: about as long as a system call takes, so that a
-// lock held for a few dozen instructions is taken without one.
-constexpr int kSpins = 60;
-
-inline void pause_processor() {
-#if defined(__x86_64__) || defined(__i386__)
-  __builtin_ia32_pause();
-#endif
-}
-
-}  // namespace
-
+// Sleeps at once: on a lock that two threads take in turn, looking again and again before the sleep
+// cost more than it won, because each look takes the lock's line from the holder.
 void Lock::wait_until_taken() {
-  for (int spin = 0; spin < kSpins; ++spin) {
-    uint32_t state = kFree;
-    if (state_.load(std::memory_order_relaxed) == kFree &&
-        state_.compare_exchange_weak(state, kHeld, std::memory_order_acquire,
-                                     std::memory_order_relaxed)) {
-      return;
-    }
-    pause_processor();
-  }
   if (!waited_.load(std::memory_order_relaxed)) {
     waited_.store(true, std::memory_order_relaxed);
     os::barrier_in_all_threads();

@@ -68,14 +68,19 @@ class PSP_CAPABILITY("lock") Lock {
       ++inner_levels_;
       return false;
     }
+    enter_once();
+    owner_.store(&thread_locks, std::memory_order_relaxed);
+    return true;
+  }
+
+  // For locks that no thread enters twice: such a lock knows no owner.
+  void enter_once() PSP_ACQUIRES() {
     check_order();
     uint32_t state = kFree;
     if (!state_.compare_exchange_strong(state, kHeld, std::memory_order_acquire,
                                         std::memory_order_relaxed)) [[unlikely]] {
       wait_until_taken();
     }
-    owner_.store(&thread_locks, std::memory_order_relaxed);
-    return true;
   }
 
   // Only while mine(). True when this was the thread's last level; the caller release()s then.
@@ -87,8 +92,13 @@ class PSP_CAPABILITY("lock") Lock {
 
   // After the last level: lets the next thread in.
   void release() PSP_RELEASES() {
-    note_release();
     owner_.store(nullptr, std::memory_order_relaxed);
+    exit_once();
+  }
+
+  // Ends enter_once.
+  void exit_once() PSP_RELEASES() {
+    note_release();
     if (!waited_.load(std::memory_order_relaxed)) [[likely]] {
       state_.store(kFree, std::memory_order_release);
       std::atomic_signal_fence(std::memory_order_seq_cst);  // the processor's part: the barrier

@@ -171,6 +171,18 @@ inline void *adopt(Block *block, psp_tag *tag, const char *file, uint32_t line) 
   return block->content();
 }
 
+// Takes a live block out of its ring; false for a pointer that is no live block.
+inline bool detach(Block *block, psp_tag *tag) {
+  BriefSyncGuard guard(tag->lock);
+  if (!state.live.take(block)) return false;
+  block->unlink();
+  return true;
+}
+
+[[gnu::cold, gnu::noinline]] void refuse_release() {
+  std::printf("Attempting to free previously freed memory\n");
+}
+
 // The bytes that a copying mode takes from its source; 0 for a request that is none.
 size_t bytes_to_copy(size_t size, uint32_t mode, const void *source) {
   if (source == nullptr) return 0;
@@ -326,20 +338,12 @@ void *psp_extendMem(void *pointer, size_t size, psp_tag *tag, int32_t zero, size
 }
 
 void psp_freeMem(void *pointer, psp_tag *tag) {
-  if (pointer == nullptr || !started() || tag == PSP_TAG_FAILED) return;
-  tag = tag_or_default(tag);
+  if (pointer == nullptr || !started() || tag == PSP_TAG_FAILED) [[unlikely]]
+    return;
   Block *block = Block::of(pointer);
-  bool live = false;
-  {
-    BriefSyncGuard guard(tag->lock);
-    live = state.live.take(block);
-    if (live) block->unlink();
-  }
-  if (live) [[likely]] {
-    std::free(block);
-  } else {
-    std::printf("Attempting to free previously freed memory\n");
-  }
+  if (!detach(block, tag_or_default(tag))) [[unlikely]]
+    return refuse_release();
+  std::free(block);
 }
 
 void psp_moveMemTag(void *pointer, psp_tag *destination, psp_tag *source) {

@@ -135,7 +135,8 @@ uint64_t monotonic_milliseconds() {
 }
 
 // Waits for the gate to leave the closed turn that the caller saw.
-psp_status wait_for_turn(Gate &gate, uint32_t closed_turn, uint32_t milliseconds) {
+[[gnu::noinline]] psp_status wait_for_turn(Gate &gate, uint32_t closed_turn,
+                                           uint32_t milliseconds) {
   const uint64_t start = milliseconds == PSP_NO_LIMIT ? 0 : monotonic_milliseconds();
   uint32_t left = milliseconds;
   // Pairs with psp_syncResume: it changes the turn and then looks for waiters, we announce

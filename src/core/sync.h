@@ -86,15 +86,16 @@ inline void sync_exit(psp_sync object) PSP_RELEASES(object) PSP_UNCHECKED {
   lock.release();
 }
 
-// Holds a lock for work that cannot end the thread (no cancellation point, no call to a client), so
-// that the holder's list need not know. PSP_SYNC_NONE and null hold nothing.
+// Holds a lock for work that enters it no second time and cannot end the thread (no cancellation
+// point, no call to a client): neither an owner nor the holder's list need be kept. A lock is
+// always held so or never. PSP_SYNC_NONE and null hold nothing.
 class PSP_SCOPED_CAPABILITY BriefSyncGuard {
  public:
   explicit BriefSyncGuard(psp_sync object) PSP_ACQUIRES(object) PSP_UNCHECKED : object_(object) {
-    if (is_sync_object(object_)) object_->lock.enter();
+    if (is_sync_object(object_)) object_->lock.enter_once();
   }
   ~BriefSyncGuard() PSP_RELEASES() PSP_UNCHECKED {
-    if (is_sync_object(object_) && object_->lock.leave_level()) object_->lock.release();
+    if (is_sync_object(object_)) object_->lock.exit_once();
   }
   BriefSyncGuard(const BriefSyncGuard &) = delete;
   BriefSyncGuard &operator=(const BriefSyncGuard &) = delete;
