@@ -1,0 +1,540 @@
+// Kernels for x86-64 processors with AVX-512 and its byte instructions VBMI and VBMI2.
+//
+// The source is taken in windows of one vector. What is known of a window is kept in masks of one
+// bit for each element; the compress instructions close the gaps between results. Branches depend
+// on the text only where it is pure ASCII or stays below U+0800, so that text of mixed scripts is
+// no slower than uniform text. Masked loads and stores take the ends of source and destination in
+// the same way, so a short text is one window and nothing else.
+#include "text/utf8_kernels.h"
+
+#if defined(PSP_UTF8_AVX512)
+
+// GCC 12 takes the undefined operands inside its own intrinsics for mistakes of their caller.
+#if defined(__GNUC__) && !defined(__clang__)
+#pragma GCC diagnostic ignored "-Wuninitialized"
+#pragma GCC diagnostic ignored "-Wmaybe-uninitialized"
+#endif
+#include <immintrin.h>
+
+#include <algorithm>
+#include <array>
+#include <bit>
+#include <limits>
+
+#include "text/utf8_faults.h"
+
+#define PSP_TARGET_AVX512 \
+  __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,avx2,bmi,bmi2,popcnt")))
+// For the parts of a kernel, whose results are to stay in registers.
+#define PSP_PART_AVX512 PSP_TARGET_AVX512 __attribute__((always_inline)) inline
+// For what a short text does not need.
+#define PSP_LONG_AVX512 PSP_TARGET_AVX512 __attribute__((noinline))
+
+namespace psp::text {
+namespace {
+
+constexpr size_t kNoLimit = std::numeric_limits<size_t>::max();
+constexpr size_t kVectorBytes = 64;
+constexpr size_t kVectorUnits = 32;
+
+using Bytes = std::array<uint8_t, kVectorBytes>;
+using Words = std::array<uint16_t, kVectorUnits>;
+
+constexpr Bytes all8(uint8_t value) {
+  Bytes bytes{};
+  bytes.fill(value);
+  return bytes;
+}
+
+constexpr Words all16(uint16_t value) {
+  Words words{};
+  words.fill(value);
+  return words;
+}
+
+template <class Lanes>
+PSP_PART_AVX512 __m512i load(const Lanes &lanes) {
+  return _mm512_load_si512(lanes.data());
+}
+
+// GCC 12 makes vectors of equal lanes from a general register, anew in every turn of a loop. Behind
+// a reference that it cannot see through, constants are plain operands in memory.
+template <class Constants>
+inline const Constants &hidden(const Constants &constants) {
+  const Constants *pointer = &constants;
+  __asm__("" : "+r"(pointer));
+  return *pointer;
+}
+
+// Masks of the first count elements, up to all of a vector.
+PSP_PART_AVX512 uint64_t first64(size_t count) {
+  return _bzhi_u64(~uint64_t{0}, static_cast<uint32_t>(count));
+}
+
+PSP_PART_AVX512 uint32_t first32(size_t count) {
+  return _bzhi_u32(~uint32_t{0}, static_cast<uint32_t>(count));
+}
+
+template <class Mask>
+PSP_PART_AVX512 size_t count_of(Mask mask) {
+  return static_cast<size_t>(std::popcount(mask));
+}
+
+PSP_PART_AVX512 __m256i lower(__m512i value) { return _mm512_castsi512_si256(value); }
+
+PSP_PART_AVX512 __m256i upper(__m512i value) { return _mm512_extracti64x4_epi64(value, 1); }
+
+// Store the first count elements of a vector; with room for a whole one, whatever follows them is
+// stored too.
+PSP_PART_AVX512 void store_units(psp_wchar *to, __m512i units, size_t count, size_t room) {
+  if (room >= kVectorUnits) [[likely]] {
+    _mm512_storeu_si512(to, units);
+  } else {
+    _mm512_mask_storeu_epi16(to, first32(count), units);
+  }
+}
+
+PSP_PART_AVX512 void store_bytes(char *to, __m512i bytes, size_t count, size_t room) {
+  if (room >= kVectorBytes) [[likely]] {
+    _mm512_storeu_si512(to, bytes);
+  } else {
+    _mm512_mask_storeu_epi8(to, first64(count), bytes);
+  }
+}
+
+// ---- UTF-8 to wide ------------------------------------------------------------------------------
+
+// A window gives the characters that start in its first 61 bytes: a character has at most 3 more.
+// So the place of the next window does not depend on the text, and the processor can work on
+// several windows at once.
+constexpr size_t kStride = kVectorBytes - 3;
+constexpr uint64_t kAllStarts = (uint64_t{1} << kStride) - 1;
+
+// Unit rules: which 16 bits the unit of a byte is, by the byte's upper nibble. The byte and 12 bits
+// of the two continuations after it stand side by side; they are moved left by a shift, and a sum
+// is added to the upper 16 bits. A lead of four bytes gives the high surrogate, its second byte
+// gives the lower 10 bits of the low one.
+struct alignas(kVectorBytes) WideConstants {
+  Bytes lower_nibble = all8(0x0F);
+  Bytes first_upper{}, first_lower{}, second_upper{};  // by nibble, in each lane of 16 bytes
+  Bytes below_lead3 = all8(kBelowLead3), below_lead4 = all8(kBelowLead4), top_bit = all8(0x80);
+  Bytes ef = all8(0xEF), bf = all8(0xBF), be = all8(0xBE);
+  Bytes leads = all8(0xC0), lead3 = all8(0xE0), lead4 = all8(0xF0);
+  Bytes pairs[2]{}, next_two[2]{};
+  Bytes weights{}, six_bits = all8(0x3F);
+  Words byte = all16(0xFF), marks2 = all16(0xC0 * 64 + 0x80);
+  Words shift{}, sum{};  // by nibble
+  Words ten_bits = all16(0x3FF), low_surrogates = all16(0xDC00);
+};
+
+constexpr WideConstants make_wide_constants() {
+  WideConstants c;
+  for (uint8_t i = 0; i < kVectorBytes; ++i) {
+    c.first_upper[i] = kFirstUpper[i % 16];
+    c.first_lower[i] = kFirstLower[i % 16];
+    c.second_upper[i] = kSecondUpper[i % 16];
+    c.weights[i] = i % 2 == 0 ? 64 : 1;
+    for (uint8_t half = 0; half < 2; ++half) {
+      const uint32_t byte = 32u * half + i / 2;
+      c.pairs[half][i] = static_cast<uint8_t>((byte + i % 2) % kVectorBytes);
+      c.next_two[half][i] = static_cast<uint8_t>((byte + 1 + i % 2) % kVectorBytes);
+    }
+  }
+  for (uint8_t nibble = 0x8; nibble <= 0xB; ++nibble) c.shift[nibble] = 12;
+  c.shift[0xC] = c.shift[0xD] = 6;
+  c.sum[0xC] = c.sum[0xD] = 0x10000 - 0xC0 * 64;
+  c.shift[0xE] = 12;
+  c.shift[0xF] = 8;
+  c.sum[0xF] = 0x10000 - 0xF000 + 0xD800 - (0x10000 >> 10);
+  return c;
+}
+
+constexpr WideConstants kWideConstants = make_wide_constants();
+
+PSP_PART_AVX512 __m512i upper_nibbles(__m512i bytes, const WideConstants &c) {
+  return _mm512_and_si512(_mm512_srli_epi16(bytes, 4), load(c.lower_nibble));
+}
+
+// Bytes that cannot stand behind the three before them. Besides the faults of pairs: continuations
+// that are the third or fourth byte of nothing, or are not where they should be, and the
+// noncharacters EF BF BE and EF BF BF.
+PSP_PART_AVX512 uint64_t faults(__m512i bytes, __m512i before1, __m512i before2, __m512i before3,
+                                const WideConstants &c) {
+  constexpr int kAllThree = 0x80;
+  constexpr int kFirstOrSecondAndThird = 0xA8;
+  const __m512i pairs = _mm512_ternarylogic_epi64(
+      _mm512_shuffle_epi8(load(c.first_upper), upper_nibbles(before1, c)),
+      _mm512_shuffle_epi8(load(c.first_lower), _mm512_and_si512(before1, load(c.lower_nibble))),
+      _mm512_shuffle_epi8(load(c.second_upper), upper_nibbles(bytes, c)), kAllThree);
+  const __m512i two_continuations = _mm512_ternarylogic_epi64(
+      _mm512_subs_epu8(before2, load(c.below_lead3)),
+      _mm512_subs_epu8(before3, load(c.below_lead4)), load(c.top_bit), kFirstOrSecondAndThird);
+  uint64_t noncharacters = _mm512_cmpeq_epi8_mask(before2, load(c.ef));
+  noncharacters = _mm512_mask_cmpeq_epi8_mask(noncharacters, before1, load(c.bf));
+  noncharacters = _mm512_mask_cmpge_epu8_mask(noncharacters, bytes, load(c.be));
+  return _mm512_cmpneq_epi8_mask(pairs, two_continuations) | noncharacters;
+}
+
+// Characters below U+0800: in one half of the window, each byte with the next one.
+template <int kHalf>
+PSP_PART_AVX512 __m512i units_to_7ff(__m512i bytes, uint64_t leads, const WideConstants &c) {
+  const __m512i pairs = _mm512_permutexvar_epi8(load(c.pairs[kHalf]), bytes);
+  const __m512i of2 = _mm512_maddubs_epi16(pairs, load(c.weights));
+  return _mm512_mask_sub_epi16(_mm512_and_si512(pairs, load(c.byte)),
+                               static_cast<uint32_t>(leads >> (kHalf * kVectorUnits)), of2,
+                               load(c.marks2));
+}
+
+// All characters, by the unit rules.
+template <int kHalf>
+PSP_PART_AVX512 __m512i units_to_10ffff(__m512i bytes, uint64_t continuations,
+                                        const WideConstants &c) {
+  const __m512i first = _mm512_cvtepu8_epi16(kHalf == 0 ? lower(bytes) : upper(bytes));
+  const __m512i next_two =
+      _mm512_and_si512(_mm512_permutexvar_epi8(load(c.next_two[kHalf]), bytes), load(c.six_bits));
+  const __m512i twelve_bits = _mm512_slli_epi16(_mm512_maddubs_epi16(next_two, load(c.weights)), 4);
+  const __m512i nibble = _mm512_srli_epi16(first, 4);
+  const __m512i shift = _mm512_permutexvar_epi16(nibble, load(c.shift));
+  const __m512i sum = _mm512_permutexvar_epi16(nibble, load(c.sum));
+  const __m512i units = _mm512_add_epi16(_mm512_shldv_epi16(first, twelve_bits, shift), sum);
+  constexpr int kFirstAndSecondOrThird = 0xEA;
+  const __m512i low_surrogates = _mm512_ternarylogic_epi64(
+      units, load(c.ten_bits), load(c.low_surrogates), kFirstAndSecondOrThird);
+  return _mm512_mask_mov_epi16(
+      units, static_cast<uint32_t>(continuations >> (kHalf * kVectorUnits)), low_surrogates);
+}
+
+// Stores the units of the bytes in given, a mask. For characters below U+0800 marked are the leads,
+// for others the continuations.
+template <bool kTo7ff>
+PSP_PART_AVX512 void store_given(__m512i bytes, uint64_t marked, uint64_t given, size_t count,
+                                 psp_wchar *destination, size_t room, const WideConstants &c) {
+  const uint32_t low = static_cast<uint32_t>(given);
+  const uint32_t high = static_cast<uint32_t>(given >> kVectorUnits);
+  const size_t low_count = count_of(low);
+  const __m512i low_units =
+      kTo7ff ? units_to_7ff<0>(bytes, marked, c) : units_to_10ffff<0>(bytes, marked, c);
+  store_units(destination, _mm512_maskz_compress_epi16(low, low_units), low_count, room);
+  if (count == low_count) return;
+  const __m512i high_units =
+      kTo7ff ? units_to_7ff<1>(bytes, marked, c) : units_to_10ffff<1>(bytes, marked, c);
+  store_units(destination + low_count, _mm512_maskz_compress_epi16(high, high_units),
+              count - low_count, room - low_count);
+}
+
+// Gives the characters that start at starts, which are known to be right, and tells how many units
+// they are. False, with nothing stored, when they do not fit.
+template <bool kStore>
+PSP_PART_AVX512 bool give_units(__m512i bytes, uint64_t starts, psp_wchar *destination, size_t room,
+                                size_t *count, const WideConstants &c) {
+  const uint64_t no_continuations = _mm512_mask_cmpge_epi8_mask(starts, bytes, load(c.leads));
+  if (_mm512_cmpge_epu8_mask(bytes, load(c.lead3)) == 0) {
+    *count = count_of(no_continuations);
+    if (room < *count) return false;
+    if constexpr (kStore) {
+      const uint64_t leads = _mm512_cmpge_epu8_mask(bytes, load(c.leads));
+      store_given<true>(bytes, leads, no_continuations, *count, destination, room, c);
+    }
+    return true;
+  }
+  const uint64_t seconds_of_four = _mm512_mask_cmpge_epu8_mask(starts, bytes, load(c.lead4)) << 1;
+  const uint64_t given = no_continuations | seconds_of_four;
+  *count = count_of(given);
+  if (room < *count) return false;
+  if constexpr (kStore) {
+    const uint64_t continuations = _mm512_cmplt_epi8_mask(bytes, load(c.leads));
+    store_given<false>(bytes, continuations, given, *count, destination, room, c);
+  }
+  return true;
+}
+
+PSP_PART_AVX512 void store_ascii(__m512i bytes, size_t count, psp_wchar *destination, size_t room) {
+  store_units(destination, _mm512_cvtepu8_epi16(lower(bytes)), count, room);
+  if (count <= kVectorUnits) return;
+  store_units(destination + kVectorUnits, _mm512_cvtepu8_epi16(upper(bytes)), count - kVectorUnits,
+              room - kVectorUnits);
+}
+
+// Bytes at the end that begin a character and are too few for it.
+inline size_t cut_off(const char *source, size_t length) {
+  const auto from_end = [=](size_t i) { return static_cast<uint8_t>(source[length - i]); };
+  if (length >= 1 && from_end(1) >= 0xC0) return 1;
+  if (length >= 2 && from_end(2) >= 0xE0) return 2;
+  if (length >= 3 && from_end(3) >= 0xF0) return 3;
+  return 0;
+}
+
+// At most 64 bytes, which start with a character. All of it or nothing, but for a character cut off
+// at the end.
+template <bool kStore>
+PSP_PART_AVX512 Progress to_wide_at_once(const char *source, size_t length, psp_wchar *destination,
+                                         size_t room) {
+  const WideConstants &c = hidden(kWideConstants);
+  const uint64_t present = first64(length);
+  const __m512i bytes = _mm512_maskz_loadu_epi8(present, source);
+  if (_mm512_movepi8_mask(bytes) == 0) {
+    if (room < length) return {0, 0};
+    if constexpr (kStore) store_ascii(bytes, length, destination, room);
+    return {length, length};
+  }
+  const __m512i lane_before = _mm512_alignr_epi64(bytes, _mm512_setzero_si512(), 6);
+  const __m512i before1 = _mm512_alignr_epi8(bytes, lane_before, 15);
+  const __m512i before2 = _mm512_alignr_epi8(bytes, lane_before, 14);
+  const __m512i before3 = _mm512_alignr_epi8(bytes, lane_before, 13);
+  if ((faults(bytes, before1, before2, before3, c) & present) != 0) return {0, 0};
+  const size_t whole = length - cut_off(source, length);
+  size_t count;
+  if (!give_units<kStore>(bytes, first64(whole), destination, room, &count, c)) return {0, 0};
+  return {whole, count};
+}
+
+// Windows behind the first, which is given at once; what is left is one window or less, unless the
+// text is not right.
+template <bool kStore>
+PSP_LONG_AVX512 Progress to_wide_windows(const char *source, size_t length, psp_wchar *destination,
+                                         size_t room) {
+  const WideConstants &c = hidden(kWideConstants);
+  const Progress first = to_wide_at_once<kStore>(source, kVectorBytes, destination, room);
+  size_t in = first.consumed;
+  size_t out = first.produced;
+  size_t given_beyond = 0;  // bytes from here on that may belong to a character given already
+  while (in != 0 && length - in > kVectorBytes) {
+    const char *at = source + in;
+    const __m512i bytes = _mm512_loadu_si512(at);
+    if (_mm512_movepi8_mask(bytes) == 0) {
+      if (room - out < kVectorBytes) break;
+      if constexpr (kStore) store_ascii(bytes, kVectorBytes, destination + out, room - out);
+      in += kVectorBytes;
+      out += kVectorBytes;
+      given_beyond = 0;
+      continue;
+    }
+    size_t count;
+    if (faults(bytes, _mm512_loadu_si512(at - 1), _mm512_loadu_si512(at - 2),
+               _mm512_loadu_si512(at - 3), c) != 0 ||
+        !give_units<kStore>(bytes, kAllStarts, destination + out, room - out, &count, c)) {
+      break;
+    }
+    in += kStride;
+    out += count;
+    given_beyond = kVectorBytes - kStride;
+  }
+  for (; given_beyond != 0 && (source[in] & 0xC0) == 0x80; --given_beyond) ++in;
+  return {in, out};
+}
+
+template <bool kStore>
+PSP_LONG_AVX512 Progress to_wide_rest(const char *source, size_t length, psp_wchar *destination,
+                                      size_t room) {
+  return kStore ? kBaseKernels.to_wide(source, length, destination, room)
+                : kBaseKernels.measure_wide(source, length);
+}
+
+template <bool kStore>
+PSP_TARGET_AVX512 Progress to_wide(const char *source, size_t length, psp_wchar *destination,
+                                   size_t room) {
+  Progress done = {0, 0};
+  const auto add = [&done](Progress more) {
+    done = {done.consumed + more.consumed, done.produced + more.produced};
+  };
+  if (length > kVectorBytes) done = to_wide_windows<kStore>(source, length, destination, room);
+  if (length - done.consumed <= kVectorBytes) {
+    add(to_wide_at_once<kStore>(source + done.consumed, length - done.consumed,
+                                destination + done.produced, room - done.produced));
+  }
+  if (done.consumed != length) [[unlikely]] {
+    add(to_wide_rest<kStore>(source + done.consumed, length - done.consumed,
+                             destination + done.produced, room - done.produced));
+  }
+  return done;
+}
+
+PSP_TARGET_AVX512 Progress measure_wide(const char *source, size_t length) {
+  return to_wide<false>(source, length, nullptr, kNoLimit);
+}
+
+// ---- Wide to UTF-8 ------------------------------------------------------------------------------
+
+// A unit is worth one to three bytes; each half of a surrogate pair is worth two. So far as they
+// have them, units give {lead, middle, last}: 4, 6 and 6 of 16 bits, with marks added to them. A
+// high surrogate's bits are the upper 9 of its code point (11110xxx 10xxxxxx); a low one's are its
+// own 10 after the 2 that its partner has left (10xxxxxx 10xxxxxx).
+struct alignas(kVectorBytes) Utf8Constants {
+  Words two = all16(0x80), three = all16(0x800);
+  Words six_bits = all16(0xFC00), high = all16(0xD800), low = all16(0xDC00);
+  Words high_base = all16(0xD800 - (0x10000 >> 10));
+  Words middle = all16(0x3F00), last = all16(0x3F);
+  Words marks2 = all16(0xC000), marks3 = all16(0x80E0), marks_high = all16(0xF000);
+  Words marks_low = all16(0x8000), mark_last = all16(0x80), marks_pair = all16(0x80C0);
+  Words groups[2]{};  // {unit i of the first, unit i of the second vector}, 16 a half
+};
+
+constexpr Utf8Constants make_utf8_constants() {
+  Utf8Constants c;
+  for (uint16_t i = 0; i < kVectorUnits; ++i) {
+    for (uint16_t half = 0; half < 2; ++half) {
+      c.groups[half][i] = static_cast<uint16_t>(16 * half + i / 2 + 32 * (i % 2));
+    }
+  }
+  return c;
+}
+
+constexpr Utf8Constants kUtf8Constants = make_utf8_constants();
+
+// The units of a window with surrogates made ready; bit i is unit i.
+struct Prepared {
+  __m512i value;   // the bits for lead, middle and last
+  __m512i marks;   // for lead and middle
+  uint32_t two;    // units of 2 bytes or more
+  uint32_t three;  // of 3 bytes
+};
+
+PSP_PART_AVX512 void store_prepared(const Prepared &p, size_t count, char *destination, size_t room,
+                                    const Utf8Constants &c) {
+  constexpr int kFirstAndSecondOrThird = 0xEA;
+  const __m512i lead_middle_bits =
+      _mm512_ternarylogic_epi64(_mm512_slli_epi16(p.value, 2), load(c.middle),
+                                _mm512_srli_epi16(p.value, 12), kFirstAndSecondOrThird);
+  const __m512i lead_middle = _mm512_add_epi16(lead_middle_bits, p.marks);
+  const __m512i last = _mm512_mask_add_epi16(
+      p.value, p.two, _mm512_and_si512(p.value, load(c.last)), load(c.mark_last));
+  // Groups of {lead, middle, last, nothing}, 16 in each half.
+  constexpr uint64_t kLeads = 0x1111111111111111;
+  constexpr uint64_t kMiddles = 0x2222222222222222;
+  constexpr uint64_t kLasts = 0x4444444444444444;
+  const auto kept = [&p](int first) PSP_TARGET_AVX512 {
+    return _pdep_u64(p.three >> first, kLeads) | _pdep_u64(p.two >> first, kMiddles) | kLasts;
+  };
+  const __m512i groups0 = _mm512_permutex2var_epi16(lead_middle, load(c.groups[0]), last);
+  const uint64_t kept0 = kept(0);
+  const size_t count0 = std::min(count_of(kept0), count);
+  store_bytes(destination, _mm512_maskz_compress_epi8(kept0, groups0), count0, room);
+  if (count == count0) return;
+  const __m512i groups1 = _mm512_permutex2var_epi16(lead_middle, load(c.groups[1]), last);
+  store_bytes(destination + count0, _mm512_maskz_compress_epi8(kept(16), groups1), count - count0,
+              room - count0);
+}
+
+// Units below 0x800 give {lead, last}, or themselves.
+PSP_PART_AVX512 void store_to_7ff(__m512i units, uint32_t two, size_t count, char *destination,
+                                  size_t room, const Utf8Constants &c) {
+  constexpr int kFirstAndSecondOrThird = 0xEA;
+  const __m512i bits =
+      _mm512_ternarylogic_epi64(_mm512_slli_epi16(units, 8), load(c.middle),
+                                _mm512_srli_epi16(units, 6), kFirstAndSecondOrThird);
+  const __m512i pairs = _mm512_mask_add_epi16(units, two, bits, load(c.marks_pair));
+  const uint64_t kept = _pdep_u64(two, 0xAAAAAAAAAAAAAAAA) | 0x5555555555555555;
+  store_bytes(destination, _mm512_maskz_compress_epi8(kept, pairs), count, room);
+}
+
+// Takes the first units of a window, of which here are present and the others zero. None when there
+// is no room or a surrogate has no partner; all but the last when that is a high surrogate.
+template <bool kStore>
+PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destination, size_t room,
+                                    const Utf8Constants &c) {
+  const uint32_t two = _mm512_cmpge_epu16_mask(units, load(c.two));
+  if (two == 0) {
+    if (room < here) return {0, 0};
+    if constexpr (kStore) {
+      store_bytes(destination, _mm512_zextsi256_si512(_mm512_cvtepi16_epi8(units)), here, room);
+    }
+    return {here, here};
+  }
+  const uint32_t three_or_half = _mm512_cmpge_epu16_mask(units, load(c.three));
+  if (three_or_half == 0) {
+    const size_t count = here + count_of(two);
+    if (room < count) return {0, 0};
+    if constexpr (kStore) store_to_7ff(units, two, count, destination, room, c);
+    return {here, count};
+  }
+
+  const __m512i high6 = _mm512_and_si512(units, load(c.six_bits));
+  const uint32_t high = _mm512_cmpeq_epi16_mask(high6, load(c.high));
+  const uint32_t low = _mm512_cmpeq_epi16_mask(high6, load(c.low));
+  const uint32_t three = three_or_half & ~(high | low);
+  const uint32_t cut = high & (uint32_t{1} << (here - 1));
+  if ((high ^ cut) << 1 != low) return {0, 0};
+  const size_t bytes = here + count_of(two) + count_of(three);
+  const Progress done = cut == 0 ? Progress{here, bytes} : Progress{here - 1, bytes - 2};
+  if (room < done.produced) return {0, 0};
+  if constexpr (kStore) {
+    const __m512i lane_before = _mm512_alignr_epi64(units, _mm512_setzero_si512(), 6);
+    const __m512i before = _mm512_alignr_epi8(units, lane_before, 14);
+    Prepared p;
+    p.value = _mm512_mask_srli_epi16(units, high, _mm512_sub_epi16(units, load(c.high_base)), 2);
+    p.value = _mm512_mask_shldi_epi16(p.value, low, before, _mm512_slli_epi16(units, 6), 10);
+    p.marks = _mm512_mask_mov_epi16(load(c.marks2), three, load(c.marks3));
+    p.marks = _mm512_mask_mov_epi16(p.marks, high, load(c.marks_high));
+    p.marks = _mm512_mask_mov_epi16(p.marks, low, load(c.marks_low));
+    p.two = two;
+    p.three = three;
+    store_prepared(p, done.produced, destination, room, c);
+  }
+  return done;
+}
+
+// All windows but the last.
+template <bool kStore>
+PSP_LONG_AVX512 Progress to_utf8_windows(const psp_wchar *source, size_t length, char *destination,
+                                         size_t room) {
+  const Utf8Constants &c = hidden(kUtf8Constants);
+  size_t in = 0;
+  size_t out = 0;
+  while (length - in > kVectorUnits) {
+    const Progress done = take_units<kStore>(_mm512_loadu_si512(source + in), kVectorUnits,
+                                             destination + out, room - out, c);
+    if (done.consumed == 0) break;
+    out += done.produced;
+    in += kVectorUnits;
+    if (done.consumed != kVectorUnits) [[unlikely]]
+      --in;
+  }
+  return {in, out};
+}
+
+// The last window, or the only one: at most 32 units.
+template <bool kStore>
+PSP_PART_AVX512 Progress to_utf8_last(const psp_wchar *source, size_t length, char *destination,
+                                      size_t room) {
+  const __m512i units = _mm512_maskz_loadu_epi16(first32(length), source);
+  return take_units<kStore>(units, length, destination, room, hidden(kUtf8Constants));
+}
+
+template <bool kStore>
+PSP_LONG_AVX512 Progress to_utf8_rest(const psp_wchar *source, size_t length, char *destination,
+                                      size_t room) {
+  return kStore ? kBaseKernels.to_utf8(source, length, destination, room)
+                : kBaseKernels.measure_utf8(source, length);
+}
+
+template <bool kStore>
+PSP_TARGET_AVX512 Progress to_utf8(const psp_wchar *source, size_t length, char *destination,
+                                   size_t room) {
+  Progress done = {0, 0};
+  const auto add = [&done](Progress more) {
+    done = {done.consumed + more.consumed, done.produced + more.produced};
+  };
+  if (length > kVectorUnits) done = to_utf8_windows<kStore>(source, length, destination, room);
+  if (length - done.consumed <= kVectorUnits) {
+    add(to_utf8_last<kStore>(source + done.consumed, length - done.consumed,
+                             destination + done.produced, room - done.produced));
+  }
+  if (done.consumed != length) [[unlikely]] {
+    add(to_utf8_rest<kStore>(source + done.consumed, length - done.consumed,
+                             destination + done.produced, room - done.produced));
+  }
+  return done;
+}
+
+PSP_TARGET_AVX512 Progress measure_utf8(const psp_wchar *source, size_t length) {
+  return to_utf8<false>(source, length, nullptr, kNoLimit);
+}
+
+}  // namespace
+
+constinit const Kernels kAvx512Kernels = {"avx512", to_wide<true>, measure_wide, to_utf8<true>,
+                                          measure_utf8};
+
+}  // namespace psp::text
+
+#endif
