@@ -1,0 +1,23 @@
+# What `cmake --install` puts under a prefix: the header, both libraries, a pkg-config file and the
+# CMake package `psp` with the targets psp::psp and psp::static. The tree may be moved as a whole.
+include(CMakePackageConfigHelpers)
+
+set(CMAKE_INSTALL_LIBDIR lib CACHE STRING "Folder of the libraries under the prefix")
+set(psp_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/psp)
+
+install(TARGETS psp_shared psp_static EXPORT psp-targets
+  LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/include/psp.h DESTINATION include)
+
+install(EXPORT psp-targets NAMESPACE psp:: DESTINATION ${psp_package_dir})
+write_basic_package_version_file(${PROJECT_BINARY_DIR}/psp-config-version.cmake
+  COMPATIBILITY SameMajorVersion)
+install(FILES ${PROJECT_SOURCE_DIR}/cmake/psp-config.cmake
+              ${PROJECT_BINARY_DIR}/psp-config-version.cmake
+  DESTINATION ${psp_package_dir})
+
+file(RELATIVE_PATH psp_prefix_from_pc
+  /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
+configure_file(${PROJECT_SOURCE_DIR}/cmake/psp.pc.in ${PROJECT_BINARY_DIR}/psp.pc @ONLY)
+install(FILES ${PROJECT_BINARY_DIR}/psp.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
