@@ -1,0 +1,262 @@
+// Faults under start and stop, tagged memory, sync objects, texts that are made, and the wrappers.
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <atomic>
+#include <cerrno>
+#include <cstring>
+#include <thread>
+
+#include "support/faults.h"
+
+namespace {
+
+using namespace psp::faults;
+
+// ---- Start and stop -----------------------------------------------------------------------------
+
+FAULT_TEST(LifeFaults, FailedStartIsUndoneAndCanBeRepeated) {
+  Scenario scenario{.sweeps = kAllocations | kCalls, .started = false};
+  scenario.act = [] { return psp_init() == PSP_OKAY; };
+  scenario.judge = [](const Run &run) {
+    EXPECT_EQ(psp_alloc(1, nullptr) != nullptr, run.worked);
+    EXPECT_EQ(psp_syncCreate(PSP_SYNC_EVENT) != PSP_SYNC_NONE, run.worked);
+    const bool first = run.fault.kind == Kind::kAllocation && run.fault.nth == 1;
+    EXPECT_EQ(run.output == "Out of memory initializing PSP memory module\n", first);
+    if (run.worked) psp_term();
+  };
+  sweep(scenario);
+}
+
+FAULT_TEST(LifeFaults, StopLeavesNothingWhateverFails) {
+  Scenario scenario{.sweeps = kAllocations | kCalls | kShorts, .started = false};
+  scenario.act = [] {
+    if (psp_init() != PSP_OKAY) return false;
+    const bool pushed = psp_log_open(scratch_path("log")) == PSP_OKAY &&
+                        psp_stdout_open(scratch_path("console")) == PSP_OKAY;
+    psp_printf("waits\n");
+    psp_term();
+    return pushed;
+  };
+  scenario.judge = [](const Run &) { EXPECT_EQ(psp_alloc(1, nullptr), nullptr); };
+  sweep(scenario);
+}
+
+// ---- Memory -------------------------------------------------------------------------------------
+
+psp_tag *tag;
+void make_tag() { tag = psp_createTag(PSP_TAG_THREADSAFE); }
+void end_tag() { psp_freeTagMemory(tag, 1); }
+
+FAULT_TEST(MemoryFaults, AllocationGivesNullOrJumpsAfterTheMessage) {
+  static void *blocks[6];
+  static const auto nulls = [] { return std::count(blocks, blocks + 6, nullptr); };
+  Scenario scenario{.sweeps = kAllocations | kJumps, .armed_tag = &tag};
+  scenario.prepare = make_tag;
+  scenario.act = [] {
+    std::fill(blocks, blocks + 6, nullptr);
+    blocks[0] = psp_getMem(100, tag, PSP_MEM_ALLOC, nullptr, "here.cpp", 77);
+    blocks[1] = psp_getMem(100, tag, PSP_MEM_ZERO, nullptr, "here.cpp", 77);
+    blocks[2] = psp_getMem(0, tag, PSP_MEM_STRDUP, "text", "here.cpp", 77);
+    blocks[3] = psp_getMem(5, tag, PSP_MEM_COPY, "text", "here.cpp", 77);
+    blocks[4] = psp_getMem(0, tag, PSP_MEM_WSTRDUP, PSP_W("text"), "here.cpp", 77);
+    blocks[5] = psp_extendMem(nullptr, 100, tag, 1, 0, "here.cpp", 77);
+    return nulls() == 0;
+  };
+  scenario.judge = [](const Run &run) {
+    EXPECT_TRUE(run.jumped || run.fault.times != 1 || nulls() == !run.worked);
+    const size_t told = run.output.find("Out of memory. Called from here.cpp:77");
+    EXPECT_EQ(told == std::string::npos, run.worked) << run.output;
+  };
+  scenario.clean = [] { psp_freeTagMemory(tag, 0); };
+  scenario.finish = end_tag;
+  sweep(scenario);
+}
+
+FAULT_TEST(MemoryFaults, FailedGrowthLeavesTheBlockInItsTag) {
+  static void *block;
+  Scenario scenario{.sweeps = kAllocations | kJumps, .armed_tag = &tag};
+  scenario.prepare = [] {
+    make_tag();
+    block = std::memset(psp_alloc(100, tag), 'x', 100);
+  };
+  scenario.act = [] {
+    void *grown = psp_extendMem(block, 5000, tag, 1, 4900, "here.cpp", 77);
+    if (grown != nullptr) block = grown;
+    return grown != nullptr;
+  };
+  scenario.judge = [](const Run &run) {
+    EXPECT_TRUE(!run.worked || static_cast<char *>(block)[4999] == 0);
+    // The block leaves its tag, which is emptied, and comes back.
+    psp_tag *other = psp_createTag(0);
+    psp_moveMemTag(block, other, tag);
+    psp_freeTagMemory(tag, 0);
+    EXPECT_EQ(std::string(static_cast<char *>(block), 100), std::string(100, 'x'));
+    psp_moveMemTag(block, tag, other);
+    psp_freeTagMemory(other, 1);
+  };
+  scenario.clean = [] { block = psp_extendMem(block, 100, tag, 0, 0, "here.cpp", 77); };
+  scenario.finish = end_tag;
+  sweep(scenario);
+}
+
+// ---- Sync objects -------------------------------------------------------------------------------
+
+// Uses up the slots of the table's first block, so that the next object needs memory.
+void fill_slot_block() {
+  EXPECT_EQ(psp_stdout_open(""), PSP_OKAY);  // swallows the message
+  arm({.kind = Kind::kAllocation, .times = kFromThereOn});
+  while (psp_syncCreate(PSP_SYNC_EVENT) != PSP_SYNC_NONE) {
+  }
+  disarm();
+  psp_stdout_close();
+}
+
+FAULT_TEST(SyncFaults, ObjectThatNeedsANewSlotBlock) {
+  static psp_sync object;
+  Scenario scenario{.sweeps = kAllocations | kJumps, .kept_blocks = 1};
+  scenario.prepare = fill_slot_block;
+  scenario.act = [] {
+    object = PSP_SYNC_NONE;
+    object = psp_syncCreate(PSP_SYNC_EXCL);
+    return object != PSP_SYNC_NONE;
+  };
+  scenario.clean = [] { psp_syncDelete(object); };
+  sweep(scenario);
+}
+
+// The record of a tag is no tagged memory: no message, no jump.
+FAULT_TEST(SyncFaults, TagWithAndWithoutALockThatNeedsANewSlotBlock) {
+  static psp_tag *plain;
+  Scenario scenario{.sweeps = kAllocations | kJumps, .kept_blocks = 1};
+  scenario.prepare = fill_slot_block;
+  scenario.act = [] {
+    plain = tag = PSP_TAG_FAILED;
+    plain = psp_createTag(0);
+    make_tag();
+    return plain != PSP_TAG_FAILED && tag != PSP_TAG_FAILED;
+  };
+  scenario.judge = [](const Run &run) {
+    EXPECT_TRUE(run.output.empty() || run.output.starts_with("Out of memory. Called from pspsync"));
+  };
+  scenario.clean = [] {
+    psp_freeTagMemory(plain, 1);
+    end_tag();
+  };
+  sweep(scenario);
+}
+
+FAULT_TEST(SyncFaults, WaitThatThePlatformRefusesFails) {
+  static psp_sync gate;
+  static psp_status status;
+  Scenario scenario{.sweeps = kCalls};
+  scenario.prepare = [] {
+    gate = psp_syncCreate(PSP_SYNC_EVENT);
+    psp_syncStart(gate);
+  };
+  scenario.act = [] { return (status = psp_syncWait(gate, 1)) == PSP_TIMEOUT; };
+  scenario.judge = [](const Run &run) { EXPECT_TRUE(run.worked || status == PSP_FAILED); };
+  sweep(scenario);
+}
+
+FAULT_TEST(SyncFaults, LockIsWaitedForThoughThePlatformCannotWait) {
+  static psp_sync lock;
+  Scenario scenario{.sweeps = kCalls};
+  scenario.prepare = [] { lock = psp_syncCreate(PSP_SYNC_EXCL); };
+  scenario.act = [] {
+    const uint32_t waits = calls_in_process(Os::wait_on_address);
+    std::atomic<bool> held = false;
+    std::thread holder([&] {
+      psp_syncEnterExcl(lock);
+      held = true;
+      while (calls_in_process(Os::wait_on_address) == waits) std::this_thread::yield();
+      psp_syncExitExcl(lock);
+    });
+    while (!held) std::this_thread::yield();
+    psp_syncEnterExcl(lock);
+    psp_syncExitExcl(lock);
+    holder.join();
+    return true;
+  };
+  sweep(scenario);
+}
+
+// ---- Texts that are made ------------------------------------------------------------------------
+
+FAULT_TEST(TextFaults, MakerGivesNullOrJumps) {
+  static void *made;
+  static const std::string text(3000, 'x');
+  static const std::basic_string<psp_wchar> wide(3000, 'x');
+  const std::function<void *()> makers[] = {
+      [] { return psp_makeStr(nullptr, "%s", text.c_str()); },
+      [] { return psp_makeString("%d", 42); },
+      [] { return psp_makeStrVA("here.cpp", 77, nullptr, "%05d", 42); },
+      [] { return psp_convertToWchar(text.c_str(), PSP_UTF8_STRICT); },
+      [] { return psp_convertToUTF8(wide.c_str(), PSP_UTF8_STRICT); },
+  };
+  for (const auto &make : makers) {
+    Scenario scenario{.sweeps = kAllocations | kJumps};
+    scenario.act = [&make] {
+      made = nullptr;
+      made = make();
+      return made != nullptr;
+    };
+    scenario.clean = [] { psp_freeMem(made, nullptr); };
+    sweep(scenario);
+  }
+}
+
+FAULT_TEST(TextFaults, ArgumentVectorLeavesNothingOfAFailedConversion) {
+  static char **result;
+  static psp_wchar first[] = u"first", third[] = u"third";
+  static psp_wchar *const kArguments[] = {first, nullptr, third};
+  Scenario scenario{.sweeps = kAllocations | kJumps};
+  scenario.act = [] {
+    result = nullptr;
+    return psp_convertArgvToUTF8(3, kArguments, &result) == PSP_OKAY;
+  };
+  scenario.judge = [](const Run &run) { EXPECT_EQ(result != nullptr, run.worked); };
+  scenario.clean = [] {
+    for (int index = 0; result != nullptr && index < 3; ++index)
+      psp_freeMem(result[index], nullptr);
+    psp_freeMem(result, nullptr);
+  };
+  sweep(scenario);
+}
+
+// ---- Time, environment and process --------------------------------------------------------------
+
+FAULT_TEST(WrapperFaults, RefusalsOfThePlatformAreTold) {
+  static std::tm parts;
+  const std::function<bool()> calls[] = {
+      [] { return psp_timeLocaltime(0, &parts) == &parts; },
+      [] { return psp_timeCtime(0) != nullptr; },
+      [] {
+        const psp_status installed = psp_handleInterrupt([] {});
+        return psp_handleInterrupt(nullptr) == PSP_OKAY && installed == PSP_OKAY;
+      },
+  };
+  for (const auto &call : calls) {
+    Scenario scenario{.sweeps = kCalls};
+    if (&call == &calls[2]) scenario.sweeps |= kAllocations;
+    scenario.act = call;
+    scenario.clean = [] { EXPECT_EQ(psp_handleInterrupt(nullptr), PSP_OKAY); };
+    sweep(scenario);
+  }
+}
+
+FAULT_TEST(WrapperFaults, WideAnswerIsNull) {
+  static const std::basic_string<psp_wchar> kLongName(1000, 'x');
+  setenv(std::string(1000, 'x').c_str(), "value", 1);
+  const std::function<const psp_wchar *()> questions[] = {
+      [] { return psp_getenvW(kLongName.c_str()); },
+      [] { return psp_setlocaleW(0, nullptr); },
+  };
+  for (const auto &ask : questions) {
+    Scenario scenario{.sweeps = kAllocations | kCalls, .kept_blocks = 1};
+    scenario.act = [&ask] { return ask() != nullptr; };
+    sweep(scenario);
+  }
+}
+
+}  // namespace
