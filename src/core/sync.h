@@ -69,10 +69,10 @@ inline void sync_enter(psp_sync object) PSP_ACQUIRES(object) PSP_UNCHECKED {
 // Takes the object out of its holder's list, which is the calling thread's. The link to a newer
 // object means something only while there is one.
 inline void sync_forget_held(psp_sync object) {
-  psp_syncObject *&newest = thread_locks.newest_held;
+  ThreadLocks &mine = thread_locks;
   psp_syncObject *older = object->older_held;
-  if (newest == object) [[likely]] {
-    newest = older;
+  if (mine.newest_held == object) [[likely]] {
+    mine.newest_held = older;
     return;
   }
   object->newer_held->older_held = older;

@@ -37,24 +37,37 @@ constexpr size_t kNoLimit = std::numeric_limits<size_t>::max();
 constexpr size_t kVectorBytes = 64;
 constexpr size_t kVectorUnits = 32;
 
+// Constants of vectors are made from lanes at compile time.
 using Bytes = std::array<uint8_t, kVectorBytes>;
 using Words = std::array<uint16_t, kVectorUnits>;
 
-constexpr Bytes all8(uint8_t value) {
+constexpr PSP_TARGET_AVX512 __m512i vector_of(const Bytes &bytes) {
+  std::array<int64_t, 8> parts{};
+  for (size_t i = 0; i < kVectorBytes; ++i) {
+    parts[i / 8] |= static_cast<int64_t>(uint64_t{bytes[i]} << (i % 8 * 8));
+  }
+  return __m512i{parts[0], parts[1], parts[2], parts[3], parts[4], parts[5], parts[6], parts[7]};
+}
+
+constexpr PSP_TARGET_AVX512 __m512i vector_of(const Words &words) {
+  Bytes bytes{};
+  for (size_t i = 0; i < kVectorUnits; ++i) {
+    bytes[2 * i] = static_cast<uint8_t>(words[i] & 0xFF);
+    bytes[2 * i + 1] = static_cast<uint8_t>(words[i] >> 8);
+  }
+  return vector_of(bytes);
+}
+
+constexpr PSP_TARGET_AVX512 __m512i all8(uint8_t value) {
   Bytes bytes{};
   bytes.fill(value);
-  return bytes;
+  return vector_of(bytes);
 }
 
-constexpr Words all16(uint16_t value) {
+constexpr PSP_TARGET_AVX512 __m512i all16(uint16_t value) {
   Words words{};
   words.fill(value);
-  return words;
-}
-
-template <class Lanes>
-PSP_PART_AVX512 __m512i load(const Lanes &lanes) {
-  return _mm512_load_si512(lanes.data());
+  return vector_of(words);
 }
 
 // GCC 12 makes vectors of equal lanes from a general register, anew in every turn of a loop. Behind
@@ -114,45 +127,59 @@ constexpr uint64_t kAllStarts = (uint64_t{1} << kStride) - 1;
 // of the two continuations after it stand side by side; they are moved left by a shift, and a sum
 // is added to the upper 16 bits. A lead of four bytes gives the high surrogate, its second byte
 // gives the lower 10 bits of the low one.
-struct alignas(kVectorBytes) WideConstants {
-  Bytes lower_nibble = all8(0x0F);
-  Bytes first_upper{}, first_lower{}, second_upper{};  // by nibble, in each lane of 16 bytes
-  Bytes below_lead3 = all8(kBelowLead3), below_lead4 = all8(kBelowLead4), top_bit = all8(0x80);
-  Bytes ef = all8(0xEF), bf = all8(0xBF), be = all8(0xBE);
-  Bytes leads = all8(0xC0), lead3 = all8(0xE0), lead4 = all8(0xF0);
-  Bytes pairs[2]{}, next_two[2]{};
-  Bytes weights{}, six_bits = all8(0x3F);
-  Words byte = all16(0xFF), marks2 = all16(0xC0 * 64 + 0x80);
-  Words shift{}, sum{};  // by nibble
-  Words ten_bits = all16(0x3FF), low_surrogates = all16(0xDC00);
+struct WideConstants {
+  __m512i lower_nibble = all8(0x0F);
+  __m512i first_upper, first_lower, second_upper;  // by nibble, in each lane of 16 bytes
+  __m512i below_lead3 = all8(kBelowLead3), below_lead4 = all8(kBelowLead4);
+  __m512i top_bit = all8(0x80);
+  __m512i ef = all8(0xEF), bf = all8(0xBF), be = all8(0xBE);
+  __m512i leads = all8(0xC0), lead3 = all8(0xE0), lead4 = all8(0xF0);
+  __m512i pairs[2], next_two[2];
+  __m512i weights, six_bits = all8(0x3F);
+  __m512i byte = all16(0xFF), marks2 = all16(0xC0 * 64 + 0x80);
+  __m512i shift, sum;  // by nibble
+  __m512i ten_bits = all16(0x3FF), low_surrogates = all16(0xDC00);
 };
 
-constexpr WideConstants make_wide_constants() {
-  WideConstants c;
-  for (uint8_t i = 0; i < kVectorBytes; ++i) {
-    c.first_upper[i] = kFirstUpper[i % 16];
-    c.first_lower[i] = kFirstLower[i % 16];
-    c.second_upper[i] = kSecondUpper[i % 16];
-    c.weights[i] = i % 2 == 0 ? 64 : 1;
-    for (uint8_t half = 0; half < 2; ++half) {
-      const uint32_t byte = 32u * half + i / 2;
-      c.pairs[half][i] = static_cast<uint8_t>((byte + i % 2) % kVectorBytes);
-      c.next_two[half][i] = static_cast<uint8_t>((byte + 1 + i % 2) % kVectorBytes);
-    }
+constexpr PSP_TARGET_AVX512 __m512i in_each_lane(const NibbleTable &table) {
+  Bytes bytes{};
+  for (size_t i = 0; i < kVectorBytes; ++i) bytes[i] = table[i % table.size()];
+  return vector_of(bytes);
+}
+
+// Each 16 bits take the byte that has their number, plus start, and the byte after it.
+constexpr PSP_TARGET_AVX512 __m512i pairs_from(uint32_t start) {
+  Bytes bytes{};
+  for (uint32_t i = 0; i < kVectorBytes; ++i) {
+    bytes[i] = static_cast<uint8_t>((start + i / 2 + i % 2) % kVectorBytes);
   }
-  for (uint8_t nibble = 0x8; nibble <= 0xB; ++nibble) c.shift[nibble] = 12;
-  c.shift[0xC] = c.shift[0xD] = 6;
-  c.sum[0xC] = c.sum[0xD] = 0x10000 - 0xC0 * 64;
-  c.shift[0xE] = 12;
-  c.shift[0xF] = 8;
-  c.sum[0xF] = 0x10000 - 0xF000 + 0xD800 - (0x10000 >> 10);
-  return c;
+  return vector_of(bytes);
+}
+
+constexpr PSP_TARGET_AVX512 WideConstants make_wide_constants() {
+  Bytes weights{};
+  for (size_t i = 0; i < kVectorBytes; ++i) weights[i] = i % 2 == 0 ? 64 : 1;
+  Words shift{}, sum{};
+  for (size_t nibble = 0x8; nibble <= 0xB; ++nibble) shift[nibble] = 12;
+  shift[0xC] = shift[0xD] = 6;
+  sum[0xC] = sum[0xD] = 0x10000 - 0xC0 * 64;
+  shift[0xE] = 12;
+  shift[0xF] = 8;
+  sum[0xF] = 0x10000 - 0xF000 + 0xD800 - (0x10000 >> 10);
+  return {.first_upper = in_each_lane(kFirstUpper),
+          .first_lower = in_each_lane(kFirstLower),
+          .second_upper = in_each_lane(kSecondUpper),
+          .pairs = {pairs_from(0), pairs_from(kVectorUnits)},
+          .next_two = {pairs_from(1), pairs_from(kVectorUnits + 1)},
+          .weights = vector_of(weights),
+          .shift = vector_of(shift),
+          .sum = vector_of(sum)};
 }
 
 constexpr WideConstants kWideConstants = make_wide_constants();
 
 PSP_PART_AVX512 __m512i upper_nibbles(__m512i bytes, const WideConstants &c) {
-  return _mm512_and_si512(_mm512_srli_epi16(bytes, 4), load(c.lower_nibble));
+  return _mm512_and_si512(_mm512_srli_epi16(bytes, 4), c.lower_nibble);
 }
 
 // Bytes that cannot stand behind the three before them. Besides the faults of pairs: continuations
@@ -163,26 +190,26 @@ PSP_PART_AVX512 uint64_t faults(__m512i bytes, __m512i before1, __m512i before2,
   constexpr int kAllThree = 0x80;
   constexpr int kFirstOrSecondAndThird = 0xA8;
   const __m512i pairs = _mm512_ternarylogic_epi64(
-      _mm512_shuffle_epi8(load(c.first_upper), upper_nibbles(before1, c)),
-      _mm512_shuffle_epi8(load(c.first_lower), _mm512_and_si512(before1, load(c.lower_nibble))),
-      _mm512_shuffle_epi8(load(c.second_upper), upper_nibbles(bytes, c)), kAllThree);
+      _mm512_shuffle_epi8(c.first_upper, upper_nibbles(before1, c)),
+      _mm512_shuffle_epi8(c.first_lower, _mm512_and_si512(before1, c.lower_nibble)),
+      _mm512_shuffle_epi8(c.second_upper, upper_nibbles(bytes, c)), kAllThree);
   const __m512i two_continuations = _mm512_ternarylogic_epi64(
-      _mm512_subs_epu8(before2, load(c.below_lead3)),
-      _mm512_subs_epu8(before3, load(c.below_lead4)), load(c.top_bit), kFirstOrSecondAndThird);
-  uint64_t noncharacters = _mm512_cmpeq_epi8_mask(before2, load(c.ef));
-  noncharacters = _mm512_mask_cmpeq_epi8_mask(noncharacters, before1, load(c.bf));
-  noncharacters = _mm512_mask_cmpge_epu8_mask(noncharacters, bytes, load(c.be));
+      _mm512_subs_epu8(before2, c.below_lead3), _mm512_subs_epu8(before3, c.below_lead4), c.top_bit,
+      kFirstOrSecondAndThird);
+  uint64_t noncharacters = _mm512_cmpeq_epi8_mask(before2, c.ef);
+  noncharacters = _mm512_mask_cmpeq_epi8_mask(noncharacters, before1, c.bf);
+  noncharacters = _mm512_mask_cmpge_epu8_mask(noncharacters, bytes, c.be);
   return _mm512_cmpneq_epi8_mask(pairs, two_continuations) | noncharacters;
 }
 
 // Characters below U+0800: in one half of the window, each byte with the next one.
 template <int kHalf>
 PSP_PART_AVX512 __m512i units_to_7ff(__m512i bytes, uint64_t leads, const WideConstants &c) {
-  const __m512i pairs = _mm512_permutexvar_epi8(load(c.pairs[kHalf]), bytes);
-  const __m512i of2 = _mm512_maddubs_epi16(pairs, load(c.weights));
-  return _mm512_mask_sub_epi16(_mm512_and_si512(pairs, load(c.byte)),
+  const __m512i pairs = _mm512_permutexvar_epi8(c.pairs[kHalf], bytes);
+  const __m512i of2 = _mm512_maddubs_epi16(pairs, c.weights);
+  return _mm512_mask_sub_epi16(_mm512_and_si512(pairs, c.byte),
                                static_cast<uint32_t>(leads >> (kHalf * kVectorUnits)), of2,
-                               load(c.marks2));
+                               c.marks2);
 }
 
 // All characters, by the unit rules.
@@ -191,15 +218,15 @@ PSP_PART_AVX512 __m512i units_to_10ffff(__m512i bytes, uint64_t continuations,
                                         const WideConstants &c) {
   const __m512i first = _mm512_cvtepu8_epi16(kHalf == 0 ? lower(bytes) : upper(bytes));
   const __m512i next_two =
-      _mm512_and_si512(_mm512_permutexvar_epi8(load(c.next_two[kHalf]), bytes), load(c.six_bits));
-  const __m512i twelve_bits = _mm512_slli_epi16(_mm512_maddubs_epi16(next_two, load(c.weights)), 4);
+      _mm512_and_si512(_mm512_permutexvar_epi8(c.next_two[kHalf], bytes), c.six_bits);
+  const __m512i twelve_bits = _mm512_slli_epi16(_mm512_maddubs_epi16(next_two, c.weights), 4);
   const __m512i nibble = _mm512_srli_epi16(first, 4);
-  const __m512i shift = _mm512_permutexvar_epi16(nibble, load(c.shift));
-  const __m512i sum = _mm512_permutexvar_epi16(nibble, load(c.sum));
+  const __m512i shift = _mm512_permutexvar_epi16(nibble, c.shift);
+  const __m512i sum = _mm512_permutexvar_epi16(nibble, c.sum);
   const __m512i units = _mm512_add_epi16(_mm512_shldv_epi16(first, twelve_bits, shift), sum);
   constexpr int kFirstAndSecondOrThird = 0xEA;
-  const __m512i low_surrogates = _mm512_ternarylogic_epi64(
-      units, load(c.ten_bits), load(c.low_surrogates), kFirstAndSecondOrThird);
+  const __m512i low_surrogates =
+      _mm512_ternarylogic_epi64(units, c.ten_bits, c.low_surrogates, kFirstAndSecondOrThird);
   return _mm512_mask_mov_epi16(
       units, static_cast<uint32_t>(continuations >> (kHalf * kVectorUnits)), low_surrogates);
 }
@@ -227,22 +254,22 @@ PSP_PART_AVX512 void store_given(__m512i bytes, uint64_t marked, uint64_t given,
 template <bool kStore>
 PSP_PART_AVX512 bool give_units(__m512i bytes, uint64_t starts, psp_wchar *destination, size_t room,
                                 size_t *count, const WideConstants &c) {
-  const uint64_t no_continuations = _mm512_mask_cmpge_epi8_mask(starts, bytes, load(c.leads));
-  if (_mm512_cmpge_epu8_mask(bytes, load(c.lead3)) == 0) {
+  const uint64_t no_continuations = _mm512_mask_cmpge_epi8_mask(starts, bytes, c.leads);
+  if (_mm512_cmpge_epu8_mask(bytes, c.lead3) == 0) {
     *count = count_of(no_continuations);
     if (room < *count) return false;
     if constexpr (kStore) {
-      const uint64_t leads = _mm512_cmpge_epu8_mask(bytes, load(c.leads));
+      const uint64_t leads = _mm512_cmpge_epu8_mask(bytes, c.leads);
       store_given<true>(bytes, leads, no_continuations, *count, destination, room, c);
     }
     return true;
   }
-  const uint64_t seconds_of_four = _mm512_mask_cmpge_epu8_mask(starts, bytes, load(c.lead4)) << 1;
+  const uint64_t seconds_of_four = _mm512_mask_cmpge_epu8_mask(starts, bytes, c.lead4) << 1;
   const uint64_t given = no_continuations | seconds_of_four;
   *count = count_of(given);
   if (room < *count) return false;
   if constexpr (kStore) {
-    const uint64_t continuations = _mm512_cmplt_epi8_mask(bytes, load(c.leads));
+    const uint64_t continuations = _mm512_cmplt_epi8_mask(bytes, c.leads);
     store_given<false>(bytes, continuations, given, *count, destination, room, c);
   }
   return true;
@@ -293,7 +320,7 @@ PSP_PART_AVX512 Progress to_wide_at_once(const char *source, size_t length, psp_
 template <bool kStore>
 PSP_LONG_AVX512 Progress to_wide_windows(const char *source, size_t length, psp_wchar *destination,
                                          size_t room) {
-  const WideConstants &c = hidden(kWideConstants);
+  const WideConstants c = hidden(kWideConstants);
   const Progress first = to_wide_at_once<kStore>(source, kVectorBytes, destination, room);
   size_t in = first.consumed;
   size_t out = first.produced;
@@ -359,27 +386,25 @@ PSP_TARGET_AVX512 Progress measure_wide(const char *source, size_t length) {
 // have them, units give {lead, middle, last}: 4, 6 and 6 of 16 bits, with marks added to them. A
 // high surrogate's bits are the upper 9 of its code point (11110xxx 10xxxxxx); a low one's are its
 // own 10 after the 2 that its partner has left (10xxxxxx 10xxxxxx).
-struct alignas(kVectorBytes) Utf8Constants {
-  Words two = all16(0x80), three = all16(0x800);
-  Words six_bits = all16(0xFC00), high = all16(0xD800), low = all16(0xDC00);
-  Words high_base = all16(0xD800 - (0x10000 >> 10));
-  Words middle = all16(0x3F00), last = all16(0x3F);
-  Words marks2 = all16(0xC000), marks3 = all16(0x80E0), marks_high = all16(0xF000);
-  Words marks_low = all16(0x8000), mark_last = all16(0x80), marks_pair = all16(0x80C0);
-  Words groups[2]{};  // {unit i of the first, unit i of the second vector}, 16 a half
+struct Utf8Constants {
+  __m512i two = all16(0x80), three = all16(0x800);
+  __m512i six_bits = all16(0xFC00), high = all16(0xD800), low = all16(0xDC00);
+  __m512i high_base = all16(0xD800 - (0x10000 >> 10));
+  __m512i middle = all16(0x3F00), last = all16(0x3F);
+  __m512i marks2 = all16(0xC000), marks3 = all16(0x80E0), marks_high = all16(0xF000);
+  __m512i marks_low = all16(0x8000), mark_last = all16(0x80), marks_pair = all16(0x80C0);
+  __m512i groups[2];  // {unit i of the first, unit i of the second vector}, 16 a half
 };
 
-constexpr Utf8Constants make_utf8_constants() {
-  Utf8Constants c;
-  for (uint16_t i = 0; i < kVectorUnits; ++i) {
-    for (uint16_t half = 0; half < 2; ++half) {
-      c.groups[half][i] = static_cast<uint16_t>(16 * half + i / 2 + 32 * (i % 2));
-    }
+constexpr PSP_TARGET_AVX512 __m512i groups_from(size_t start) {
+  Words words{};
+  for (size_t i = 0; i < kVectorUnits; ++i) {
+    words[i] = static_cast<uint16_t>(start + i / 2 + kVectorUnits * (i % 2));
   }
-  return c;
+  return vector_of(words);
 }
 
-constexpr Utf8Constants kUtf8Constants = make_utf8_constants();
+constexpr Utf8Constants kUtf8Constants = {.groups = {groups_from(0), groups_from(16)}};
 
 // The units of a window with surrogates made ready; bit i is unit i.
 struct Prepared {
@@ -393,11 +418,11 @@ PSP_PART_AVX512 void store_prepared(const Prepared &p, size_t count, char *desti
                                     const Utf8Constants &c) {
   constexpr int kFirstAndSecondOrThird = 0xEA;
   const __m512i lead_middle_bits =
-      _mm512_ternarylogic_epi64(_mm512_slli_epi16(p.value, 2), load(c.middle),
+      _mm512_ternarylogic_epi64(_mm512_slli_epi16(p.value, 2), c.middle,
                                 _mm512_srli_epi16(p.value, 12), kFirstAndSecondOrThird);
   const __m512i lead_middle = _mm512_add_epi16(lead_middle_bits, p.marks);
-  const __m512i last = _mm512_mask_add_epi16(
-      p.value, p.two, _mm512_and_si512(p.value, load(c.last)), load(c.mark_last));
+  const __m512i last =
+      _mm512_mask_add_epi16(p.value, p.two, _mm512_and_si512(p.value, c.last), c.mark_last);
   // Groups of {lead, middle, last, nothing}, 16 in each half.
   constexpr uint64_t kLeads = 0x1111111111111111;
   constexpr uint64_t kMiddles = 0x2222222222222222;
@@ -405,12 +430,12 @@ PSP_PART_AVX512 void store_prepared(const Prepared &p, size_t count, char *desti
   const auto kept = [&p](int first) PSP_TARGET_AVX512 {
     return _pdep_u64(p.three >> first, kLeads) | _pdep_u64(p.two >> first, kMiddles) | kLasts;
   };
-  const __m512i groups0 = _mm512_permutex2var_epi16(lead_middle, load(c.groups[0]), last);
+  const __m512i groups0 = _mm512_permutex2var_epi16(lead_middle, c.groups[0], last);
   const uint64_t kept0 = kept(0);
   const size_t count0 = std::min(count_of(kept0), count);
   store_bytes(destination, _mm512_maskz_compress_epi8(kept0, groups0), count0, room);
   if (count == count0) return;
-  const __m512i groups1 = _mm512_permutex2var_epi16(lead_middle, load(c.groups[1]), last);
+  const __m512i groups1 = _mm512_permutex2var_epi16(lead_middle, c.groups[1], last);
   store_bytes(destination + count0, _mm512_maskz_compress_epi8(kept(16), groups1), count - count0,
               room - count0);
 }
@@ -419,10 +444,9 @@ PSP_PART_AVX512 void store_prepared(const Prepared &p, size_t count, char *desti
 PSP_PART_AVX512 void store_to_7ff(__m512i units, uint32_t two, size_t count, char *destination,
                                   size_t room, const Utf8Constants &c) {
   constexpr int kFirstAndSecondOrThird = 0xEA;
-  const __m512i bits =
-      _mm512_ternarylogic_epi64(_mm512_slli_epi16(units, 8), load(c.middle),
-                                _mm512_srli_epi16(units, 6), kFirstAndSecondOrThird);
-  const __m512i pairs = _mm512_mask_add_epi16(units, two, bits, load(c.marks_pair));
+  const __m512i bits = _mm512_ternarylogic_epi64(
+      _mm512_slli_epi16(units, 8), c.middle, _mm512_srli_epi16(units, 6), kFirstAndSecondOrThird);
+  const __m512i pairs = _mm512_mask_add_epi16(units, two, bits, c.marks_pair);
   const uint64_t kept = _pdep_u64(two, 0xAAAAAAAAAAAAAAAA) | 0x5555555555555555;
   store_bytes(destination, _mm512_maskz_compress_epi8(kept, pairs), count, room);
 }
@@ -432,7 +456,7 @@ PSP_PART_AVX512 void store_to_7ff(__m512i units, uint32_t two, size_t count, cha
 template <bool kStore>
 PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destination, size_t room,
                                     const Utf8Constants &c) {
-  const uint32_t two = _mm512_cmpge_epu16_mask(units, load(c.two));
+  const uint32_t two = _mm512_cmpge_epu16_mask(units, c.two);
   if (two == 0) {
     if (room < here) return {0, 0};
     if constexpr (kStore) {
@@ -440,7 +464,7 @@ PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destinatio
     }
     return {here, here};
   }
-  const uint32_t three_or_half = _mm512_cmpge_epu16_mask(units, load(c.three));
+  const uint32_t three_or_half = _mm512_cmpge_epu16_mask(units, c.three);
   if (three_or_half == 0) {
     const size_t count = here + count_of(two);
     if (room < count) return {0, 0};
@@ -448,9 +472,9 @@ PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destinatio
     return {here, count};
   }
 
-  const __m512i high6 = _mm512_and_si512(units, load(c.six_bits));
-  const uint32_t high = _mm512_cmpeq_epi16_mask(high6, load(c.high));
-  const uint32_t low = _mm512_cmpeq_epi16_mask(high6, load(c.low));
+  const __m512i high6 = _mm512_and_si512(units, c.six_bits);
+  const uint32_t high = _mm512_cmpeq_epi16_mask(high6, c.high);
+  const uint32_t low = _mm512_cmpeq_epi16_mask(high6, c.low);
   const uint32_t three = three_or_half & ~(high | low);
   const uint32_t cut = high & (uint32_t{1} << (here - 1));
   if ((high ^ cut) << 1 != low) return {0, 0};
@@ -461,11 +485,11 @@ PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destinatio
     const __m512i lane_before = _mm512_alignr_epi64(units, _mm512_setzero_si512(), 6);
     const __m512i before = _mm512_alignr_epi8(units, lane_before, 14);
     Prepared p;
-    p.value = _mm512_mask_srli_epi16(units, high, _mm512_sub_epi16(units, load(c.high_base)), 2);
+    p.value = _mm512_mask_srli_epi16(units, high, _mm512_sub_epi16(units, c.high_base), 2);
     p.value = _mm512_mask_shldi_epi16(p.value, low, before, _mm512_slli_epi16(units, 6), 10);
-    p.marks = _mm512_mask_mov_epi16(load(c.marks2), three, load(c.marks3));
-    p.marks = _mm512_mask_mov_epi16(p.marks, high, load(c.marks_high));
-    p.marks = _mm512_mask_mov_epi16(p.marks, low, load(c.marks_low));
+    p.marks = _mm512_mask_mov_epi16(c.marks2, three, c.marks3);
+    p.marks = _mm512_mask_mov_epi16(p.marks, high, c.marks_high);
+    p.marks = _mm512_mask_mov_epi16(p.marks, low, c.marks_low);
     p.two = two;
     p.three = three;
     store_prepared(p, done.produced, destination, room, c);
@@ -477,7 +501,7 @@ PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destinatio
 template <bool kStore>
 PSP_LONG_AVX512 Progress to_utf8_windows(const psp_wchar *source, size_t length, char *destination,
                                          size_t room) {
-  const Utf8Constants &c = hidden(kUtf8Constants);
+  const Utf8Constants c = hidden(kUtf8Constants);
   size_t in = 0;
   size_t out = 0;
   while (length - in > kVectorUnits) {
