@@ -122,7 +122,7 @@ void give_up_locks_of_thread() PSP_UNCHECKED {
   if (mine.life != sync_life.load(std::memory_order_relaxed)) return;
   while (mine.newest_held != nullptr) {
     psp_syncObject *object = mine.newest_held;
-    sync_forget_held(object);
+    mine.newest_held = object->older_held;
     object->lock.abandon();
   }
   mine.life = 0;  // a lock entered by a later hook of the same thread arms ours again
