@@ -82,15 +82,15 @@ typedef uintptr_t psp_word;
  * The result of most functions. 0 is success. */
 typedef int32_t psp_status;
 
-#define PSP_OKAY 0           /* success */
-#define PSP_TIMEOUT 1        /* a wait ended by its limit */
-#define PSP_FAILED 2         /* general failure */
-#define PSP_NOMEMORY 3       /* memory could not be obtained */
-#define PSP_EXISTS 6         /* the directory to be created exists */
-#define PSP_NOSERVICE 7      /* the service is not installed */
-#define PSP_NOACCESS 9       /* no right to manage services */
-#define PSP_NOTSUPPORTED 10  /* not available on this platform */
-#define PSP_NOTFOUND 100     /* the last component of a path does not exist */
+#define PSP_OKAY 0          /* success */
+#define PSP_TIMEOUT 1       /* a wait ended by its limit */
+#define PSP_FAILED 2        /* general failure */
+#define PSP_NOMEMORY 3      /* memory could not be obtained */
+#define PSP_EXISTS 6        /* the directory to be created exists */
+#define PSP_NOSERVICE 7     /* the service is not installed */
+#define PSP_NOACCESS 9      /* no right to manage services */
+#define PSP_NOTSUPPORTED 10 /* not available on this platform */
+#define PSP_NOTFOUND 100    /* the last component of a path does not exist */
 
 #define PSP_ERR_TRUNCATED (-211)   /* a string did not fit and was cut */
 #define PSP_ERR_NOMEMORY (-904)    /* an allocation failed */
@@ -397,7 +397,8 @@ PSP_API char *psp_makeStrVA(const char *file, uint32_t line, psp_tag *tag, const
  *
  * PSP_UTF8_STRICT fails at the first invalid byte or unit; PSP_UTF8_REPLACE puts a question mark in
  * its place. Any other mode acts as strict. U+FFFE, U+FFFF, encoded surrogates and overlong forms
- * are invalid in UTF-8. Note that the plain and the counted forms order their arguments differently.
+ * are invalid in UTF-8. Note that the plain and the counted forms order their arguments
+ * differently.
  *
  * The buffer functions work without a start; all work in any thread. */
 
@@ -516,10 +517,11 @@ PSP_API double psp_swaporderf64(uint64_t pattern);
  *
  * PSP_FILE_DENY_READ and PSP_FILE_DENY_WRITE keep other handles of this process and of other
  * processes that use the library from opening the file so. The denial ends with the handle, or with
- * the process. On POSIX it holds for regular files on file systems with open-file-description locks;
- * programs that do not use the library are not stopped; it wants the right to read and to write the
- * file (only to read it, where the handle only reads and denies only writing); and a forked child
- * shares the denials and the first-byte lock of its parent's handles, until both have closed them.
+ * the process. On POSIX it holds for regular files on file systems with open-file-description
+ * locks; programs that do not use the library are not stopped; it wants the right to read and to
+ * write the file (only to read it, where the handle only reads and denies only writing); and a
+ * forked child shares the denials and the first-byte lock of its parent's handles, until both have
+ * closed them.
  *
  * psp_fileLock takes the first byte of the file for one handle; meanwhile reads and writes of that
  * byte through other handles fail with a lock violation. A positional read repeats itself for as
@@ -595,8 +597,8 @@ PSP_API int32_t psp_fileSeekRead(PSP_FH file, int64_t offset, void *buffer, uint
 
 /** Writes count bytes at an offset. Where the sequential position is afterwards is open.
  *
- *  @return bytes written, fewer only if the platform stopped half-way; 0 in read-only mode; -1 after
- *          a failure or for a count above 2^31 - 1, which is logged. */
+ *  @return bytes written, fewer only if the platform stopped half-way; 0 in read-only mode; -1
+ * after a failure or for a count above 2^31 - 1, which is logged. */
 PSP_API int32_t psp_fileSeekWrite(PSP_FH file, int64_t offset, const void *buffer, uint32_t count);
 
 /** The length of an open file in bytes; 0 when it cannot be told. */
@@ -611,8 +613,8 @@ PSP_API int64_t psp_fileLengthStat(const char *name, uint16_t mode);
 /** Sets the length of a file: cuts it, or appends zero bytes. The position is the new end then.
  *
  *  @param size  the new length in bytes.
- *  @return 0; -1 when the file could not grow, for a negative size and in read-only mode. A cut that
- *          fails gives 0: to learn of it, look at psp_errno as for psp_fileSync. */
+ *  @return 0; -1 when the file could not grow, for a negative size and in read-only mode. A cut
+ * that fails gives 0: to learn of it, look at psp_errno as for psp_fileSync. */
 PSP_API int32_t psp_fileSetSize(PSP_FH file, int64_t size);
 
 /** Takes the first byte of the file for this handle; never waits.
@@ -648,8 +650,8 @@ PSP_API int64_t psp_fileModTimeStat(const char *name, uint16_t mode);
  * the file does not take leaves its bytes in the stream, which tries again at the next occasion.
  *
  * A byte 0xFF of 8-bit text reads as -1 and cannot be told from the end. Of a run of carriage
- * returns that no line feed ends, no more than 20 are read; one that a line feed ends is part of the
- * line end. A null stream gives the failure result. */
+ * returns that no line feed ends, no more than 20 are read; one that a line feed ends is part of
+ * the line end. A null stream gives the failure result. */
 
 typedef struct psp_stream psp_stream;
 
@@ -705,7 +707,8 @@ PSP_API char *psp_fgets(char *buffer, int32_t size, psp_stream *stream);
  *                 null obtains one. The caller releases it with psp_freeMem(buffer, NULL).
  *  @param size    in and out: its size in bytes; 0 is taken as 100.
  *  @return the line with its line feed, if it had one; null at the end, for a null argument and
- *          when the buffer cannot grow (buffer and size stay valid and hold the line's beginning). */
+ *          when the buffer cannot grow (buffer and size stay valid and hold the line's beginning).
+ */
 PSP_API char *psp_fGetLine(psp_stream *stream, char **buffer, uint32_t *size);
 
 /** Writes one character; a line feed goes out as carriage return and line feed.
@@ -728,8 +731,8 @@ PSP_API int32_t psp_fprintf(psp_stream *stream, const char *format, ...);
 
 /** Writes what is buffered and makes it durable.
  *
- *  @return 0; -1 when half of a UTF-8 character waits to be written as UTF-16. A failed write is not
- *          reported here; its bytes stay buffered. */
+ *  @return 0; -1 when half of a UTF-8 character waits to be written as UTF-16. A failed write is
+ * not reported here; its bytes stay buffered. */
 PSP_API int32_t psp_fflush(psp_stream *stream);
 
 /** Moves the position.

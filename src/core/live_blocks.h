@@ -64,7 +64,7 @@ class LiveBlocks {
   static constexpr bool k64Bit = sizeof(void *) == 8;
   static constexpr unsigned kGranuleBits = 4;
   static constexpr unsigned kAddressBits = k64Bit ? 48 : 32;  // what user programs are given
-  static constexpr unsigned kLeafBits = k64Bit ? 26 : 20;  // 64 MiB for 1 GiB; 1 MiB for 16 MiB
+  static constexpr unsigned kLeafBits = k64Bit ? 26 : 20;     // 64 MiB for 1 GiB; 1 MiB for 16 MiB
   static constexpr size_t kLeafBytes = size_t{1} << kLeafBits;
   static constexpr size_t kLeaves = size_t{1} << (kAddressBits - kGranuleBits - kLeafBits);
 

@@ -67,15 +67,16 @@ void wake_one(const std::atomic<uint32_t> &word);
 void wake_all(const std::atomic<uint32_t> &word);
 
 // One hook, run at the end of each thread that has armed it, after the thread's own code and before
-// its storage goes. Removed, it runs nowhere any more. Not run for the thread that ends the process.
+// its storage goes. Removed, it runs nowhere any more. Not run for the thread that ends the
+// process.
 Error install_thread_exit_hook(void (*hook)());
 void remove_thread_exit_hook();
 // Arms the installed hook for the calling thread. False when the platform has no room.
 bool arm_thread_exit_hook();
 
-// A memory barrier in every thread of the process that is running, at the cost of a few microseconds
-// for the caller and of nothing for a thread that never needs one. To be enabled once in a process
-// and as often as one likes; false when the platform has none.
+// A memory barrier in every thread of the process that is running, at the cost of a few
+// microseconds for the caller and of nothing for a thread that never needs one. To be enabled once
+// in a process and as often as one likes; false when the platform has none.
 bool enable_barrier_in_all_threads();
 void barrier_in_all_threads();
 
@@ -128,8 +129,7 @@ Error file_read_at(File *file, int64_t offset, void *buffer, uint32_t count, uin
 // Write count bytes (at most 2^31 - 1). Success with *done below count means that the platform
 // stopped half-way; what stopped it is told by the next write.
 Error file_write(File *file, const void *buffer, uint32_t count, uint32_t *done);
-Error file_write_at(File *file, int64_t offset, const void *buffer, uint32_t count,
-                    uint32_t *done);
+Error file_write_at(File *file, int64_t offset, const void *buffer, uint32_t count, uint32_t *done);
 
 Error file_size(const File &file, int64_t *size);
 // Cuts the file at size and moves the sequential position there.
@@ -187,8 +187,8 @@ WideAnswer environment_wide(const psp_wchar *name, const char *name_utf8);
 WideAnswer locale_wide(int category, const psp_wchar *name, const char *name_utf8);
 
 // The decimal point and the thousands separator of the calling thread's locale. The texts are the
-// runtime's and valid until the locale changes. Null where the locale does not know one, which POSIX
-// never answers; an empty separator means groups without one, an empty point means none.
+// runtime's and valid until the locale changes. Null where the locale does not know one, which
+// POSIX never answers; an empty separator means groups without one, an empty point means none.
 const char *decimal_point();
 const char *thousands_separator();
 
