@@ -1,0 +1,253 @@
+// UTF-8 and UTF-16: the rules against a slow transcription, every kernel against the rules.
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <random>
+#include <string>
+#include <vector>
+
+#include "psp.h"
+#include "text/utf8.h"
+#include "text/utf8_engine.h"
+
+namespace {
+
+using psp::text::ToUtf8;
+using psp::text::ToWide;
+using Wide = std::basic_string<psp_wchar>;
+
+constexpr uint32_t kSeed = 20261124;
+
+void append_utf8(std::string *out, uint32_t c) {
+  char bytes[4];
+  uint32_t length = 0;
+  psp::text::utf8_encode_char(c, bytes, &length);
+  out->append(bytes, length);
+}
+
+void append_wide(Wide *out, uint32_t c) {
+  if (c > 0xFFFF) out->push_back(static_cast<psp_wchar>(0xD800 | ((c - 0x10000) >> 10)));
+  out->push_back(static_cast<psp_wchar>(c > 0xFFFF ? 0xDC00 | ((c - 0x10000) & 0x3FF) : c));
+}
+
+bool encodable(uint32_t c) { return (c < 0xD800 || c > 0xDFFF) && c != 0xFFFE && c != 0xFFFF; }
+
+TEST(Utf8, EveryCharacterGoesThereAndBack) {
+  std::string utf8;
+  Wide wide;
+  for (uint32_t c = 1; c <= 0x10FFFF; ++c) {
+    if (!encodable(c)) continue;
+    append_utf8(&utf8, c);
+    append_wide(&wide, c);
+  }
+  ASSERT_EQ(utf8.compare(utf8.size() - 4, 4, "\xF4\x8F\xBF\xBF"), 0);
+  std::vector<psp_wchar> units(wide.size() + 1);
+  ASSERT_EQ(psp_utf8_to_wchar(nullptr, utf8.c_str(), 0, 0), int32_t(units.size()));
+  ASSERT_EQ(psp_utf8_to_wchar(units.data(), utf8.c_str(), uint32_t(units.size()), 0),
+            int32_t(units.size()));
+  EXPECT_TRUE(Wide(units.data()) == wide);
+  std::vector<char> bytes(utf8.size() + 1);
+  ASSERT_EQ(psp_wchar_to_utf8(nullptr, wide.c_str(), 0, 0), int32_t(bytes.size()));
+  ASSERT_EQ(psp_wchar_to_utf8(bytes.data(), wide.c_str(), uint32_t(bytes.size()), 0),
+            int32_t(bytes.size()));
+  EXPECT_TRUE(bytes.data() == utf8);
+}
+
+struct Case {
+  const char *source;
+  int32_t strict;
+  const char *replaced;
+};
+
+TEST(Utf8, InvalidBytesAreReplacedOneForOne) {
+  const Case cases[] = {
+      {"", 1, ""},
+      {"\xC3\x41", -1, "??"},
+      {"\xE0\x80\x80", -1, "???"},
+      {"\xC0\x80", -1, "??"},
+      {"\xED\xA0\x80", -1, "???"},
+      {"\xEF\xBF\xBE", -1, "???"},
+      {"\xF5", -1, "?"},
+      {"\xF4\x90\x80\x80", -1, "????"},
+      {"\xF0\x80\x80\x80", -1, "????"},
+      {"\xE2\x82", -1, "??"},
+      {"\x80z", -1, "?z"},
+      {"\xE2\x82\xE2\x82\xAC", -1, "????"},
+  };
+  for (const Case &c : cases) {
+    psp_wchar units[16];
+    EXPECT_EQ(psp_utf8_to_wchar(units, c.source, 16, PSP_UTF8_STRICT), c.strict);
+    EXPECT_EQ(psp_utf8_to_wchar(nullptr, c.source, 0, 7), c.strict);
+    const auto needed = static_cast<int32_t>(std::strlen(c.replaced) + 1);
+    EXPECT_EQ(psp_utf8_to_wchar(nullptr, c.source, 0, PSP_UTF8_REPLACE), needed);
+    ASSERT_EQ(psp_utf8_to_wchar(units, c.source, 16, PSP_UTF8_REPLACE), needed);
+    EXPECT_EQ(std::string(units, units + needed - 1), c.replaced);
+  }
+}
+
+TEST(Utf8, LoneSurrogatesAreReplacedOrFail) {
+  const struct {
+    Wide source;
+    const char *replaced;
+  } cases[] = {{{'A', 0xD800, 'B'}, "A?B"},
+               {{'A', 0xDC00, 'B'}, "A?B"},
+               {{0xD800, 0xD801, 0xDC00}, "?\xF0\x90\x90\x80"},
+               {{'A', 0xDBFF}, "A?"}};
+  for (const auto &c : cases) {
+    char bytes[16];
+    EXPECT_EQ(psp_wchar_to_utf8(bytes, c.source.c_str(), 16, PSP_UTF8_STRICT), -1);
+    EXPECT_EQ(psp_wchar_to_utf8(nullptr, c.source.c_str(), 0, PSP_UTF8_STRICT), -1);
+    ASSERT_EQ(psp_wchar_to_utf8(bytes, c.source.c_str(), 16, PSP_UTF8_REPLACE),
+              static_cast<int32_t>(std::strlen(c.replaced) + 1));
+    EXPECT_STREQ(bytes, c.replaced);
+  }
+  char two[2];  // no room for the question mark of the one held at the end
+  EXPECT_EQ(psp_wchar_to_utf8(two, cases[3].source.c_str(), 2, PSP_UTF8_REPLACE), -1);
+}
+
+TEST(Utf8, WhatDoesNotFitIsDroppedWhole) {
+  char bytes[8] = "xxxxxxx";
+  EXPECT_EQ(psp_wchar_to_utf8(bytes, PSP_W("\U0001F600b"), 4, 0), 1);  // stops at the first
+  EXPECT_STREQ(bytes, "");
+  psp_wchar units[4];
+  EXPECT_EQ(psp_utf8_to_wchar(units, "a\xF0\x9F\x98\x80z", 3, 0), 3);  // a later one takes the room
+  EXPECT_TRUE(Wide(units) == Wide({'a', 'z'}));
+  EXPECT_EQ(psp_utf8_to_wchar_len(units, 4, "a\0b", 3, 0), 4);
+  EXPECT_TRUE(Wide(units, 4) == Wide({'a', 0, 'b', 0}));
+  EXPECT_EQ(psp_wchar_to_utf8_len(bytes, 8, units, 3, 0), 4);
+  EXPECT_EQ(std::string(bytes, 4), std::string("a\0b\0", 4));
+}
+
+// ---- Kernels against the rules ------------------------------------------------------------------
+
+template <class Element>
+struct Outcome {
+  int32_t result;
+  std::vector<Element> stored;
+  bool operator==(const Outcome &) const = default;
+};
+
+// One conversion by a set of kernels (null: the rules alone), from memory of the exact size into
+// memory of the exact size, so that AddressSanitizer sees every step too far.
+template <class Conversion, class To, class From>
+Outcome<To> run(const psp::text::Kernels *kernels, const std::basic_string<From> &source,
+                uint32_t size, uint32_t mode, bool store) {
+  const std::vector<From> exact(source.begin(), source.end());
+  std::vector<To> room(size, To(0x55));
+  Conversion conversion(kernels, store ? room.data() : nullptr, size, mode);
+  conversion.feed(exact.data(), exact.size());
+  const int32_t result = conversion.finish();
+  room.resize(result > 0 && store ? static_cast<size_t>(result) : 0);
+  return {result, room};
+}
+
+template <class Conversion, class To, class From>
+void expect_kernels_agree(const std::basic_string<From> &source, uint32_t size) {
+  for (const uint32_t mode : {PSP_UTF8_STRICT, PSP_UTF8_REPLACE}) {
+    for (const bool store : {true, false}) {
+      const auto expected = run<Conversion, To>(nullptr, source, size, mode, store);
+      for (const psp::text::Kernels *kernels : psp::text::usable_kernels()) {
+        ASSERT_TRUE((run<Conversion, To>(kernels, source, size, mode, store) == expected))
+            << kernels->name << " mode " << mode << " size " << size << " source bytes "
+            << testing::PrintToString(std::vector<From>(source.begin(), source.end()));
+      }
+    }
+  }
+}
+
+// A character of the text's kind: mostly of one length, as real texts are.
+uint32_t draw(std::mt19937 &random, uint32_t kind) {
+  const uint32_t lowest[] = {0x20, 0x80, 0x800, 0x10000},
+                 highest[] = {0x7E, 0x7FF, 0xFFFD, 0x10FFFF};
+  if (kind == 4 || random() % 8 == 0) kind = random() % 4;
+  for (;;) {
+    const uint32_t c = lowest[kind] + random() % (highest[kind] - lowest[kind] + 1);
+    if (encodable(c)) return c;
+  }
+}
+
+TEST(Utf8Kernels, AgreeWithTheRulesOnTextsOfEveryKind) {
+  std::mt19937 random(kSeed);
+  for (int round = 0; round < 6000; ++round) {
+    std::string utf8;
+    Wide wide;
+    const uint32_t kind = random() % 5;
+    for (size_t left = random() % (round % 10 == 0 ? 400 : 90); left > 0; --left) {
+      const uint32_t c = draw(random, kind);
+      append_utf8(&utf8, c);
+      append_wide(&wide, c);
+    }
+    if (round % 3 == 0 && !utf8.empty()) {  // damage
+      utf8[random() % utf8.size()] = static_cast<char>(random());
+      wide[random() % wide.size()] = static_cast<psp_wchar>(0xD800 + random() % 0x800);
+    }
+    const auto size_near = [&](size_t needed) {
+      const size_t size = random() % 3 == 0 ? random() % (needed + 1) : needed;
+      return static_cast<uint32_t>(std::max<size_t>(size + random() % 3, 1));
+    };
+    expect_kernels_agree<ToWide, psp_wchar>(utf8, size_near(wide.size()));
+    expect_kernels_agree<ToUtf8, char>(wide, size_near(utf8.size()));
+    if (HasFatalFailure()) return;
+  }
+}
+
+// All pairs and the interesting longer sequences of bytes, at every place of a vector.
+TEST(Utf8Kernels, AgreeWithTheRulesOnEveryShortSequence) {
+  const std::string bytes(
+      "\x41\x7F\x80\x8F\x90\x9F\xA0\xBF\xC0\xC1\xC2\xDF\xE0\xE1\xED\xEF\xF0\xF1\xF4\xF5\xFF");
+  std::mt19937 random(kSeed);
+  for (const char a : bytes) {
+    for (const char b : bytes) {
+      for (const char c : bytes) {
+        for (const char last : {'\x41', '\x80', '\xBF'}) {
+          std::string text(random() % 70, 'a');
+          text += {a, b, c, last};
+          text.append(random() % 70, 'z');
+          expect_kernels_agree<ToWide, psp_wchar>(text, static_cast<uint32_t>(text.size() + 1));
+          if (HasFatalFailure()) return;
+        }
+      }
+    }
+  }
+  const psp_wchar units[] = {0x41,   0x80,   0x7FF,  0x800,  0xD7FF,
+                             0xD800, 0xDBFF, 0xDC00, 0xDFFF, 0xE000};
+  for (const psp_wchar a : units) {
+    for (const psp_wchar b : units) {
+      for (size_t before = 0; before < 70; ++before) {
+        const Wide text = Wide(before, 'a') + a + b + Wide(70 - before, 'z');
+        expect_kernels_agree<ToUtf8, char>(text, 300);
+        if (HasFatalFailure()) return;
+      }
+    }
+  }
+}
+
+// ---- Allocating forms ---------------------------------------------------------------------------
+
+TEST(Utf8Strings, ConvertIntoBlocksOfTheDefaultTag) {
+  ASSERT_EQ(psp_init(), PSP_OKAY);
+  char *utf8 = psp_convertToUTF8(PSP_W("gr\u00FC\u00DF \U0001F600"), PSP_UTF8_STRICT);
+  EXPECT_STREQ(utf8, "gr\xC3\xBC\xC3\x9F \xF0\x9F\x98\x80");
+  psp_wchar *wide = psp_convertToWchar(utf8, PSP_UTF8_STRICT);
+  EXPECT_TRUE(Wide(wide) == Wide(PSP_W("gr\u00FC\u00DF \U0001F600")));
+  psp_freeMem(wide, nullptr);
+  psp_freeMem(utf8, nullptr);
+  EXPECT_EQ(psp_convertToWchar("\xFF", PSP_UTF8_STRICT), nullptr);
+
+  psp_wchar one[] = {'o', 0xE9, 0}, bad[] = {0xD800, 0};
+  psp_wchar *good_arguments[] = {one, nullptr, one}, *bad_arguments[] = {one, bad};
+  char **strings = nullptr;
+  ASSERT_EQ(psp_convertArgvToUTF8(3, good_arguments, &strings), PSP_OKAY);
+  EXPECT_STREQ(strings[0], "o\xC3\xA9");
+  EXPECT_EQ(strings[1], nullptr);
+  EXPECT_STREQ(strings[2], "o\xC3\xA9");
+  for (int i : {0, 2}) psp_freeMem(strings[i], nullptr);
+  psp_freeMem(strings, nullptr);
+  EXPECT_EQ(psp_convertArgvToUTF8(2, bad_arguments, &strings), PSP_FAILED);
+  EXPECT_EQ(strings, nullptr);
+  ASSERT_EQ(psp_convertArgvToUTF8(0, nullptr, &strings), PSP_OKAY);
+  psp_freeMem(strings, nullptr);
+  psp_term();
+}
+
+}  // namespace
