@@ -133,8 +133,11 @@ PSP_TARGET_AVX2 inline Structure structure_of(__m128i block, uint32_t not_ascii)
   result.lead4 = at_least8(block, all8(0xF0));
   const uint32_t cut = (lead & 0x8000) | (lead3 & 0xC000) | (result.lead4 & 0xE000);
   result.whole = ~cut & (cut - 1) & 0xFFFF;
-  const uint32_t wanted = lead << 1 | lead3 << 2 | result.lead4 << 3;
-  result.valid = ((wanted ^ result.continuation) & result.whole) == 0;
+  // What the leads among them want, beyond the last of them too: a lead whose continuations are cut
+  // off by another lead must not pass.
+  const uint32_t wanted =
+      (lead & result.whole) << 1 | (lead3 & result.whole) << 2 | (result.lead4 & result.whole) << 3;
+  result.valid = wanted == (result.continuation & result.whole);
   return result;
 }
 
