@@ -21,16 +21,6 @@ TEST(Life, StartsNestAndTheLastStopStops) {
   EXPECT_EQ(psp_alloc(10, nullptr), nullptr);
 }
 
-TEST(Life, ASurplusStopDoesNothing) {
-  psp_term();
-  EXPECT_EQ(psp_alloc(10, nullptr), nullptr);
-  ASSERT_EQ(psp_init(), PSP_OKAY);
-  void *block = psp_alloc(10, nullptr);
-  EXPECT_NE(block, nullptr);
-  psp_freeMem(block, nullptr);
-  psp_term();
-}
-
 TEST(Life, IndependentUsersStartAndStopAtTheSameTime) {
   std::vector<std::thread> users;
   for (int user = 0; user < 4; ++user) {

@@ -54,14 +54,6 @@ TEST_F(SyncLock, WantsAnExitForEachEnter) {
   psp_syncDelete(lock);
 }
 
-TEST_F(SyncLock, AnExitOfAnotherThreadDoesNothing) {
-  psp_sync lock = psp_syncCreate(PSP_SYNC_EXCL);
-  psp_syncEnterExcl(lock);
-  std::thread([&] { psp_syncExitExcl(lock); }).join();
-  EXPECT_FALSE(free_for_others(lock));
-  psp_syncDelete(lock);
-}
-
 TEST_F(SyncLock, ExcludesUnderContention) {
   psp_sync lock = psp_syncCreate(PSP_SYNC_EXCL);
   constexpr int kThreads = 4, kRounds = 20000;

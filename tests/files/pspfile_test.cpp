@@ -142,29 +142,6 @@ TEST_F(Files, SecondOpeningIsAllowedExactlyWhereNeitherDeniesTheOther) {
   }
 }
 
-TEST_F(Files, AnyNumberOfHandlesKeepToTheDenialsOfAll) {
-  const uint32_t seed = 20'260'101;
-  SCOPED_TRACE(testing::Message() << "seed " << seed);
-  std::mt19937 random(seed);
-  const std::string name = put("shared", "content");
-  const std::vector<Opening> all = all_openings();
-  std::vector<std::pair<Opening, Handle>> open;
-  for (int step = 0; step < 4000; ++step) {
-    const Opening &next = all[random() % all.size()];
-    bool allowed = true;
-    for (const auto &[held, file] : open) allowed &= !held.excludes(next);
-    Handle file(name, next.access, next.denial);
-    ASSERT_EQ(file != nullptr, allowed) << "step " << step;
-    if (file != nullptr) open.emplace_back(next, std::move(file));
-    while (open.size() > random() % 12) {
-      auto &[opening, handle] = open[random() % open.size()];
-      std::swap(opening, open.back().first);
-      std::swap(handle.file, open.back().second.file);
-      open.pop_back();
-    }
-  }
-}
-
 TEST_F(Files, OtherDescriptorsForkedChildrenAndRefusedOpeningsChangeNothing) {
   const std::string name = put("shared", "content");
   const Handle file(name, kUpdate, PSP_FILE_DENY_WRITE);
@@ -255,22 +232,6 @@ TEST_F(Files, FlagsDecideWhatBecomesOfTheFileAndWhatTheHandleMayDo) {
       }
     }
   }
-}
-
-TEST_F(Files, NamesTakeBothSeparatorsAndAllCharacters) {
-  std::filesystem::create_directory(path("d"));
-  const psp_wchar wide[] = PSP_W("h\u00FCt\u6F22\xD83D\xDE00");
-  char narrow[20];
-  psp_wchar_to_utf8(narrow, wide, sizeof(narrow), PSP_UTF8_STRICT);
-  ASSERT_TRUE(opens(folder_ + "\\d/..\\d\\" + narrow, PSP_OPEN_WRITE | PSP_OPEN_CREATE));
-  EXPECT_TRUE(std::filesystem::exists(path("d/") + narrow));
-  ASSERT_EQ(chdir(path("d").c_str()), 0);
-  PSP_FH file = psp_fileOpenW(wide, PSP_OPEN_READ, 0);
-  EXPECT_NE(file, nullptr);
-  psp_fileClose(file);
-  const psp_wchar invalid[] = {'x', 0xD800, 'y', 0};
-  EXPECT_EQ(psp_fileOpenW(invalid, PSP_OPEN_WRITE | PSP_OPEN_CREATE, 0), nullptr);
-  EXPECT_EQ(psp_fileOpenW(nullptr, PSP_OPEN_READ, 0), nullptr);
 }
 
 TEST_F(Files, DescriptorsAreNeitherStandardChannelsNorInheritedNorLeftByFailures) {
@@ -400,60 +361,6 @@ TEST_F(Files, FailureIsReportedAndLeavesTheHandleUsable) {
 }
 
 // ---- Standard channels and modes ----------------------------------------------------------------
-
-TEST_F(Files, StandardChannelsMayBeClosedOrFiles) {
-  const Child closed([&] {
-    for (int fd = 0; fd <= STDERR_FILENO; ++fd) close(fd);
-    for (const char *name : {"stdin", "stdout", "stderr"}) {
-      const Handle file(name, PSP_OPEN_READWRITE);
-      EXPECT_EQ(psp_fileWrite(file, "x", 1), -1);
-      EXPECT_EQ(psp_fileLength(file), 0);
-    }
-    return get("messages") == "Inconsistent file state stdin\r\nInconsistent file state stderr\r\n";
-  });
-  EXPECT_TRUE(closed.worked);
-  const Child redirected([&] {
-    dup2(open(path("out").c_str(), O_CREAT | O_WRONLY, 0600), STDOUT_FILENO);
-    EXPECT_EQ(write(STDOUT_FILENO, "a", 1), 1);
-    EXPECT_EQ(psp_fileWrite(Handle("stdout", PSP_OPEN_WRITE), "b", 1), 1);
-    return write(STDOUT_FILENO, "c", 1) == 1 && get("out") == "abc";
-  });
-  EXPECT_TRUE(redirected.worked);
-}
-
-// The writer is interrupted again and again, and its pipe is non-blocking and small.
-TEST_F(Files, InterruptedWriteToAPipeLosesNothing) {
-  std::string sent(1 << 20, 0);
-  for (size_t index = 0; index < sent.size(); ++index) sent[index] = static_cast<char>(index % 251);
-  int ends[2];
-  ASSERT_EQ(pipe2(ends, O_NONBLOCK), 0);
-  const pid_t writer = fork();
-  if (writer == 0) {
-    struct sigaction action = {};
-    action.sa_handler = [](int) {};
-    sigaction(SIGUSR1, &action, nullptr);
-    dup2(ends[1], STDOUT_FILENO);
-    const auto count = static_cast<uint32_t>(sent.size());
-    const int32_t done = psp_fileWrite(Handle("stdout", PSP_OPEN_WRITE), sent.data(), count);
-    _exit(done == static_cast<int32_t>(count) ? 0 : 1);
-  }
-  close(ends[1]);
-  dup2(ends[0], STDIN_FILENO);
-  const Handle reader("stdin", PSP_OPEN_READ);
-  std::string received;
-  char piece[3001];
-  for (int32_t got = 0; (got = psp_fileRead(reader, piece, sizeof(piece))) > 0;) {
-    received.append(piece, static_cast<size_t>(got));
-    kill(writer, SIGUSR1);
-  }
-  int status = -1;
-  waitpid(writer, &status, 0);
-  EXPECT_EQ(status, 0);
-  EXPECT_TRUE(received == sent);
-  errno = 0;
-  EXPECT_EQ(psp_fileSync(reader), PSP_OKAY);
-  EXPECT_EQ(psp_errno(), 0u) << "a pipe has nothing to sync";
-}
 
 TEST_F(Files, ReadOnlyModeWritesNothing) {
   const std::string name = put("file", "content");

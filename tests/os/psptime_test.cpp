@@ -79,23 +79,6 @@ TEST(TimeClocks, AgreeWithTheKernelAcrossTheChangeOfASecond) {
 
 std::atomic<int> alarms{0};
 
-TEST(Process, SleepLastsAsToldUnderAStormOfSignals) {
-  struct sigaction action = {};
-  action.sa_handler = [](int) { ++alarms; };  // no SA_RESTART: every alarm interrupts the sleep
-  sigaction(SIGALRM, &action, nullptr);
-  const itimerval storm = {{0, 500}, {0, 500}}, calm = {};
-  setitimer(ITIMER_REAL, &storm, nullptr);
-  const int64_t start = nanoseconds(CLOCK_MONOTONIC);
-  psp_sleep(50);
-  const int64_t elapsed = nanoseconds(CLOCK_MONOTONIC) - start;
-  setitimer(ITIMER_REAL, &calm, nullptr);
-  EXPECT_GE(elapsed, 50'000'000);
-  EXPECT_GT(alarms, 0);
-
-  EXPECT_EQ(psp_get_pid(), getpid());
-  EXPECT_EQ(psp_daemonStart(INT32_MIN, 7), PSP_OKAY);
-}
-
 TEST(TimeLocal, AgreesWithTheRuntimeAtEdgesOfYearsAndOfDaylightSaving) {
   constexpr int64_t kSpring = 1'772'953'200;  // 2026-03-08 07:00 UTC: 02:00 becomes 03:00
   const int64_t times[] = {0,
@@ -131,19 +114,6 @@ TEST(TimeLocal, AgreesWithTheRuntimeAtEdgesOfYearsAndOfDaylightSaving) {
   EXPECT_STREQ(psp_timeCtime(kSpring), "Sun Mar  8 03:00:00 2026\n");
 }
 
-TEST(TimeLocal, WhatCannotBeConvertedLeavesTheRecord) {
-  std::tm record = {};
-  record.tm_mday = 77;
-  for (const int64_t time : {INT64_MAX, INT64_MIN}) {
-    errno = 0;
-    EXPECT_EQ(psp_timeLocaltime(time, &record), nullptr);
-    EXPECT_EQ(psp_errno(), static_cast<uint32_t>(EOVERFLOW));
-    EXPECT_EQ(psp_timeCtime(time), nullptr);
-  }
-  EXPECT_EQ(record.tm_mday, 77);
-  EXPECT_EQ(psp_timeLocaltime(0, nullptr), nullptr);
-}
-
 // ---- Environment and locale ---------------------------------------------------------------------
 
 std::u16string text(const psp_wchar *answer) { return answer != nullptr ? answer : u"(null)"; }
@@ -174,15 +144,6 @@ TEST(Environment, WhatHasNoAnswerGivesNull) {
   EXPECT_STREQ(psp_getenv("PSP_TEST"), "cut \xC3");
   EXPECT_EQ(psp_getenvW(u"PSP_TEST"), nullptr);
   EXPECT_EQ(psp_setlocaleW(LC_ALL, lone_surrogate), nullptr);
-}
-
-TEST(Environment, LocaleIsSetAndQueriedInBothWidths) {
-  EXPECT_STREQ(psp_setlocale(LC_ALL, "C"), "C");
-  EXPECT_EQ(text(psp_setlocaleW(LC_ALL, nullptr)), u"C");
-  EXPECT_EQ(psp_setlocaleW(LC_NUMERIC, u"no such locale"), nullptr);
-  EXPECT_EQ(text(psp_setlocaleW(LC_NUMERIC, u"POSIX")), u"C");
-  EXPECT_STREQ(psp::os::decimal_point(), ".");
-  EXPECT_STREQ(psp::os::thousands_separator(), "");
 }
 
 // ---- Interrupts ---------------------------------------------------------------------------------
@@ -216,7 +177,7 @@ struct Calls {
   }
 };
 
-Calls first, second, own, go_on;
+Calls first, second, own;
 
 std::atomic<bool> signals_blocked{false};
 
@@ -227,10 +188,6 @@ void call_first() {
   first.note();
 }
 void call_second() { second.note(); }
-void call_first_and_wait() {
-  first.note();
-  go_on.wait();
-}
 void remove_and_call_first() {
   psp_handleInterrupt(nullptr);
   first.note();
@@ -238,11 +195,6 @@ void remove_and_call_first() {
 
 // Dispositions of the client.
 void note_own(int) { own.note(); }
-void (*stood_before)(int) = nullptr;
-void note_own_and_go_on(int signal) {
-  own.note();
-  stood_before(signal);
-}
 
 void set_dispositions(void (*handler)(int)) {
   struct sigaction action = {};
@@ -261,7 +213,7 @@ struct sigaction disposition(int signal) {
 class Interrupt : public testing::Test {
  protected:
   Interrupt() {
-    for (Calls *calls : {&first, &second, &own, &go_on}) calls->reset();
+    for (Calls *calls : {&first, &second, &own}) calls->reset();
     set_dispositions(SIG_DFL);
   }
   ~Interrupt() override { psp_handleInterrupt(nullptr); }
@@ -300,25 +252,6 @@ TEST_F(Interrupt, RemovalRestoresWhatStoodBefore) {
   EXPECT_EQ(own.count, 3);
 }
 
-TEST_F(Interrupt, WhatWaitsBehindARunningHandlerGoesToWhatStoodBefore) {
-  set_dispositions(note_own);
-  psp_handleInterrupt(call_first_and_wait);
-  raise(SIGTERM);
-  ASSERT_TRUE(first.wait());
-  raise(SIGHUP);
-  EXPECT_EQ(own.count, 0);
-  ASSERT_EQ(psp_handleInterrupt(nullptr), PSP_OKAY);
-  ASSERT_TRUE(own.wait());
-
-  psp_handleInterrupt(call_second);  // beside the handler that still runs
-  raise(SIGINT);
-  ASSERT_TRUE(second.wait());
-  go_on.note();
-  psp_handleInterrupt(nullptr);
-  EXPECT_TRUE(no_thread_is_left());
-  EXPECT_EQ(first.count + own.count + second.count, 3);
-}
-
 TEST_F(Interrupt, RoundsLeaveNothingBehindEvenIfHandlersRemoveThemselves) {
   set_dispositions(note_own);
   const size_t descriptors = entries("/proc/self/fd");
@@ -333,29 +266,6 @@ TEST_F(Interrupt, RoundsLeaveNothingBehindEvenIfHandlersRemoveThemselves) {
   }
   EXPECT_EQ(entries("/proc/self/fd"), descriptors);
   EXPECT_TRUE(no_thread_is_left());
-}
-
-TEST_F(Interrupt, NoneIsLostWhileThreadsInstallAndRemove) {
-  set_dispositions(note_own);
-  std::atomic<bool> stop{false};
-  const auto toggle = [&stop] {
-    while (!stop) {
-      psp_handleInterrupt([] { own.note(); });
-      psp_handleInterrupt(nullptr);
-    }
-  };
-  std::thread one(toggle), other(toggle);
-  constexpr int kRaised = 3000;
-  bool lost = false;
-  for (int round = 0; round < kRaised && !lost; ++round) {
-    raise(kInterrupts[round % 3]);
-    lost = !own.wait();
-  }
-  stop = true;
-  one.join();
-  other.join();
-  EXPECT_FALSE(lost);
-  EXPECT_EQ(own.count, kRaised);
 }
 
 // How a forked child ends that does this and then exits with its count of calls.
@@ -386,34 +296,6 @@ TEST_F(Interrupt, ForkedChildHasNoHandlerUntilItInstallsOne) {
   EXPECT_EQ(first.count, 0);
   raise(SIGTERM);
   EXPECT_TRUE(first.wait()) << "the parent's handler goes on";
-}
-
-TEST_F(Interrupt, InstallThatFailsChangesNothing) {
-  set_dispositions(note_own);
-  pthread_attr_t usual, huge;
-  pthread_getattr_default_np(&usual);
-  pthread_getattr_default_np(&huge);
-  pthread_attr_setstacksize(&huge, SIZE_MAX - 0xFFFFF);  // no thread can be started
-  pthread_setattr_default_np(&huge);
-  errno = 0;
-  EXPECT_EQ(psp_handleInterrupt(call_first), PSP_FAILED);
-  EXPECT_NE(psp_errno(), 0u);
-  pthread_setattr_default_np(&usual);
-  raise(SIGTERM);
-  EXPECT_EQ(own.count, 1);
-}
-
-// Last, because what it does to the signals stays with the process.
-TEST_F(Interrupt, RemovalLeavesWhatTheClientSetOverIt) {
-  psp_handleInterrupt(call_first);
-  stood_before = disposition(SIGTERM).sa_handler;
-  set_dispositions(note_own_and_go_on);
-  raise(SIGTERM);
-  ASSERT_TRUE(first.wait());
-  psp_handleInterrupt(nullptr);
-  raise(SIGTERM);
-  EXPECT_EQ(own.count, 2);
-  EXPECT_EQ(first.count, 1);
 }
 
 }  // namespace

@@ -236,32 +236,4 @@ TEST_F(LogTest, MessagesOutsideTheLifeGoToTheCRuntime) {
   psp_log_close();
 }
 
-TEST_F(LogTest, ProcessWithoutStandardOutputStillLogs) {
-  testing::internal::CaptureStderr();
-  const int kept = dup(1);
-  close(1);
-  EXPECT_EQ(psp_init(), PSP_OKAY);
-  EXPECT_EQ(psp_log_open(path("log").c_str()), PSP_OKAY);
-  int32_t result = 0;
-  for (int message = 0; message < 300; ++message) result = psp_log("message\n");
-  EXPECT_EQ(result, -1) << "a block of it is kept, and no more";
-  psp_term();
-  testing::internal::GetCapturedStderr();
-  dup2(kept, 1);
-  close(kept);
-  const std::string log = get("log");
-  EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 300);
-}
-
-TEST_F(LogTest, ServiceWritesToTheLogOnly) {
-  start_with_files();
-  psp::streams::set_running_as_service();
-  EXPECT_EQ(psp_log("x\n"), 0);
-  EXPECT_EQ(psp_log_err("y\n"), 0);
-  EXPECT_EQ(psp_printf("kept back"), 9);
-  psp_log_flush();
-  EXPECT_EQ(get("out") + get("err"), "");
-  expect_stamped(get("log"), stamped("x") + stamped("y"));
-}
-
 }  // namespace

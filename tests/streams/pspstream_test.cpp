@@ -382,23 +382,6 @@ TEST_F(StreamTest, LineEndsMeetBlockBordersAndBufferEnds) {
   }
 }
 
-TEST_F(StreamTest, PushedBackValuesComeFirstAndUnchanged) {
-  put("end");
-  psp_stream *stream = open("r");
-  for (int32_t value = 0; value < 20; ++value)
-    EXPECT_EQ(psp_fungetc(300 + value, stream), 300 + value);
-  EXPECT_EQ(psp_fungetc('x', stream), -1);
-  for (int32_t value = 19; value >= 2; --value) EXPECT_EQ(psp_fgetc(stream), 300 + value);
-  char buffer[10];
-  EXPECT_STREQ(psp_fgets(buffer, sizeof buffer, stream), "-,end");
-  EXPECT_EQ(psp_fungetc(-1, stream), -1);
-  EXPECT_EQ(psp_fgets(buffer, sizeof buffer, stream), nullptr);
-  EXPECT_STREQ(psp_fgets(buffer, 1, stream), "");
-  EXPECT_EQ(psp_fgets(buffer, 0, stream), nullptr);
-  EXPECT_EQ(psp_fgets(nullptr, 10, stream), nullptr);
-  psp_fclose(stream);
-}
-
 TEST_F(StreamTest, LineBufferGrowsByHundredsAndIsReused) {
   put(std::string(250, 'x'));
   psp_stream *stream = open("r");
@@ -479,77 +462,7 @@ TEST_F(StreamTest, SixteenBitOutputIsMarkedOnce) {
   EXPECT_EQ(get(), "\xFF\xFEx\0\r\0\n\0\x3D\xD8\x00\xDEy\0"s);
 }
 
-TEST_F(StreamTest, FormattedTextsOfEveryLengthComeOutWhole) {
-  psp_stream *stream = open("w");
-  std::string expected;
-  for (const int length : {1, 510, 511, 512, 513, 5000, 40}) {
-    EXPECT_EQ(psp_fprintf(stream, "%*d", length, 7), length);
-    expected += std::string(static_cast<size_t>(length) - 1, ' ') + "7";
-  }
-  EXPECT_EQ(psp_fprintf(stream, "%s", ""), 0);
-  EXPECT_EQ(psp_fprintf(stream, "x%99999999999d", 1), -1);
-  EXPECT_EQ(psp_fprintf(stream, "%c%c\n", 0, 'z'), 3) << "a zero byte is text";
-  psp_fclose(stream);
-  EXPECT_EQ(get(), expected + "\0z\r\n"s);
-}
-
 // ---- Files that do not take everything ----------------------------------------------------------
-
-TEST_F(StreamTest, FullDeviceFailsThePutThatNeedsRoom) {
-  testing::internal::CaptureStderr();
-  psp_stream *stream = psp_fopen("/dev/full", "w", 1);
-  EXPECT_EQ(psp_fputs(std::string(1024, 'x').c_str(), stream), 1024);
-  EXPECT_EQ(psp_fputc('x', stream), 0);
-  EXPECT_EQ(psp_fputs("x", stream), -1);
-  EXPECT_EQ(psp_fprintf(stream, "%d", 1), -1);
-  EXPECT_EQ(psp_fflush(stream), 0) << "not reported here";
-  psp_fclose(stream);
-  EXPECT_NE(testing::internal::GetCapturedStderr().find("Write failed"), std::string::npos);
-}
-
-// A file that may grow to 1500 bytes takes the second block in part; when it may grow again, the
-// stream goes on without a gap and without a repetition.
-TEST_F(StreamTest, PartlyWrittenBlockGoesOnWhereItStopped) {
-  std::signal(SIGXFSZ, SIG_IGN);
-  for (const bool standard_channel : {false, true}) {
-    testing::internal::CaptureStderr();
-    put("");
-    const int kept = dup(1);
-    if (standard_channel) dup2(::open(name_.c_str(), O_WRONLY | O_CLOEXEC), 1);
-    psp_stream *stream = standard_channel ? psp_fopen("stdout", "w", 1) : open("w");
-    rlimit limit;
-    getrlimit(RLIMIT_FSIZE, &limit);
-    const rlim_t before = std::exchange(limit.rlim_cur, 1500);
-    setrlimit(RLIMIT_FSIZE, &limit);
-    std::string accepted;
-    for (int index = 0; index < 4000; ++index) {
-      const auto c = static_cast<char>('a' + index % 26);
-      if (psp_fputc(c, stream) == 1) accepted += c;
-    }
-    EXPECT_LT(accepted.size(), 4000u);
-    limit.rlim_cur = before;
-    setrlimit(RLIMIT_FSIZE, &limit);
-    EXPECT_EQ(psp_fputs("end", stream), 3);
-    EXPECT_EQ(psp_fflush(stream), 0);
-    psp_fclose(stream);
-    dup2(kept, 1);
-    close(kept);
-    EXPECT_EQ(get(), accepted + "end");
-    testing::internal::GetCapturedStderr();
-  }
-}
-
-TEST_F(StreamTest, StandardOutputIsWrittenOnceHoweverOftenFlushed) {
-  testing::internal::CaptureStdout();
-  psp_stream *stream = psp_fopen_std("stdout");
-  EXPECT_EQ(psp_fputs("one ", stream), 4);
-  EXPECT_EQ(psp_fflush(stream), 0);
-  EXPECT_EQ(psp_fputs("two ", stream), 4);
-  EXPECT_EQ(psp_fflush(stream), 0);
-  EXPECT_EQ(psp_fputs("three", stream), 5);
-  psp_fclose(stream);
-  EXPECT_EQ(testing::internal::GetCapturedStdout(), "one two three");
-}
 
 // Each read of this standard input gives one byte.
 TEST_F(StreamTest, MarkIsFoundInAPipeThatTrickles) {

@@ -328,19 +328,6 @@ TEST(FormatFloating, AgreesWithTranscriptionForAllMagnitudes) {
   }
 }
 
-TEST(FormatFloating, ReadsBackCloseToValue) {
-  constexpr uint64_t kSeed = 3;
-  std::mt19937_64 random(kSeed);
-  for (int i = 0; i < 20000; ++i) {
-    const double value = std::bit_cast<double>(random());
-    if (!std::isnormal(value)) continue;
-    char text[64];
-    ASSERT_GT(psp_snprintf(text, sizeof text, "%.17e", value), 0);
-    // The chains of powers have rounded up to 308 times.
-    ASSERT_NEAR(std::strtod(text, nullptr) / value, 1, 1e-13) << "seed " << kSeed << " " << text;
-  }
-}
-
 namespace {
 
 // Makes a locale with that decimal point and separator and switches to it; false if the machine
