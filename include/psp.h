@@ -215,7 +215,7 @@ PSP_API void *psp_getMem(size_t size, psp_tag *tag, uint32_t mode, const void *s
 /** Changes the size of a block, moving it if need be.
  *
  *  @param pointer     a block of the tag; null obtains a new one, zero-filled if zero is set.
- *  @param size        the new size in bytes; 0 is a failed call, without a message.
+ *  @param size        the new size in bytes; 0 keeps an empty block, or gives null for no pointer.
  *  @param tag         the block's tag; null is the default tag.
  *  @param zero        not 0: set the last zero_count bytes of the new size to zero.
  *  @param zero_count  bytes to clear, normally those added; more than size clears size bytes.

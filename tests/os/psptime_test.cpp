@@ -79,6 +79,23 @@ TEST(TimeClocks, AgreeWithTheKernelAcrossTheChangeOfASecond) {
 
 std::atomic<int> alarms{0};
 
+TEST(Process, SleepLastsAsToldUnderAStormOfSignals) {
+  struct sigaction action = {};
+  action.sa_handler = [](int) { ++alarms; };  // no SA_RESTART: every alarm interrupts the sleep
+  sigaction(SIGALRM, &action, nullptr);
+  const itimerval storm = {{0, 500}, {0, 500}}, calm = {};
+  setitimer(ITIMER_REAL, &storm, nullptr);
+  const int64_t start = nanoseconds(CLOCK_MONOTONIC);
+  psp_sleep(50);
+  const int64_t elapsed = nanoseconds(CLOCK_MONOTONIC) - start;
+  setitimer(ITIMER_REAL, &calm, nullptr);
+  EXPECT_GE(elapsed, 50'000'000);
+  EXPECT_GT(alarms, 0);
+
+  EXPECT_EQ(psp_get_pid(), getpid());
+  EXPECT_EQ(psp_daemonStart(INT32_MIN, 7), PSP_OKAY);
+}
+
 TEST(TimeLocal, AgreesWithTheRuntimeAtEdgesOfYearsAndOfDaylightSaving) {
   constexpr int64_t kSpring = 1'772'953'200;  // 2026-03-08 07:00 UTC: 02:00 becomes 03:00
   const int64_t times[] = {0,
