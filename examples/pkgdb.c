@@ -346,7 +346,7 @@ static uint64_t heap_in_use(void) {
 }
 
 static void log_step(const char *what, uint64_t start) {
-  psp_log("%-32s %8.1f ms\n", what, (double)(psp_timeNanoSecs() - start) / 1e6);
+  psp_log("%-34s %8.1f ms\n", what, (double)(psp_timeNanoSecs() - start) / 1e6);
 }
 
 /* ---- The steps in their order ---------------------------------------------------------------- */
