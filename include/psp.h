@@ -393,7 +393,8 @@ PSP_API char *psp_makeStrVA(const char *file, uint32_t line, psp_tag *tag, const
  * The buffer functions store into a destination, or only measure when it is null. Their result
  * counts the terminator, which is always stored. A destination that is too small is no failure:
  * what does not fit is dropped, never split, and the result tells what was stored. The size of a
- * destination must be at least 1.
+ * destination must be at least 1. What lies behind the result, or behind the place of a failure,
+ * keeps what it held.
  *
  * PSP_UTF8_STRICT fails at the first invalid byte or unit; PSP_UTF8_REPLACE puts a question mark in
  * its place. Any other mode acts as strict. U+FFFE, U+FFFF, encoded surrogates and overlong forms

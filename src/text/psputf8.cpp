@@ -5,23 +5,24 @@
 #include <algorithm>
 #include <bit>
 #include <cstring>
-#include <limits>
 
 #include "core/checked.h"
 #include "core/exported_call.h"
 #include "psp.h"
 #include "text/utf8_engine.h"
 
-#if defined(__SSE2__) && !defined(__SANITIZE_ADDRESS__)
-#if defined(__has_feature)
-#define PSP_HAS_FEATURE(x) __has_feature(x)
-#else
-#define PSP_HAS_FEATURE(x) 0
+// Reading more than a string holds, as searching it by vectors does, is what sanitizers are to
+// find.
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#define PSP_SANITIZED 1
+#elif defined(__has_feature)
+#if __has_feature(address_sanitizer) || __has_feature(thread_sanitizer)
+#define PSP_SANITIZED 1
 #endif
-#if !PSP_HAS_FEATURE(address_sanitizer)
+#endif
+#if defined(__SSE2__) && !defined(PSP_SANITIZED)
+#define PSP_SEARCH_BY_VECTORS 1
 #include <emmintrin.h>
-#define PSP_SCAN_ALIGNED 1
-#endif
 #endif
 
 namespace psp::text {
@@ -34,106 +35,93 @@ constexpr char kSource[] = "psputf8.cpp";
 // does not fit is not read to its end.
 constexpr size_t kPiece = 4096;
 
-constexpr size_t kMaxResult = std::numeric_limits<int32_t>::max();
-
 // ---- Ends of strings ----------------------------------------------------------------------------
 
-// Both return the place of the first zero element, or kPiece when it is not among that many, and
-// read nothing behind it that could be out of reach.
+// Each returns the place of the first zero element, or kPiece when it is not among that many.
 
 size_t piece_length(const char *bytes) {
   const void *end = std::memchr(bytes, 0, kPiece);
   return end == nullptr ? kPiece : static_cast<size_t>(static_cast<const char *>(end) - bytes);
 }
 
-#if defined(PSP_SCAN_ALIGNED)
-
-// Reads whole aligned vectors, which never straddle two pages, so a vector with a byte of the
-// string in it can be read. AddressSanitizer, which would object, gets the plain loop.
-size_t piece_length(const psp_wchar *units) {
-  constexpr size_t kVectorBytes = sizeof(__m128i);
-  const size_t before = reinterpret_cast<uintptr_t>(units) % kVectorBytes;
-  const char *vector = reinterpret_cast<const char *>(units) - before;
-  // Bits of the bytes before the string are shifted out.
-  const auto zeros_at = [](const char *at) {
-    const __m128i block = _mm_load_si128(reinterpret_cast<const __m128i *>(at));
-    return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi16(block, _mm_setzero_si128())));
-  };
-  uint32_t zeros = zeros_at(vector) >> before;
-  if (zeros != 0) return static_cast<size_t>(std::countr_zero(zeros)) / 2;
-  for (size_t done = (kVectorBytes - before) / 2; done < kPiece; done += kVectorBytes / 2) {
-    zeros = zeros_at(reinterpret_cast<const char *>(units + done));
-    if (zeros != 0)
-      return std::min(kPiece, done + static_cast<size_t>(std::countr_zero(zeros)) / 2);
-  }
-  return kPiece;
-}
-
-#else
-
-size_t piece_length(const psp_wchar *units) {
+size_t plain_piece_length(const psp_wchar *units) {
   size_t length = 0;
   while (length < kPiece && units[length] != 0) ++length;
   return length;
 }
 
+#if defined(PSP_SEARCH_BY_VECTORS)
+
+uint32_t zero_units(const char *vector) {
+  const __m128i units = _mm_load_si128(reinterpret_cast<const __m128i *>(vector));
+  return static_cast<uint32_t>(_mm_movemask_epi8(_mm_cmpeq_epi16(units, _mm_setzero_si128())));
+}
+
+// Reads whole aligned vectors. None straddles two pages, so one that holds a unit of the string can
+// be read.
+size_t piece_length(const psp_wchar *units) {
+  constexpr size_t kVectorBytes = sizeof(__m128i);
+  const char *bytes = reinterpret_cast<const char *>(units);
+  const size_t before = reinterpret_cast<uintptr_t>(units) % kVectorBytes;
+  if (before % sizeof *units != 0) return plain_piece_length(units);
+  uint32_t zeros = zero_units(bytes - before) >> before;
+  size_t done = 0;  // bytes
+  while (zeros == 0) {
+    done += done == 0 ? kVectorBytes - before : kVectorBytes;
+    if (done >= kPiece * sizeof *units) return kPiece;
+    zeros = zero_units(bytes + done);
+  }
+  done += static_cast<size_t>(std::countr_zero(zeros));
+  return std::min(kPiece, done / sizeof *units);
+}
+
+#else
+
+size_t piece_length(const psp_wchar *units) { return plain_piece_length(units); }
+
 #endif
 
 // ---- Conversions --------------------------------------------------------------------------------
 
-// Converts count elements. Nearly every call ends with the kernel: all of the source is well-formed
-// and fits. The conversion object takes over from where the kernel stopped.
-template <class Conversion, class To, class From>
-int32_t convert_counted(To *destination, uint32_t size, const From *source, uint32_t count,
-                        uint32_t mode) {
+template <class Conversion, auto kWhole, class To, class From>
+int32_t convert_string(To *destination, uint32_t size, const From *source, uint32_t mode) {
   const Kernels &kernels = fastest_kernels();
-  Progress done = {0, 0};
-  if (destination != nullptr && size != 0) [[likely]] {
-    done = kernels.convert(source, count, destination, size - 1);
-    if (done.consumed == count && done.produced < kMaxResult) [[likely]] {
-      destination[done.produced] = 0;
-      return static_cast<int32_t>(done.produced + 1);
-    }
+  size_t length = piece_length(source);
+  if (length < kPiece) {
+    return (kernels.*kWhole)(destination, size, source, static_cast<uint32_t>(length), mode);
   }
   Conversion conversion(&kernels, destination, size, mode);
-  conversion.skip(done);
-  conversion.feed(source + done.consumed, count - done.consumed);
+  while (conversion.feed(source, length) && length == kPiece) {
+    source += length;
+    length = piece_length(source);
+  }
   return conversion.finish();
 }
 
-// Feeds a conversion with a terminated string.
-template <class Conversion, class Element>
-int32_t convert_string(Conversion conversion, const Element *source) {
-  for (;;) {
-    const size_t length = piece_length(source);
-    if (!conversion.feed(source, length) || length < kPiece) break;
-    source += length;
-  }
-  return conversion.finish();
+int32_t convert_string(char *destination, uint32_t size, const psp_wchar *source, uint32_t mode) {
+  return convert_string<ToUtf8, &Kernels::whole_to_utf8>(destination, size, source, mode);
+}
+
+int32_t convert_string(psp_wchar *destination, uint32_t size, const char *source, uint32_t mode) {
+  return convert_string<ToWide, &Kernels::whole_to_wide>(destination, size, source, mode);
 }
 
 // The string in a block of the exact size, or null.
-template <class Conversion, class To, class From>
+template <class To, class From>
 To *convert_to_new(const From *source, uint32_t mode) {
-  const Kernels *kernels = &fastest_kernels();
-  const int32_t length = convert_string(Conversion(kernels, nullptr, 0, mode), source);
+  To *result = nullptr;
+  const int32_t length = convert_string(result, 0, source, mode);
   size_t bytes;
   if (length < 0 || !checked_multiply(static_cast<size_t>(length), sizeof(To), &bytes)) {
     return nullptr;
   }
-  auto *result =
-      static_cast<To *>(psp_getMem(bytes, nullptr, PSP_MEM_ALLOC, nullptr, kSource, __LINE__));
+  result = static_cast<To *>(psp_getMem(bytes, nullptr, PSP_MEM_ALLOC, nullptr, kSource, __LINE__));
   if (result == nullptr) return nullptr;
-  const Conversion conversion(kernels, result, static_cast<uint32_t>(length), mode);
-  if (convert_string(conversion, source) < 0) {  // somebody changed the source meanwhile
-    psp_freeMem(result, nullptr);
+  if (convert_string(result, static_cast<uint32_t>(length), source, mode) < 0) {
+    psp_freeMem(result, nullptr);  // somebody has changed the source meanwhile
     return nullptr;
   }
   return result;
-}
-
-char *convert_to_new_utf8(const psp_wchar *source, uint32_t mode) {
-  return convert_to_new<ToUtf8, char>(source, mode);
 }
 
 // ---- Argument vectors ---------------------------------------------------------------------------
@@ -155,7 +143,7 @@ psp_status convert_arguments(int32_t count, psp_wchar *const *arguments, char **
   if (strings == nullptr) return PSP_FAILED;
   for (size_t i = 0; i < entries; ++i) {
     if (arguments[i] == nullptr) continue;
-    strings[i] = convert_to_new_utf8(arguments[i], PSP_UTF8_STRICT);
+    strings[i] = convert_to_new<char>(arguments[i], PSP_UTF8_STRICT);
     if (strings[i] == nullptr) {
       release_strings(strings, i);
       *result = nullptr;
@@ -169,37 +157,36 @@ psp_status convert_arguments(int32_t count, psp_wchar *const *arguments, char **
 }  // namespace
 }  // namespace psp::text
 
+using psp::text::convert_string;
+using psp::text::convert_to_new;
 using psp::text::fastest_kernels;
-using psp::text::ToUtf8;
-using psp::text::ToWide;
 
 int32_t psp_wchar_to_utf8(char *destination, const psp_wchar *source, uint32_t size,
                           uint32_t mode) {
-  return psp::text::convert_string(ToUtf8(&fastest_kernels(), destination, size, mode), source);
+  return convert_string(destination, size, source, mode);
 }
 
 int32_t psp_wchar_to_utf8_len(char *destination, uint32_t size, const psp_wchar *source,
                               uint32_t count, uint32_t mode) {
-  return psp::text::convert_counted<ToUtf8>(destination, size, source, count, mode);
+  return fastest_kernels().whole_to_utf8(destination, size, source, count, mode);
 }
 
 int32_t psp_utf8_to_wchar(psp_wchar *destination, const char *source, uint32_t size,
                           uint32_t mode) {
-  return psp::text::convert_string(ToWide(&fastest_kernels(), destination, size, mode), source);
+  return convert_string(destination, size, source, mode);
 }
 
 int32_t psp_utf8_to_wchar_len(psp_wchar *destination, uint32_t size, const char *source,
                               uint32_t count, uint32_t mode) {
-  return psp::text::convert_counted<ToWide>(destination, size, source, count, mode);
+  return fastest_kernels().whole_to_wide(destination, size, source, count, mode);
 }
 
 char *psp_convertToUTF8(const psp_wchar *source, uint32_t mode) {
-  return psp::core::exported_call([&] { return psp::text::convert_to_new_utf8(source, mode); });
+  return psp::core::exported_call([&] { return convert_to_new<char>(source, mode); });
 }
 
 psp_wchar *psp_convertToWchar(const char *source, uint32_t mode) {
-  return psp::core::exported_call(
-      [&] { return psp::text::convert_to_new<ToWide, psp_wchar>(source, mode); });
+  return psp::core::exported_call([&] { return convert_to_new<psp_wchar>(source, mode); });
 }
 
 psp_status psp_convertArgvToUTF8(int32_t count, psp_wchar *const *arguments, char ***result) {

@@ -1,10 +1,11 @@
 // Kernels for x86-64 processors with AVX-512 and its byte instructions VBMI and VBMI2.
 //
 // The source is taken in windows of one vector. What is known of a window is kept in masks of one
-// bit for each element; the compress instructions close the gaps between results. Branches depend
-// on the text only where it is pure ASCII or stays below U+0800, so that text of mixed scripts is
-// no slower than uniform text. Masked loads and stores take the ends of source and destination in
-// the same way, so a short text is one window and nothing else.
+// bit for each element; the compress instructions close the gaps between results. In long texts,
+// branches depend on the text only where it is pure ASCII or stays below U+0800, so that mixed
+// scripts cost little more than one. Masked loads and stores take the ends of source and
+// destination in the same way, so a short text is one window and nothing else.
+#include "text/utf8_engine.h"
 #include "text/utf8_kernels.h"
 
 #if defined(PSP_UTF8_AVX512)
@@ -21,7 +22,7 @@
 #include <bit>
 #include <limits>
 
-#include "text/utf8_faults.h"
+#include "text/utf8_vectors.h"
 
 #define PSP_TARGET_AVX512 \
   __attribute__((target("avx512f,avx512bw,avx512vl,avx512vbmi,avx512vbmi2,avx2,bmi,bmi2,popcnt")))
@@ -70,15 +71,6 @@ constexpr PSP_TARGET_AVX512 __m512i all16(uint16_t value) {
   return vector_of(words);
 }
 
-// GCC 12 makes vectors of equal lanes from a general register, anew in every turn of a loop. Behind
-// a reference that it cannot see through, constants are plain operands in memory.
-template <class Constants>
-inline const Constants &hidden(const Constants &constants) {
-  const Constants *pointer = &constants;
-  __asm__("" : "+r"(pointer));
-  return *pointer;
-}
-
 // Masks of the first count elements, up to all of a vector.
 PSP_PART_AVX512 uint64_t first64(size_t count) {
   return _bzhi_u64(~uint64_t{0}, static_cast<uint32_t>(count));
@@ -97,22 +89,13 @@ PSP_PART_AVX512 __m256i lower(__m512i value) { return _mm512_castsi512_si256(val
 
 PSP_PART_AVX512 __m256i upper(__m512i value) { return _mm512_extracti64x4_epi64(value, 1); }
 
-// Store the first count elements of a vector; with room for a whole one, whatever follows them is
-// stored too.
-PSP_PART_AVX512 void store_units(psp_wchar *to, __m512i units, size_t count, size_t room) {
-  if (room >= kVectorUnits) [[likely]] {
-    _mm512_storeu_si512(to, units);
-  } else {
-    _mm512_mask_storeu_epi16(to, first32(count), units);
-  }
+// Store the first count elements of a vector, and nothing else.
+PSP_PART_AVX512 void store_units(psp_wchar *to, __m512i units, size_t count) {
+  _mm512_mask_storeu_epi16(to, first32(count), units);
 }
 
-PSP_PART_AVX512 void store_bytes(char *to, __m512i bytes, size_t count, size_t room) {
-  if (room >= kVectorBytes) [[likely]] {
-    _mm512_storeu_si512(to, bytes);
-  } else {
-    _mm512_mask_storeu_epi8(to, first64(count), bytes);
-  }
+PSP_PART_AVX512 void store_bytes(char *to, __m512i bytes, size_t count) {
+  _mm512_mask_storeu_epi8(to, first64(count), bytes);
 }
 
 // ---- UTF-8 to wide ------------------------------------------------------------------------------
@@ -131,7 +114,7 @@ struct WideConstants {
   __m512i lower_nibble = all8(0x0F);
   __m512i first_upper, first_lower, second_upper;  // by nibble, in each lane of 16 bytes
   __m512i below_lead3 = all8(kBelowLead3), below_lead4 = all8(kBelowLead4);
-  __m512i top_bit = all8(0x80);
+  __m512i top_bit = all8(kTwoContinuations);
   __m512i ef = all8(0xEF), bf = all8(0xBF), be = all8(0xBE);
   __m512i leads = all8(0xC0), lead3 = all8(0xE0), lead4 = all8(0xF0);
   __m512i pairs[2], next_two[2];
@@ -178,28 +161,43 @@ constexpr PSP_TARGET_AVX512 WideConstants make_wide_constants() {
 
 constexpr WideConstants kWideConstants = make_wide_constants();
 
+// For each byte those 1, 2 and 3 places before it.
+struct Before {
+  __m512i one, two, three;
+};
+
+PSP_PART_AVX512 Before nothing_before(__m512i bytes) {
+  const __m512i lane_before = _mm512_alignr_epi64(bytes, _mm512_setzero_si512(), 6);
+  return {_mm512_alignr_epi8(bytes, lane_before, 15), _mm512_alignr_epi8(bytes, lane_before, 14),
+          _mm512_alignr_epi8(bytes, lane_before, 13)};
+}
+
+PSP_PART_AVX512 Before loaded_before(const char *at) {
+  return {_mm512_loadu_si512(at - 1), _mm512_loadu_si512(at - 2), _mm512_loadu_si512(at - 3)};
+}
+
 PSP_PART_AVX512 __m512i upper_nibbles(__m512i bytes, const WideConstants &c) {
   return _mm512_and_si512(_mm512_srli_epi16(bytes, 4), c.lower_nibble);
 }
 
-// Bytes that cannot stand behind the three before them. Besides the faults of pairs: continuations
-// that are the third or fourth byte of nothing, or are not where they should be, and the
-// noncharacters EF BF BE and EF BF BF.
-PSP_PART_AVX512 uint64_t faults(__m512i bytes, __m512i before1, __m512i before2, __m512i before3,
-                                const WideConstants &c) {
+// Whether some bytes cannot stand behind the three before them. Besides the faults of pairs:
+// continuations that are the third or fourth byte of nothing, or are not where they should be, and
+// the noncharacters EF BF BE and EF BF BF.
+PSP_PART_AVX512 bool has_faults(__m512i bytes, const Before &before, const WideConstants &c) {
   constexpr int kAllThree = 0x80;
   constexpr int kFirstOrSecondAndThird = 0xA8;
   const __m512i pairs = _mm512_ternarylogic_epi64(
-      _mm512_shuffle_epi8(c.first_upper, upper_nibbles(before1, c)),
-      _mm512_shuffle_epi8(c.first_lower, _mm512_and_si512(before1, c.lower_nibble)),
+      _mm512_shuffle_epi8(c.first_upper, upper_nibbles(before.one, c)),
+      _mm512_shuffle_epi8(c.first_lower, _mm512_and_si512(before.one, c.lower_nibble)),
       _mm512_shuffle_epi8(c.second_upper, upper_nibbles(bytes, c)), kAllThree);
   const __m512i two_continuations = _mm512_ternarylogic_epi64(
-      _mm512_subs_epu8(before2, c.below_lead3), _mm512_subs_epu8(before3, c.below_lead4), c.top_bit,
-      kFirstOrSecondAndThird);
-  uint64_t noncharacters = _mm512_cmpeq_epi8_mask(before2, c.ef);
-  noncharacters = _mm512_mask_cmpeq_epi8_mask(noncharacters, before1, c.bf);
+      _mm512_subs_epu8(before.two, c.below_lead3), _mm512_subs_epu8(before.three, c.below_lead4),
+      c.top_bit, kFirstOrSecondAndThird);
+  __mmask64 noncharacters = _mm512_cmpeq_epi8_mask(before.two, c.ef);
+  noncharacters = _mm512_mask_cmpeq_epi8_mask(noncharacters, before.one, c.bf);
   noncharacters = _mm512_mask_cmpge_epu8_mask(noncharacters, bytes, c.be);
-  return _mm512_cmpneq_epi8_mask(pairs, two_continuations) | noncharacters;
+  const __mmask64 misplaced = _mm512_cmpneq_epi8_mask(pairs, two_continuations);
+  return _kortestz_mask64_u8(misplaced, noncharacters) == 0;
 }
 
 // Characters below U+0800: in one half of the window, each byte with the next one.
@@ -235,23 +233,25 @@ PSP_PART_AVX512 __m512i units_to_10ffff(__m512i bytes, uint64_t continuations,
 // for others the continuations.
 template <bool kTo7ff>
 PSP_PART_AVX512 void store_given(__m512i bytes, uint64_t marked, uint64_t given, size_t count,
-                                 psp_wchar *destination, size_t room, const WideConstants &c) {
+                                 psp_wchar *destination, const WideConstants &c) {
   const uint32_t low = static_cast<uint32_t>(given);
   const uint32_t high = static_cast<uint32_t>(given >> kVectorUnits);
-  const size_t low_count = count_of(low);
   const __m512i low_units =
       kTo7ff ? units_to_7ff<0>(bytes, marked, c) : units_to_10ffff<0>(bytes, marked, c);
-  store_units(destination, _mm512_maskz_compress_epi16(low, low_units), low_count, room);
-  if (count == low_count) return;
+  const __m512i low_given = _mm512_maskz_compress_epi16(low, low_units);
+  if (high == 0) return store_units(destination, low_given, count);
+  const size_t low_count = count_of(low);
+  store_units(destination, low_given, low_count);
   const __m512i high_units =
       kTo7ff ? units_to_7ff<1>(bytes, marked, c) : units_to_10ffff<1>(bytes, marked, c);
   store_units(destination + low_count, _mm512_maskz_compress_epi16(high, high_units),
-              count - low_count, room - low_count);
+              count - low_count);
 }
 
 // Gives the characters that start at starts, which are known to be right, and tells how many units
-// they are. False, with nothing stored, when they do not fit.
-template <bool kStore>
+// they are. False, with nothing stored, when they do not fit. With kMixed no branch is made between
+// text with characters above U+FFFF and without.
+template <bool kStore, bool kMixed>
 PSP_PART_AVX512 bool give_units(__m512i bytes, uint64_t starts, psp_wchar *destination, size_t room,
                                 size_t *count, const WideConstants &c) {
   const uint64_t no_continuations = _mm512_mask_cmpge_epi8_mask(starts, bytes, c.leads);
@@ -260,39 +260,35 @@ PSP_PART_AVX512 bool give_units(__m512i bytes, uint64_t starts, psp_wchar *desti
     if (room < *count) return false;
     if constexpr (kStore) {
       const uint64_t leads = _mm512_cmpge_epu8_mask(bytes, c.leads);
-      store_given<true>(bytes, leads, no_continuations, *count, destination, room, c);
+      store_given<true>(bytes, leads, no_continuations, *count, destination, c);
     }
     return true;
   }
-  const uint64_t seconds_of_four = _mm512_mask_cmpge_epu8_mask(starts, bytes, c.lead4) << 1;
-  const uint64_t given = no_continuations | seconds_of_four;
+  if (!kMixed && _mm512_cmpge_epu8_mask(bytes, c.lead4) == 0) {
+    *count = count_of(no_continuations);
+    if (room < *count) return false;
+    if constexpr (kStore) store_given<false>(bytes, 0, no_continuations, *count, destination, c);
+    return true;
+  }
+  const __mmask64 leads_of_four = _mm512_mask_cmpge_epu8_mask(starts, bytes, c.lead4);
+  const uint64_t given = _kor_mask64(no_continuations, _kshiftli_mask64(leads_of_four, 1));
   *count = count_of(given);
   if (room < *count) return false;
   if constexpr (kStore) {
     const uint64_t continuations = _mm512_cmplt_epi8_mask(bytes, c.leads);
-    store_given<false>(bytes, continuations, given, *count, destination, room, c);
+    store_given<false>(bytes, continuations, given, *count, destination, c);
   }
   return true;
 }
 
-PSP_PART_AVX512 void store_ascii(__m512i bytes, size_t count, psp_wchar *destination, size_t room) {
-  store_units(destination, _mm512_cvtepu8_epi16(lower(bytes)), count, room);
+PSP_PART_AVX512 void store_ascii(__m512i bytes, size_t count, psp_wchar *destination) {
+  store_units(destination, _mm512_cvtepu8_epi16(lower(bytes)), std::min(count, kVectorUnits));
   if (count <= kVectorUnits) return;
-  store_units(destination + kVectorUnits, _mm512_cvtepu8_epi16(upper(bytes)), count - kVectorUnits,
-              room - kVectorUnits);
+  store_units(destination + kVectorUnits, _mm512_cvtepu8_epi16(upper(bytes)), count - kVectorUnits);
 }
 
-// Bytes at the end that begin a character and are too few for it.
-inline size_t cut_off(const char *source, size_t length) {
-  const auto from_end = [=](size_t i) { return static_cast<uint8_t>(source[length - i]); };
-  if (length >= 1 && from_end(1) >= 0xC0) return 1;
-  if (length >= 2 && from_end(2) >= 0xE0) return 2;
-  if (length >= 3 && from_end(3) >= 0xF0) return 3;
-  return 0;
-}
-
-// At most 64 bytes, which start with a character. All of it or nothing, but for a character cut off
-// at the end.
+// A whole text of less than 64 bytes, or nothing. The zeros behind it show a character cut off at
+// its end as a fault.
 template <bool kStore>
 PSP_PART_AVX512 Progress to_wide_at_once(const char *source, size_t length, psp_wchar *destination,
                                          size_t room) {
@@ -301,45 +297,40 @@ PSP_PART_AVX512 Progress to_wide_at_once(const char *source, size_t length, psp_
   const __m512i bytes = _mm512_maskz_loadu_epi8(present, source);
   if (_mm512_movepi8_mask(bytes) == 0) {
     if (room < length) return {0, 0};
-    if constexpr (kStore) store_ascii(bytes, length, destination, room);
+    if constexpr (kStore) store_ascii(bytes, length, destination);
     return {length, length};
   }
-  const __m512i lane_before = _mm512_alignr_epi64(bytes, _mm512_setzero_si512(), 6);
-  const __m512i before1 = _mm512_alignr_epi8(bytes, lane_before, 15);
-  const __m512i before2 = _mm512_alignr_epi8(bytes, lane_before, 14);
-  const __m512i before3 = _mm512_alignr_epi8(bytes, lane_before, 13);
-  if ((faults(bytes, before1, before2, before3, c) & present) != 0) return {0, 0};
-  const size_t whole = length - cut_off(source, length);
+  if (has_faults(bytes, nothing_before(bytes), c)) return {0, 0};
   size_t count;
-  if (!give_units<kStore>(bytes, first64(whole), destination, room, &count, c)) return {0, 0};
-  return {whole, count};
+  if (!give_units<kStore, false>(bytes, present, destination, room, &count, c)) return {0, 0};
+  return {length, count};
 }
 
-// Windows behind the first, which is given at once; what is left is one window or less, unless the
-// text is not right.
+// Windows, but for what to_wide_at_once can do; less, when the text is not right. Only the first
+// window has nothing before it.
 template <bool kStore>
 PSP_LONG_AVX512 Progress to_wide_windows(const char *source, size_t length, psp_wchar *destination,
                                          size_t room) {
-  const WideConstants c = hidden(kWideConstants);
-  const Progress first = to_wide_at_once<kStore>(source, kVectorBytes, destination, room);
-  size_t in = first.consumed;
-  size_t out = first.produced;
+  WideConstants c = hidden(kWideConstants);
+  size_t in = 0;
+  size_t out = 0;
   size_t given_beyond = 0;  // bytes from here on that may belong to a character given already
-  while (in != 0 && length - in > kVectorBytes) {
+  while (length - in >= kVectorBytes) {
     const char *at = source + in;
     const __m512i bytes = _mm512_loadu_si512(at);
     if (_mm512_movepi8_mask(bytes) == 0) {
       if (room - out < kVectorBytes) break;
-      if constexpr (kStore) store_ascii(bytes, kVectorBytes, destination + out, room - out);
+      if constexpr (kStore) store_ascii(bytes, kVectorBytes, destination + out);
       in += kVectorBytes;
       out += kVectorBytes;
       given_beyond = 0;
       continue;
     }
     size_t count;
-    if (faults(bytes, _mm512_loadu_si512(at - 1), _mm512_loadu_si512(at - 2),
-               _mm512_loadu_si512(at - 3), c) != 0 ||
-        !give_units<kStore>(bytes, kAllStarts, destination + out, room - out, &count, c)) {
+    const Before before = in == 0 ? nothing_before(bytes) : loaded_before(at);
+    if (has_faults(bytes, before, c) ||
+        !give_units<kStore, true>(bytes, kAllStarts, place<kStore>(destination, out), room - out,
+                                  &count, c)) {
       break;
     }
     in += kStride;
@@ -351,28 +342,21 @@ PSP_LONG_AVX512 Progress to_wide_windows(const char *source, size_t length, psp_
 }
 
 template <bool kStore>
-PSP_LONG_AVX512 Progress to_wide_rest(const char *source, size_t length, psp_wchar *destination,
-                                      size_t room) {
-  return kStore ? kBaseKernels.to_wide(source, length, destination, room)
-                : kBaseKernels.measure_wide(source, length);
-}
-
-template <bool kStore>
 PSP_TARGET_AVX512 Progress to_wide(const char *source, size_t length, psp_wchar *destination,
                                    size_t room) {
   Progress done = {0, 0};
   const auto add = [&done](Progress more) {
     done = {done.consumed + more.consumed, done.produced + more.produced};
   };
-  if (length > kVectorBytes) done = to_wide_windows<kStore>(source, length, destination, room);
-  if (length - done.consumed <= kVectorBytes) {
+  if (length >= kVectorBytes) done = to_wide_windows<kStore>(source, length, destination, room);
+  if (length - done.consumed < kVectorBytes) {
     add(to_wide_at_once<kStore>(source + done.consumed, length - done.consumed,
-                                destination + done.produced, room - done.produced));
+                                place<kStore>(destination, done.produced), room - done.produced));
   }
-  if (done.consumed != length) [[unlikely]] {
-    add(to_wide_rest<kStore>(source + done.consumed, length - done.consumed,
-                             destination + done.produced, room - done.produced));
-  }
+  if (done.consumed == length) return done;
+  add(kStore ? kBaseKernels.to_wide(source + done.consumed, length - done.consumed,
+                                    place<kStore>(destination, done.produced), room - done.produced)
+             : kBaseKernels.measure_wide(source + done.consumed, length - done.consumed));
   return done;
 }
 
@@ -388,7 +372,8 @@ PSP_TARGET_AVX512 Progress measure_wide(const char *source, size_t length) {
 // own 10 after the 2 that its partner has left (10xxxxxx 10xxxxxx).
 struct Utf8Constants {
   __m512i two = all16(0x80), three = all16(0x800);
-  __m512i six_bits = all16(0xFC00), high = all16(0xD800), low = all16(0xDC00);
+  __m512i five_bits = all16(0xF800), six_bits = all16(0xFC00);
+  __m512i high = all16(0xD800), low = all16(0xDC00);
   __m512i high_base = all16(0xD800 - (0x10000 >> 10));
   __m512i middle = all16(0x3F00), last = all16(0x3F);
   __m512i marks2 = all16(0xC000), marks3 = all16(0x80E0), marks_high = all16(0xF000);
@@ -406,7 +391,7 @@ constexpr PSP_TARGET_AVX512 __m512i groups_from(size_t start) {
 
 constexpr Utf8Constants kUtf8Constants = {.groups = {groups_from(0), groups_from(16)}};
 
-// The units of a window with surrogates made ready; bit i is unit i.
+// The units of a window made ready; bit i is unit i.
 struct Prepared {
   __m512i value;   // the bits for lead, middle and last
   __m512i marks;   // for lead and middle
@@ -414,7 +399,33 @@ struct Prepared {
   uint32_t three;  // of 3 bytes
 };
 
-PSP_PART_AVX512 void store_prepared(const Prepared &p, size_t count, char *destination, size_t room,
+PSP_PART_AVX512 Prepared prepared(__m512i units, uint32_t two, uint32_t three,
+                                  const Utf8Constants &c) {
+  return {units, _mm512_mask_mov_epi16(c.marks2, three, c.marks3), two, three};
+}
+
+PSP_PART_AVX512 Prepared prepared_surrogates(__m512i units, uint32_t two, uint32_t three,
+                                             uint32_t high, uint32_t low, const Utf8Constants &c) {
+  const __m512i lane_before = _mm512_alignr_epi64(units, _mm512_setzero_si512(), 6);
+  const __m512i before = _mm512_alignr_epi8(units, lane_before, 14);
+  Prepared p = prepared(units, two, three, c);
+  p.value = _mm512_mask_srli_epi16(units, high, _mm512_sub_epi16(units, c.high_base), 2);
+  p.value = _mm512_mask_shldi_epi16(p.value, low, before, _mm512_slli_epi16(units, 6), 10);
+  p.marks = _mm512_mask_mov_epi16(p.marks, high, c.marks_high);
+  p.marks = _mm512_mask_mov_epi16(p.marks, low, c.marks_low);
+  return p;
+}
+
+// The bytes of 16 groups of {lead, middle, last, nothing} that are used.
+PSP_PART_AVX512 uint64_t kept(uint32_t two, uint32_t three) {
+  constexpr uint64_t kLeads = 0x1111111111111111;
+  constexpr uint64_t kMiddles = 0x2222222222222222;
+  constexpr uint64_t kLasts = 0x4444444444444444;
+  return _pdep_u64(three, kLeads) | _pdep_u64(two, kMiddles) | kLasts;
+}
+
+// Stores the bytes of the first here units, which are count.
+PSP_PART_AVX512 void store_prepared(const Prepared &p, size_t here, size_t count, char *destination,
                                     const Utf8Constants &c) {
   constexpr int kFirstAndSecondOrThird = 0xEA;
   const __m512i lead_middle_bits =
@@ -424,43 +435,41 @@ PSP_PART_AVX512 void store_prepared(const Prepared &p, size_t count, char *desti
   const __m512i last =
       _mm512_mask_add_epi16(p.value, p.two, _mm512_and_si512(p.value, c.last), c.mark_last);
   // Groups of {lead, middle, last, nothing}, 16 in each half.
-  constexpr uint64_t kLeads = 0x1111111111111111;
-  constexpr uint64_t kMiddles = 0x2222222222222222;
-  constexpr uint64_t kLasts = 0x4444444444444444;
-  const auto kept = [&p](int first) PSP_TARGET_AVX512 {
-    return _pdep_u64(p.three >> first, kLeads) | _pdep_u64(p.two >> first, kMiddles) | kLasts;
-  };
+  constexpr size_t kHalf = kVectorUnits / 2;
+  const uint64_t kept0 = kept(p.two, p.three);
   const __m512i groups0 = _mm512_permutex2var_epi16(lead_middle, c.groups[0], last);
-  const uint64_t kept0 = kept(0);
-  const size_t count0 = std::min(count_of(kept0), count);
-  store_bytes(destination, _mm512_maskz_compress_epi8(kept0, groups0), count0, room);
-  if (count == count0) return;
+  const __m512i bytes0 = _mm512_maskz_compress_epi8(kept0, groups0);
+  if (here <= kHalf) return store_bytes(destination, bytes0, count);
+  const size_t count0 = std::min(count, count_of(kept0));
+  store_bytes(destination, bytes0, count0);
   const __m512i groups1 = _mm512_permutex2var_epi16(lead_middle, c.groups[1], last);
-  store_bytes(destination + count0, _mm512_maskz_compress_epi8(kept(16), groups1), count - count0,
-              room - count0);
+  const __m512i bytes1 =
+      _mm512_maskz_compress_epi8(kept(p.two >> kHalf, p.three >> kHalf), groups1);
+  store_bytes(destination + count0, bytes1, count - count0);
 }
 
 // Units below 0x800 give {lead, last}, or themselves.
 PSP_PART_AVX512 void store_to_7ff(__m512i units, uint32_t two, size_t count, char *destination,
-                                  size_t room, const Utf8Constants &c) {
+                                  const Utf8Constants &c) {
   constexpr int kFirstAndSecondOrThird = 0xEA;
   const __m512i bits = _mm512_ternarylogic_epi64(
       _mm512_slli_epi16(units, 8), c.middle, _mm512_srli_epi16(units, 6), kFirstAndSecondOrThird);
   const __m512i pairs = _mm512_mask_add_epi16(units, two, bits, c.marks_pair);
-  const uint64_t kept = _pdep_u64(two, 0xAAAAAAAAAAAAAAAA) | 0x5555555555555555;
-  store_bytes(destination, _mm512_maskz_compress_epi8(kept, pairs), count, room);
+  const uint64_t used = _pdep_u64(two, 0xAAAAAAAAAAAAAAAA) | 0x5555555555555555;
+  store_bytes(destination, _mm512_maskz_compress_epi8(used, pairs), count);
 }
 
-// Takes the first units of a window, of which here are present and the others zero. None when there
-// is no room or a surrogate has no partner; all but the last when that is a high surrogate.
-template <bool kStore>
+// Takes the units of a window, of which here are present and the others zero. None when there is no
+// room or a surrogate has no partner. With kMixed, all but the last when that is a high surrogate,
+// and no branch is made between text with surrogates and without.
+template <bool kStore, bool kMixed>
 PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destination, size_t room,
                                     const Utf8Constants &c) {
   const uint32_t two = _mm512_cmpge_epu16_mask(units, c.two);
   if (two == 0) {
     if (room < here) return {0, 0};
     if constexpr (kStore) {
-      store_bytes(destination, _mm512_zextsi256_si512(_mm512_cvtepi16_epi8(units)), here, room);
+      store_bytes(destination, _mm512_zextsi256_si512(_mm512_cvtepi16_epi8(units)), here);
     }
     return {here, here};
   }
@@ -468,31 +477,30 @@ PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destinatio
   if (three_or_half == 0) {
     const size_t count = here + count_of(two);
     if (room < count) return {0, 0};
-    if constexpr (kStore) store_to_7ff(units, two, count, destination, room, c);
+    if constexpr (kStore) store_to_7ff(units, two, count, destination, c);
     return {here, count};
   }
-
+  const __m512i high5 = _mm512_and_si512(units, c.five_bits);
+  if (!kMixed && _mm512_cmpeq_epi16_mask(high5, c.high) == 0) {
+    const size_t count = here + count_of(two) + count_of(three_or_half);
+    if (room < count) return {0, 0};
+    if constexpr (kStore) {
+      store_prepared(prepared(units, two, three_or_half, c), here, count, destination, c);
+    }
+    return {here, count};
+  }
   const __m512i high6 = _mm512_and_si512(units, c.six_bits);
   const uint32_t high = _mm512_cmpeq_epi16_mask(high6, c.high);
   const uint32_t low = _mm512_cmpeq_epi16_mask(high6, c.low);
   const uint32_t three = three_or_half & ~(high | low);
-  const uint32_t cut = high & (uint32_t{1} << (here - 1));
-  if ((high ^ cut) << 1 != low) return {0, 0};
+  const uint32_t cut = kMixed ? high & (uint32_t{1} << (here - 1)) : 0;
+  if (uint64_t{high ^ cut} << 1 != low) return {0, 0};
   const size_t bytes = here + count_of(two) + count_of(three);
   const Progress done = cut == 0 ? Progress{here, bytes} : Progress{here - 1, bytes - 2};
   if (room < done.produced) return {0, 0};
   if constexpr (kStore) {
-    const __m512i lane_before = _mm512_alignr_epi64(units, _mm512_setzero_si512(), 6);
-    const __m512i before = _mm512_alignr_epi8(units, lane_before, 14);
-    Prepared p;
-    p.value = _mm512_mask_srli_epi16(units, high, _mm512_sub_epi16(units, c.high_base), 2);
-    p.value = _mm512_mask_shldi_epi16(p.value, low, before, _mm512_slli_epi16(units, 6), 10);
-    p.marks = _mm512_mask_mov_epi16(c.marks2, three, c.marks3);
-    p.marks = _mm512_mask_mov_epi16(p.marks, high, c.marks_high);
-    p.marks = _mm512_mask_mov_epi16(p.marks, low, c.marks_low);
-    p.two = two;
-    p.three = three;
-    store_prepared(p, done.produced, destination, room, c);
+    store_prepared(prepared_surrogates(units, two, three, high, low, c), here, done.produced,
+                   destination, c);
   }
   return done;
 }
@@ -501,12 +509,12 @@ PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destinatio
 template <bool kStore>
 PSP_LONG_AVX512 Progress to_utf8_windows(const psp_wchar *source, size_t length, char *destination,
                                          size_t room) {
-  const Utf8Constants c = hidden(kUtf8Constants);
+  Utf8Constants c = hidden(kUtf8Constants);
   size_t in = 0;
   size_t out = 0;
   while (length - in > kVectorUnits) {
-    const Progress done = take_units<kStore>(_mm512_loadu_si512(source + in), kVectorUnits,
-                                             destination + out, room - out, c);
+    const Progress done = take_units<kStore, true>(_mm512_loadu_si512(source + in), kVectorUnits,
+                                                   place<kStore>(destination, out), room - out, c);
     if (done.consumed == 0) break;
     out += done.produced;
     in += kVectorUnits;
@@ -516,19 +524,12 @@ PSP_LONG_AVX512 Progress to_utf8_windows(const psp_wchar *source, size_t length,
   return {in, out};
 }
 
-// The last window, or the only one: at most 32 units.
+// A whole text of at most 32 units, or nothing.
 template <bool kStore>
-PSP_PART_AVX512 Progress to_utf8_last(const psp_wchar *source, size_t length, char *destination,
-                                      size_t room) {
+PSP_PART_AVX512 Progress to_utf8_at_once(const psp_wchar *source, size_t length, char *destination,
+                                         size_t room) {
   const __m512i units = _mm512_maskz_loadu_epi16(first32(length), source);
-  return take_units<kStore>(units, length, destination, room, hidden(kUtf8Constants));
-}
-
-template <bool kStore>
-PSP_LONG_AVX512 Progress to_utf8_rest(const psp_wchar *source, size_t length, char *destination,
-                                      size_t room) {
-  return kStore ? kBaseKernels.to_utf8(source, length, destination, room)
-                : kBaseKernels.measure_utf8(source, length);
+  return take_units<kStore, false>(units, length, destination, room, hidden(kUtf8Constants));
 }
 
 template <bool kStore>
@@ -540,13 +541,13 @@ PSP_TARGET_AVX512 Progress to_utf8(const psp_wchar *source, size_t length, char 
   };
   if (length > kVectorUnits) done = to_utf8_windows<kStore>(source, length, destination, room);
   if (length - done.consumed <= kVectorUnits) {
-    add(to_utf8_last<kStore>(source + done.consumed, length - done.consumed,
-                             destination + done.produced, room - done.produced));
+    add(to_utf8_at_once<kStore>(source + done.consumed, length - done.consumed,
+                                place<kStore>(destination, done.produced), room - done.produced));
   }
-  if (done.consumed != length) [[unlikely]] {
-    add(to_utf8_rest<kStore>(source + done.consumed, length - done.consumed,
-                             destination + done.produced, room - done.produced));
-  }
+  if (done.consumed == length) return done;
+  add(kStore ? kBaseKernels.to_utf8(source + done.consumed, length - done.consumed,
+                                    place<kStore>(destination, done.produced), room - done.produced)
+             : kBaseKernels.measure_utf8(source + done.consumed, length - done.consumed));
   return done;
 }
 
@@ -554,10 +555,39 @@ PSP_TARGET_AVX512 Progress measure_utf8(const psp_wchar *source, size_t length) 
   return to_utf8<false>(source, length, nullptr, kNoLimit);
 }
 
+// ---- Whole conversions --------------------------------------------------------------------------
+
+// Short texts at once, in functions that call nothing: half of their time would be spent on saving
+// registers. What is out of the ordinary starts anew.
+
+PSP_TARGET_AVX512 int32_t whole_to_wide(psp_wchar *destination, uint32_t size, const char *source,
+                                        uint32_t count, uint32_t mode) {
+  if (count < kVectorBytes && destination != nullptr && size != 0) {
+    const Progress done = to_wide_at_once<true>(source, count, destination, size - 1);
+    if (done.consumed == count) {
+      destination[done.produced] = 0;
+      return static_cast<int32_t>(done.produced + 1);
+    }
+  }
+  return convert(kAvx512Kernels, destination, size, source, count, mode);
+}
+
+PSP_TARGET_AVX512 int32_t whole_to_utf8(char *destination, uint32_t size, const psp_wchar *source,
+                                        uint32_t count, uint32_t mode) {
+  if (count <= kVectorUnits && destination != nullptr && size != 0) {
+    const Progress done = to_utf8_at_once<true>(source, count, destination, size - 1);
+    if (done.consumed == count) {
+      destination[done.produced] = 0;
+      return static_cast<int32_t>(done.produced + 1);
+    }
+  }
+  return convert(kAvx512Kernels, destination, size, source, count, mode);
+}
+
 }  // namespace
 
-constinit const Kernels kAvx512Kernels = {"avx512", to_wide<true>, measure_wide, to_utf8<true>,
-                                          measure_utf8};
+constinit const Kernels kAvx512Kernels = {"avx512",     to_wide<true>, measure_wide, to_utf8<true>,
+                                          measure_utf8, whole_to_wide, whole_to_utf8};
 
 }  // namespace psp::text
 

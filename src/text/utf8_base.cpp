@@ -12,6 +12,7 @@
 #include <limits>
 
 #include "text/utf8.h"
+#include "text/utf8_engine.h"
 #include "text/utf8_kernels.h"
 
 #if defined(__SSE2__)
@@ -84,35 +85,13 @@ void narrow_block(const psp_wchar *units, char *bytes) {
 
 // ---- UTF-8 to wide ------------------------------------------------------------------------------
 
-struct Character {
-  uint32_t code_point;
-  uint32_t length;  // bytes; 0: none that is whole and well-formed
-};
-
-// The character that starts with a byte of 0x80 or more.
-inline Character decode(const uint8_t *bytes, size_t available) {
-  const uint32_t first = bytes[0];
-  const auto is_continuation = [bytes](size_t i) { return (bytes[i] & 0xC0) == 0x80; };
-  const auto bits = [bytes](size_t i) { return uint32_t{bytes[i]} & 0x3F; };
-  if (first < 0xE0) {
-    if (first < 0xC2 || available < 2 || !is_continuation(1)) return {0, 0};
-    return {(first & 0x1F) << 6 | bits(1), 2};
-  }
-  if (first < 0xF0) {
-    if (available < 3 || !is_continuation(1) || !is_continuation(2)) return {0, 0};
-    const uint32_t value = (first & 0x0F) << 12 | bits(1) << 6 | bits(2);
-    const bool valid = value >= 0x800 && (value & 0xF800) != 0xD800 && value < 0xFFFE;
-    return {value, valid ? 3u : 0u};
-  }
-  if (available < 4 || !is_continuation(1) || !is_continuation(2) || !is_continuation(3)) {
-    return {0, 0};
-  }
-  const uint32_t value = (first - 0xF0) << 18 | bits(1) << 12 | bits(2) << 6 | bits(3);
-  return {value, value >= 0x10000 && value < kCodePointEnd ? 4u : 0u};
-}
-
+// Each length of a character has its own exit, so that the next character's place hangs on the
+// prediction of a branch and not on this character's value.
 template <bool kStore>
 Progress to_wide(const char *source, size_t length, psp_wchar *destination, size_t room) {
+  const auto byte_at = [source](size_t i) { return uint32_t{static_cast<uint8_t>(source[i])}; };
+  // The payload of a continuation; 0x40 and more for any other byte.
+  const auto six_bits_at = [&byte_at](size_t i) { return byte_at(i) ^ 0x80; };
   size_t in = 0;
   size_t out = 0;
   while (in < length) {
@@ -124,20 +103,46 @@ Progress to_wide(const char *source, size_t length, psp_wchar *destination, size
     }
     for (const size_t block_end = in + std::min(kBlock, length - in); in < block_end;) {
       if (room - out < 2) return {in, out};
-      const auto *bytes = reinterpret_cast<const uint8_t *>(source + in);
-      Character character{bytes[0], 1};
-      if (bytes[0] >= 0x80) character = decode(bytes, length - in);
-      if (character.length == 0) return {in, out};
-      in += character.length;
-      const uint32_t value = character.code_point;
-      if (value < 0x10000) {
+      const uint32_t first = byte_at(in);
+      if (first < 0x80) {
+        if constexpr (kStore) destination[out] = static_cast<psp_wchar>(first);
+        in += 1;
+        out += 1;
+      } else if (first < 0xE0) {
+        if (first < 0xC2 || length - in < 2) return {in, out};
+        const uint32_t second = six_bits_at(in + 1);
+        if (second >= 0x40) return {in, out};
+        if constexpr (kStore) {
+          destination[out] = static_cast<psp_wchar>((first & 0x1F) << 6 | second);
+        }
+        in += 2;
+        out += 1;
+      } else if (first < 0xF0) {
+        if (length - in < 3) return {in, out};
+        const uint32_t second = six_bits_at(in + 1);
+        const uint32_t third = six_bits_at(in + 2);
+        const uint32_t value = (first & 0x0F) << 12 | second << 6 | third;
+        if ((second | third) >= 0x40 || value < 0x800 || (value & 0xF800) == 0xD800 ||
+            value >= 0xFFFE) {
+          return {in, out};
+        }
         if constexpr (kStore) destination[out] = static_cast<psp_wchar>(value);
+        in += 3;
         out += 1;
       } else {
+        if (length - in < 4) return {in, out};
+        const uint32_t second = six_bits_at(in + 1);
+        const uint32_t third = six_bits_at(in + 2);
+        const uint32_t fourth = six_bits_at(in + 3);
+        const uint32_t value = (first - 0xF0) << 18 | second << 12 | third << 6 | fourth;
+        if ((second | third | fourth) >= 0x40 || value < 0x10000 || value >= kCodePointEnd) {
+          return {in, out};
+        }
         if constexpr (kStore) {
           destination[out] = static_cast<psp_wchar>(0xD7C0 + (value >> 10));
           destination[out + 1] = static_cast<psp_wchar>(0xDC00 | (value & 0x3FF));
         }
+        in += 4;
         out += 2;
       }
     }
@@ -151,14 +156,15 @@ Progress measure_wide(const char *source, size_t length) {
 
 // ---- Wide to UTF-8 ------------------------------------------------------------------------------
 
-// The character at units. Length is in units, 0 for a surrogate without its partner.
-inline Character decode(const psp_wchar *units, size_t available) {
-  const uint32_t first = units[0];
-  if ((first & 0xF800) != 0xD800) return {first, 1};
-  if (first >= 0xDC00 || available < 2) return {0, 0};
-  const uint32_t second = units[1];
-  if ((second & 0xFC00) != 0xDC00) return {0, 0};
-  return {((first & 0x3FF) + 0x40) << 10 | (second & 0x3FF), 2};
+template <bool kStore, uint32_t kBytes>
+void encode(uint32_t code_point, char *bytes) {
+  if constexpr (kStore) {
+    constexpr uint32_t kMarks[] = {0, 0, 0xC0, 0xE0, 0xF0};
+    bytes[0] = static_cast<char>(kMarks[kBytes] | code_point >> (6 * (kBytes - 1)));
+    for (uint32_t i = 1; i < kBytes; ++i) {
+      bytes[i] = static_cast<char>(0x80 | (code_point >> (6 * (kBytes - 1 - i)) & 0x3F));
+    }
+  }
 }
 
 template <bool kStore>
@@ -174,15 +180,27 @@ Progress to_utf8(const psp_wchar *source, size_t length, char *destination, size
     }
     for (const size_t block_end = in + std::min(kBlock, length - in); in < block_end;) {
       if (room - out < 4) return {in, out};
-      const Character character = decode(source + in, length - in);
-      if (character.length == 0) return {in, out};
-      in += character.length;
-      if constexpr (kStore) {
-        uint32_t bytes;
-        utf8_encode_char(character.code_point, destination + out, &bytes);
-        out += bytes;
+      char *bytes = place<kStore>(destination, out);
+      const uint32_t unit = source[in];
+      if (unit < 0x80) {
+        encode<kStore, 1>(unit, bytes);
+        in += 1;
+        out += 1;
+      } else if (unit < 0x800) {
+        encode<kStore, 2>(unit, bytes);
+        in += 1;
+        out += 2;
+      } else if ((unit & 0xF800) != 0xD800) {
+        encode<kStore, 3>(unit, bytes);
+        in += 1;
+        out += 3;
       } else {
-        out += utf8_length(character.code_point);
+        if (unit >= 0xDC00 || length - in < 2) return {in, out};
+        const uint32_t low = source[in + 1];
+        if ((low & 0xFC00) != 0xDC00) return {in, out};
+        encode<kStore, 4>(((unit & 0x3FF) + 0x40) << 10 | (low & 0x3FF), bytes);
+        in += 2;
+        out += 4;
       }
     }
   }
@@ -191,6 +209,18 @@ Progress to_utf8(const psp_wchar *source, size_t length, char *destination, size
 
 Progress measure_utf8(const psp_wchar *source, size_t length) {
   return to_utf8<false>(source, length, nullptr, kNoLimit);
+}
+
+// ---- Whole conversions --------------------------------------------------------------------------
+
+int32_t whole_to_wide(psp_wchar *destination, uint32_t size, const char *source, uint32_t count,
+                      uint32_t mode) {
+  return convert(kBaseKernels, destination, size, source, count, mode);
+}
+
+int32_t whole_to_utf8(char *destination, uint32_t size, const psp_wchar *source, uint32_t count,
+                      uint32_t mode) {
+  return convert(kBaseKernels, destination, size, source, count, mode);
 }
 
 // ---- Choice -------------------------------------------------------------------------------------
@@ -248,8 +278,8 @@ size_t count_usable() { return 1; }
 
 }  // namespace
 
-constinit const Kernels kBaseKernels = {"base", to_wide<true>, measure_wide, to_utf8<true>,
-                                        measure_utf8};
+constinit const Kernels kBaseKernels = {"base",       to_wide<true>, measure_wide, to_utf8<true>,
+                                        measure_utf8, whole_to_wide, whole_to_utf8};
 
 std::span<const Kernels *const> usable_kernels() { return {kSets, count_usable()}; }
 

@@ -248,4 +248,35 @@ int32_t ToWide::finish() {
   return terminate(destination_, count_);
 }
 
+// ---- Whole conversions --------------------------------------------------------------------------
+
+namespace {
+
+// Most conversions end with the kernel's first run: all is well-formed and fits.
+template <class Conversion, auto kKernel, class To, class From>
+int32_t convert_by(const Kernels &kernels, To *destination, uint32_t size, const From *source,
+                   size_t count, uint32_t mode) {
+  Progress done = {0, 0};
+  if (destination != nullptr && size != 0) {
+    done = (kernels.*kKernel)(source, count, destination, size - 1);
+    if (done.consumed == count) return terminate(destination, done.produced);
+  }
+  Conversion conversion(&kernels, destination, size, mode);
+  conversion.skip(done);
+  conversion.feed(source + done.consumed, count - done.consumed);
+  return conversion.finish();
+}
+
+}  // namespace
+
+int32_t convert(const Kernels &kernels, psp_wchar *destination, uint32_t size, const char *source,
+                uint32_t count, uint32_t mode) {
+  return convert_by<ToWide, &Kernels::to_wide>(kernels, destination, size, source, count, mode);
+}
+
+int32_t convert(const Kernels &kernels, char *destination, uint32_t size, const psp_wchar *source,
+                uint32_t count, uint32_t mode) {
+  return convert_by<ToUtf8, &Kernels::to_utf8>(kernels, destination, size, source, count, mode);
+}
+
 }  // namespace psp::text

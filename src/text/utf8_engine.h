@@ -32,7 +32,7 @@ class ToUtf8 {
   // kernels: null for the definition alone.
   ToUtf8(const Kernels *kernels, char *destination, uint32_t size, uint32_t mode);
 
-  // Counts in what a kernel has converted at the start of the source.
+  // Counts in what a kernel has stored from the start of the source.
   void skip(Progress done) { count_ += done.produced; }
 
   // Takes the next units of the source. False when no more are wanted: the conversion has failed,
@@ -91,5 +91,11 @@ class ToWide {
   bool replace_;
   bool failed_ = false;
 };
+
+// Whole conversions of count elements, the terminator and the result included.
+int32_t convert(const Kernels &kernels, psp_wchar *destination, uint32_t size, const char *source,
+                uint32_t count, uint32_t mode);
+int32_t convert(const Kernels &kernels, char *destination, uint32_t size, const psp_wchar *source,
+                uint32_t count, uint32_t mode);
 
 }  // namespace psp::text

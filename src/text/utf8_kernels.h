@@ -7,8 +7,8 @@
 //   the definition in utf8_engine.cpp takes over there and decides what is to be done.
 // - What it took was well-formed by the same rules as the definition's, and what it produced is
 //   what the definition would have produced.
-// - It reads source[0 .. length) only and stores into destination[0 .. room) only. It may store
-//   anything beyond what it produced, within that room.
+// - It reads source[0 .. length) only, and what it leaves changed in the destination is what it
+//   produced and nothing behind it.
 //
 // A set of kernels belongs to one kind of processor; the fastest usable one is found at run time.
 //
@@ -35,13 +35,12 @@ struct Kernels {
   Progress (*to_utf8)(const psp_wchar *source, size_t length, char *destination, size_t room);
   Progress (*measure_utf8)(const psp_wchar *source, size_t length);
 
-  // Either direction by its types.
-  Progress convert(const char *source, size_t length, psp_wchar *destination, size_t room) const {
-    return to_wide(source, length, destination, room);
-  }
-  Progress convert(const psp_wchar *source, size_t length, char *destination, size_t room) const {
-    return to_utf8(source, length, destination, room);
-  }
+  // Whole conversions with terminator and result, as the exported functions that count. A set may
+  // do the short and simple ones at once; the others go to convert (utf8_engine.h).
+  int32_t (*whole_to_wide)(psp_wchar *destination, uint32_t size, const char *source,
+                           uint32_t count, uint32_t mode);
+  int32_t (*whole_to_utf8)(char *destination, uint32_t size, const psp_wchar *source,
+                           uint32_t count, uint32_t mode);
 };
 
 // Plain code with SSE2 where the compiler may use it. Good for any processor; the other sets leave
@@ -73,5 +72,11 @@ inline const Kernels &fastest_kernels() {
 
 // Every set that can be run here, the plainest first.
 std::span<const Kernels *const> usable_kernels();
+
+// A place in the destination; there is none when nothing is stored.
+template <bool kStore, class Element>
+Element *place(Element *destination, size_t offset) {
+  return kStore ? destination + offset : nullptr;
+}
 
 }  // namespace psp::text

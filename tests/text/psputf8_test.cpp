@@ -118,6 +118,23 @@ TEST(Utf8, WhatDoesNotFitIsDroppedWhole) {
   EXPECT_EQ(std::string(bytes, 4), std::string("a\0b\0", 4));
 }
 
+// The end is searched by aligned vectors and in pieces of 4096 elements.
+TEST(Utf8, EndIsFoundAtEveryPlace) {
+  std::vector<psp_wchar> units(9000, 'u');
+  std::vector<char> bytes(9000, 'b');
+  for (size_t start = 0; start < 9; ++start) {
+    for (const size_t length : {0, 1, 7, 8, 9, 15, 16, 17, 33, 4095, 4096, 4097, 8192}) {
+      const auto needed = static_cast<int32_t>(length + 1);
+      units[start + length] = 0;
+      bytes[start + length] = 0;
+      EXPECT_EQ(psp_wchar_to_utf8(nullptr, &units[start], 0, 0), needed) << start;
+      EXPECT_EQ(psp_utf8_to_wchar(nullptr, &bytes[start], 0, 0), needed) << start;
+      units[start + length] = 'u';
+      bytes[start + length] = 'b';
+    }
+  }
+}
+
 // ---- Kernels against the rules ------------------------------------------------------------------
 
 template <class Element>
@@ -128,16 +145,30 @@ struct Outcome {
 };
 
 // One conversion by a set of kernels (null: the rules alone), from memory of the exact size into
-// memory of the exact size, so that AddressSanitizer sees every step too far.
+// memory of the exact size, so that AddressSanitizer sees every step too far. What is compared is
+// all of that memory: nothing behind the result may change, nor behind the place of a failure.
 template <class Conversion, class To, class From>
 Outcome<To> run(const psp::text::Kernels *kernels, const std::basic_string<From> &source,
                 uint32_t size, uint32_t mode, bool store) {
   const std::vector<From> exact(source.begin(), source.end());
   std::vector<To> room(size, To(0x55));
   Conversion conversion(kernels, store ? room.data() : nullptr, size, mode);
-  conversion.feed(exact.data(), exact.size());
+  const size_t piece = size % 3 == 0 ? exact.size() / 2 : exact.size();
+  if (conversion.feed(exact.data(), piece)) {
+    conversion.feed(exact.data() + piece, exact.size() - piece);
+  }
   const int32_t result = conversion.finish();
-  room.resize(result > 0 && store ? static_cast<size_t>(result) : 0);
+  return {result, room};
+}
+
+// The same by the function behind the exported one.
+template <class To, class From, class Whole>
+Outcome<To> run_whole(Whole whole, const std::basic_string<From> &source, uint32_t size,
+                      uint32_t mode, bool store) {
+  const std::vector<From> exact(source.begin(), source.end());
+  std::vector<To> room(size, To(0x55));
+  const int32_t result = whole(store ? room.data() : nullptr, size, exact.data(),
+                               static_cast<uint32_t>(exact.size()), mode);
   return {result, room};
 }
 
@@ -147,7 +178,12 @@ void expect_kernels_agree(const std::basic_string<From> &source, uint32_t size) 
     for (const bool store : {true, false}) {
       const auto expected = run<Conversion, To>(nullptr, source, size, mode, store);
       for (const psp::text::Kernels *kernels : psp::text::usable_kernels()) {
-        ASSERT_TRUE((run<Conversion, To>(kernels, source, size, mode, store) == expected))
+        const auto whole = [kernels](auto... arguments) {
+          if constexpr (sizeof(To) == 1) return kernels->whole_to_utf8(arguments...);
+          if constexpr (sizeof(To) == 2) return kernels->whole_to_wide(arguments...);
+        };
+        ASSERT_TRUE((run<Conversion, To>(kernels, source, size, mode, store) == expected &&
+                     run_whole<To>(whole, source, size, mode, store) == expected))
             << kernels->name << " mode " << mode << " size " << size << " source bytes "
             << testing::PrintToString(std::vector<From>(source.begin(), source.end()));
       }

@@ -1,4 +1,5 @@
-// What can be wrong with two neighbouring bytes of UTF-8, for the vector kernels.
+// What the vector kernels share: what can be wrong with two neighbouring bytes of UTF-8, and how
+// constants are kept.
 //
 // Each fault is told by the nibbles of the first byte and the upper nibble of the second, so three
 // table shuffles and two ANDs find the faults of all pairs of a vector at once (Keiser and Lemire,
@@ -63,5 +64,14 @@ inline constexpr NibbleTable kSecondUpper = make_fault_table(&Fault::second_uppe
 // three or four bytes.
 inline constexpr uint8_t kBelowLead3 = 0xE0 - 0x80;
 inline constexpr uint8_t kBelowLead4 = 0xF0 - 0x80;
+
+// GCC 12 makes vectors of equal lanes from a general register, anew in every turn of a loop. Behind
+// a reference that it cannot see through, constants are plain operands in memory.
+template <class Constants>
+inline const Constants &hidden(const Constants &constants) {
+  const Constants *pointer = &constants;
+  __asm__("" : "+r"(pointer));
+  return *pointer;
+}
 
 }  // namespace psp::text
