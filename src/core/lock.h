@@ -56,11 +56,20 @@ extern constinit thread_local ThreadLocks thread_locks;
 
 class PSP_CAPABILITY("lock") Lock {
  public:
-  // barrier_works: os::barrier_in_all_threads may be used; see above.
-  constexpr explicit Lock(LockRank rank, bool barrier_works = false)
-      : rank_(rank), waited_(!barrier_works) {}
+  // may_store: the lock may be released by a store; see above.
+  constexpr explicit Lock(LockRank rank, bool may_store = false)
+      : rank_(rank), waited_(!may_store) {}
   Lock(const Lock &) = delete;
   Lock &operator=(const Lock &) = delete;
+
+  // Makes a new lock of one that has ended. Atomic, since its last releaser may still look at it.
+  void reset(LockRank rank, bool may_store) {
+    state_.store(kFree, std::memory_order_relaxed);
+    inner_levels_ = 0;
+    owner_.store(nullptr, std::memory_order_relaxed);
+    rank_ = rank;
+    waited_.store(!may_store, std::memory_order_relaxed);
+  }
 
   // True when this was the thread's first level.
   bool enter() PSP_ACQUIRES() {
@@ -141,7 +150,7 @@ class PSP_CAPABILITY("lock") Lock {
   uint32_t inner_levels_ = 0;                 // of the holder, after the first
   std::atomic<const void *> owner_{nullptr};  // the holder's ThreadLocks
   [[maybe_unused]] LockRank rank_;
-  std::atomic<bool> waited_;  // a thread has waited, or the platform has no barrier for us
+  std::atomic<bool> waited_;  // a thread has waited, or the lock is never released by a store
 };
 
 class PSP_SCOPED_CAPABILITY LockGuard {

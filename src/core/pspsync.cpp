@@ -134,35 +134,34 @@ uint64_t monotonic_milliseconds() {
   return static_cast<uint64_t>(os::counter_value() / (frequency / 1000));
 }
 
-// Waits for the gate to leave the closed turn that the caller saw.
-[[gnu::noinline]] psp_status wait_for_turn(Gate &gate, uint32_t closed_turn,
-                                           uint32_t milliseconds) {
-  const uint64_t start = milliseconds == PSP_NO_LIMIT ? 0 : monotonic_milliseconds();
-  uint32_t left = milliseconds;
-  // Pairs with psp_syncResume: it changes the turn and then looks for waiters, we announce
-  // ourselves and then look at the turn. One of the two sees the other.
-  gate.waiters.fetch_add(1, std::memory_order_seq_cst);
-  psp_status status = PSP_OKAY;
-  while (gate.turns.load(std::memory_order_seq_cst) == closed_turn) {
-    const os::WaitResult result = os::wait_on_address(gate.turns, closed_turn, left);
-    if (gate.turns.load(std::memory_order_acquire) != closed_turn) break;
-    if (result == os::WaitResult::kFailed) {
-      status = PSP_FAILED;
-      break;
-    }
-    if (milliseconds == PSP_NO_LIMIT) continue;
-    const uint64_t passed = monotonic_milliseconds() - start;
-    if (result == os::WaitResult::kTimedOut || passed >= milliseconds) {
-      status = PSP_TIMEOUT;
-      break;
-    }
-    left = milliseconds - static_cast<uint32_t>(passed);
+// Sleeps in front of the closed gate, at most so long. False when the gate had changed before.
+bool sleep_before(Gate &gate, uint32_t closed, uint32_t milliseconds, os::WaitResult *result) {
+  const uint32_t with_sleepers = closed | Gate::kSleepers;
+  if (closed != with_sleepers &&
+      !gate.word.compare_exchange_strong(closed, with_sleepers, std::memory_order_seq_cst)) {
+    return false;
   }
-  gate.waiters.fetch_sub(1, std::memory_order_relaxed);
-  return status;
+  *result = os::wait_on_address(gate.word, with_sleepers, milliseconds);
+  return true;
 }
 
-constexpr bool is_open(uint32_t turn) { return (turn & 1) != 0; }
+// Waits for the gate to be opened after the closed word that the caller saw.
+[[gnu::noinline]] psp_status wait_for_turn(Gate &gate, uint32_t seen, uint32_t milliseconds) {
+  const uint64_t start = milliseconds == PSP_NO_LIMIT ? 0 : monotonic_milliseconds();
+  uint32_t left = milliseconds;
+  for (;;) {
+    const uint32_t word = gate.word.load(std::memory_order_acquire);
+    if (Gate::is_open(word) || word / Gate::kTurn != seen / Gate::kTurn) return PSP_OKAY;
+    if (left == 0) return PSP_TIMEOUT;
+    os::WaitResult result = os::WaitResult::kWoken;
+    if (!sleep_before(gate, word, left, &result)) continue;
+    if (result == os::WaitResult::kFailed) return PSP_FAILED;
+    if (milliseconds == PSP_NO_LIMIT) continue;
+    const uint64_t passed = monotonic_milliseconds() - start;
+    const bool is_over = result == os::WaitResult::kTimedOut || passed >= milliseconds;
+    left = is_over ? 0 : milliseconds - static_cast<uint32_t>(passed);
+  }
+}
 
 }  // namespace
 
@@ -185,8 +184,10 @@ psp_sync sync_create(int16_t kind, LockRank rank, const char *file, uint32_t lin
     }
     return PSP_SYNC_NONE;
   }
-  new (&slot->lock) Lock(rank, state.barrier_works);
-  new (&slot->gate) Gate;
+  // A client may end a lock as soon as it holds it, while the thread that released it is still on
+  // its way out.
+  slot->lock.reset(rank, rank != LockRank::kClient && state.barrier_works);
+  slot->gate.word.store(Gate::kOpen, std::memory_order_relaxed);
   slot->kind = kind;
   return slot;
 }
@@ -242,31 +243,33 @@ void psp_syncExitExcl(psp_sync object) PSP_UNCHECKED {
 
 psp_status psp_syncWait(psp_sync object, uint32_t milliseconds) {
   if (!is_sync_object(object) || object->kind != PSP_SYNC_EVENT) return PSP_OKAY;
-  const uint32_t turn = object->gate.turns.load(std::memory_order_acquire);
-  if (is_open(turn)) return PSP_OKAY;
+  const uint32_t word = object->gate.word.load(std::memory_order_acquire);
+  if (Gate::is_open(word)) return PSP_OKAY;
   if (milliseconds == 0) return PSP_TIMEOUT;
-  return wait_for_turn(object->gate, turn, milliseconds);
+  return wait_for_turn(object->gate, word, milliseconds);
 }
 
 void psp_syncStart(psp_sync object) {
   if (!is_sync_object(object) || object->kind != PSP_SYNC_EVENT) return;
-  uint32_t turn = object->gate.turns.load(std::memory_order_relaxed);
+  std::atomic<uint32_t> &gate = object->gate.word;
+  uint32_t word = gate.load(std::memory_order_relaxed);
   // seq_cst: a queue's reader closes the gate and then looks for messages; a writer puts a message
   // and then opens. One of the two must see the other.
-  while (is_open(turn) &&
-         !object->gate.turns.compare_exchange_weak(turn, turn + 1, std::memory_order_seq_cst)) {
+  while (Gate::is_open(word) &&
+         !gate.compare_exchange_weak(word, word & ~Gate::kOpen, std::memory_order_seq_cst)) {
   }
 }
 
 void psp_syncResume(psp_sync object) {
   if (!is_sync_object(object) || object->kind != PSP_SYNC_EVENT) return;
-  Gate &gate = object->gate;
-  uint32_t turn = gate.turns.load(std::memory_order_seq_cst);
-  while (!is_open(turn) &&
-         !gate.turns.compare_exchange_weak(turn, turn + 1, std::memory_order_seq_cst)) {
-  }
-  if (is_open(turn)) return;  // it was open before: whoever opened it wakes the waiters
-  if (gate.waiters.load(std::memory_order_seq_cst) != 0) os::wake_all(gate.turns);
+  std::atomic<uint32_t> &gate = object->gate.word;
+  uint32_t word = gate.load(std::memory_order_seq_cst);
+  uint32_t opened;
+  do {
+    if (Gate::is_open(word)) return;  // whoever opened it wakes the waiters
+    opened = ((word & ~Gate::kSleepers) + Gate::kTurn) | Gate::kOpen;
+  } while (!gate.compare_exchange_weak(word, opened, std::memory_order_seq_cst));
+  if ((word & Gate::kSleepers) != 0) os::wake_all(gate);
 }
 
 void psp_enterCritSec(void) PSP_UNCHECKED { state.global_section.enter(); }

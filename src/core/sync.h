@@ -15,11 +15,18 @@
 
 namespace psp::core {
 
-// A gate is a counter that is odd while the gate is open. A waiter that found it even and later
-// finds it changed knows that the gate was opened in between, even if it is closed again.
+// A gate is one word: whether it is open, whether somebody may sleep in front of it while it is
+// closed, and how often it was opened. A waiter that finds the count changed knows that the gate
+// was opened, even if it is closed again. Whoever opens it learns in the same step whether to wake,
+// and touches the gate no more: a waiter that it lets through may end it at once.
 struct Gate {
-  std::atomic<uint32_t> turns{1};
-  std::atomic<uint32_t> waiters{0};
+  static constexpr uint32_t kOpen = 1;
+  static constexpr uint32_t kSleepers = 2;
+  static constexpr uint32_t kTurn = 4;
+
+  std::atomic<uint32_t> word{kOpen};
+
+  static bool is_open(uint32_t word) { return (word & kOpen) != 0; }
 };
 
 }  // namespace psp::core

@@ -119,6 +119,33 @@ TEST_F(SyncLock, HolderThatOutlivesTheLibraryTouchesNothing) {
   holder.join();
 }
 
+// Whoever gets a lock or passes a gate may end it, and the library, while the other thread is still
+// on its way out of the call.
+TEST(SyncEnd, ReleasersTouchNothingOnTheirWayOut) {
+  for (int round = 0; round < 300; ++round) {
+    ASSERT_EQ(psp_init(), PSP_OKAY);
+    psp_sync lock = psp_syncCreate(PSP_SYNC_EXCL), gate = psp_syncCreate(PSP_SYNC_EVENT);
+    psp_syncStart(gate);
+    std::atomic<bool> held{false};
+    std::thread other([&] {
+      psp_syncEnterExcl(lock);
+      held = true;
+      if (round % 2 == 0) psp_syncResume(gate);
+      psp_syncExitExcl(lock);
+      if (round % 2 != 0) psp_syncResume(gate);
+    });
+    while (!held) std::this_thread::yield();
+    EXPECT_TRUE(round % 2 == 0 || psp_syncWait(gate, 60000) == PSP_OKAY);
+    psp_syncEnterExcl(lock);
+    psp_syncExitExcl(lock);
+    psp_syncDelete(lock);
+    psp_syncDelete(gate);
+    EXPECT_EQ(psp_syncCreate(PSP_SYNC_EVENT), gate);
+    psp_term();
+    other.join();
+  }
+}
+
 #if defined(__linux__) && !defined(__SANITIZE_THREAD__)  // which makes calls of its own
 TEST_F(SyncLock, UncontendedUseMakesNoSystemCall) {
   psp_sync lock = psp_syncCreate(PSP_SYNC_EXCL);
