@@ -4,7 +4,8 @@
  * comments are the authoritative description from which the reference is made.
  *
  * Reading order: status codes and life of the library, then the families in the order of the
- * layers (memory, sync objects, text, files, streams, channels and log, time and process).
+ * layers (memory, sync objects, text, files by handle and by name, paths, streams, channels and
+ * log, INI configuration, threads, time and process).
  *
  * Rules that hold everywhere:
  * - A process calls psp_init before it uses the library and psp_term when it is done. Functions
@@ -640,6 +641,247 @@ PSP_API psp_status psp_fileSync(PSP_FH file);
  *          without a start. Any thread. */
 PSP_API int64_t psp_fileModTimeStat(const char *name, uint16_t mode);
 
+/* ---- Whole files ------------------------------------------------------------------------------
+ * Operations on a file or a directory by name. Each comes in four forms: plain (on the disk), Ex
+ * (a mode word beside each name, whose PSP_FILE_MEMORY places that name in the in-memory store), W
+ * and ExW (wide names). A wide name that is not valid UTF-16 fails: copy, compare, move and
+ * directory move give PSP_FAILED, remove and rename PSP_NOMEMORY, the existence test 0.
+ *
+ * They are sequences of platform calls on names: another thread or process that uses the same names
+ * at the same time sees the steps between. They work in any thread. In read-only mode removing,
+ * renaming and moving to the disk fail; in no-disk mode everything on the disk fails.
+ *
+ * What they leave behind when memory fails: names and files as they were before the step that
+ * failed; no copy is left half-made unless the comment says so. */
+
+/** Copies a file onto a new or an existing name, writing only the blocks of 1024 bytes that differ.
+ *
+ *  @param source       the file to read.
+ *  @param source_mode  its PSP_FILE_ bits.
+ *  @param destination  the file to create or change.
+ *  @param destination_mode  its PSP_FILE_ bits.
+ *  @return PSP_OKAY; PSP_FAILED when a file cannot be opened, read or written or memory is short;
+ * -1 when the final length cannot be set. After a failure in the middle the destination keeps the
+ * blocks written so far and its old length. */
+PSP_API psp_status psp_fileCopyEx(const char *source, uint16_t source_mode, const char *destination,
+                                  uint16_t destination_mode);
+/** psp_fileCopyEx on the disk. */
+PSP_API psp_status psp_fileCopy(const char *source, const char *destination);
+/** psp_fileCopy with wide names. */
+PSP_API psp_status psp_fileCopyW(const psp_wchar *source, const psp_wchar *destination);
+/** psp_fileCopyEx with wide names. */
+PSP_API psp_status psp_fileCopyExW(const psp_wchar *source, uint16_t source_mode,
+                                   const psp_wchar *destination, uint16_t destination_mode);
+
+#define PSP_CMP_NO_FIRST 7  /* psp_fileCmp: the first file cannot be opened */
+#define PSP_CMP_NO_SECOND 8 /* psp_fileCmp: the second file cannot be opened */
+
+/** Compares the contents of two files.
+ *
+ *  @param first,second  the files.
+ *  @param first_mode,second_mode  their PSP_FILE_ bits.
+ *  @return 0 when equal; PSP_FAILED when they differ or cannot be read; PSP_NOMEMORY;
+ *          PSP_CMP_NO_FIRST; PSP_CMP_NO_SECOND. */
+PSP_API psp_status psp_fileCmpEx(const char *first, uint16_t first_mode, const char *second,
+                                 uint16_t second_mode);
+/** psp_fileCmpEx on the disk. */
+PSP_API psp_status psp_fileCmp(const char *first, const char *second);
+/** psp_fileCmp with wide names. */
+PSP_API psp_status psp_fileCmpW(const psp_wchar *first, const psp_wchar *second);
+/** psp_fileCmpEx with wide names. */
+PSP_API psp_status psp_fileCmpExW(const psp_wchar *first, uint16_t first_mode,
+                                  const psp_wchar *second, uint16_t second_mode);
+
+/** Removes a file, never a directory.
+ *
+ *  @param name  the file.
+ *  @param mode  its PSP_FILE_ bits.
+ *  @return PSP_OKAY; PSP_FAILED; PSP_NOMEMORY; PSP_NOTFOUND for a store name that is missing. */
+PSP_API psp_status psp_fileRemoveEx(const char *name, uint16_t mode);
+/** psp_fileRemoveEx on the disk. */
+PSP_API psp_status psp_fileRemove(const char *name);
+/** psp_fileRemove with a wide name. */
+PSP_API psp_status psp_fileRemoveW(const psp_wchar *name);
+/** psp_fileRemoveEx with a wide name. */
+PSP_API psp_status psp_fileRemoveExW(const psp_wchar *name, uint16_t mode);
+
+/** Gives a file or directory a new name; never replaces an existing one and never crosses between
+ *  the disk and the store. A file may cross file systems: it is copied beside the new name, made
+ *  durable, named in one step, and the old one goes last; it fails while a handle may write the
+ *  file. A directory may not.
+ *
+ *  @param old_name,new_name  the names.
+ *  @param old_mode,new_mode  their PSP_FILE_ bits.
+ *  @return PSP_OKAY; PSP_FAILED; PSP_NOMEMORY; PSP_NOTFOUND for a store name that is missing. */
+PSP_API psp_status psp_fileRenameEx(const char *old_name, uint16_t old_mode, const char *new_name,
+                                    uint16_t new_mode);
+/** psp_fileRenameEx on the disk. */
+PSP_API psp_status psp_fileRename(const char *old_name, const char *new_name);
+/** psp_fileRename with wide names. */
+PSP_API psp_status psp_fileRenameW(const psp_wchar *old_name, const psp_wchar *new_name);
+/** psp_fileRenameEx with wide names. */
+PSP_API psp_status psp_fileRenameExW(const psp_wchar *old_name, uint16_t old_mode,
+                                     const psp_wchar *new_name, uint16_t new_mode);
+
+/** Tells whether a name exists.
+ *
+ *  @param name       the file or directory.
+ *  @param mode       its PSP_FILE_ bits.
+ *  @param directory  receives 0 for a file, 16384 (disk) or 1 (store) for a directory, nothing when
+ *                    the name does not exist; may be null.
+ *  @return 1 or 0. */
+PSP_API int32_t psp_fileValidateEx(const char *name, uint16_t mode, uint32_t *directory);
+/** psp_fileValidateEx on the disk, without the flag. */
+PSP_API int32_t psp_fileValidate(const char *name);
+/** psp_fileValidate with a wide name. */
+PSP_API int32_t psp_fileValidateW(const psp_wchar *name);
+/** psp_fileValidateEx with a wide name. */
+PSP_API int32_t psp_fileValidateExW(const psp_wchar *name, uint16_t mode, uint32_t *directory);
+
+/** Moves a file onto a name, replacing what is there: by a rename where that is possible, else by a
+ *  copy. The old destination is gone even if the move then fails; the source is kept then.
+ *
+ *  @return as psp_fileCopyEx. Two names of the same file give PSP_OKAY and nothing is removed. */
+PSP_API psp_status psp_fileMoveEx(const char *source, uint16_t source_mode, const char *destination,
+                                  uint16_t destination_mode);
+/** psp_fileMoveEx on the disk. */
+PSP_API psp_status psp_fileMove(const char *source, const char *destination);
+/** psp_fileMove with wide names. */
+PSP_API psp_status psp_fileMoveW(const psp_wchar *source, const psp_wchar *destination);
+/** psp_fileMoveEx with wide names. */
+PSP_API psp_status psp_fileMoveExW(const psp_wchar *source, uint16_t source_mode,
+                                   const psp_wchar *destination, uint16_t destination_mode);
+
+/** Moves a directory: by a rename where that is possible; else the files directly inside it, into a
+ *  destination that is created with its parents. Subdirectories stay where they are then.
+ *
+ *  @return PSP_OKAY, also when there was nothing to move; PSP_FAILED when the source cannot be
+ * read, and before anything is created in read-only and no-disk mode; otherwise the result of the
+ *          step or of the file move that failed. Files moved before it stay moved. A destination
+ *          that has to be created and ends in a separator gives PSP_EXISTS, and nothing is moved.
+ */
+PSP_API psp_status psp_dirMoveEx(const char *source, uint16_t source_mode, const char *destination,
+                                 uint16_t destination_mode);
+/** psp_dirMoveEx on the disk. */
+PSP_API psp_status psp_dirMove(const char *source, const char *destination);
+/** psp_dirMove with wide names. */
+PSP_API psp_status psp_dirMoveW(const psp_wchar *source, const psp_wchar *destination);
+/** psp_dirMoveEx with wide names. */
+PSP_API psp_status psp_dirMoveExW(const psp_wchar *source, uint16_t source_mode,
+                                  const psp_wchar *destination, uint16_t destination_mode);
+
+/* ---- Paths and directories --------------------------------------------------------------------
+ * Names as text, directories, the temporary directory. The library writes backslashes and accepts
+ * slashes too, on every platform. Strings handed out belong to the caller, who releases them with
+ * psp_freeMem and the default tag (null), unless a tag is an argument. Everything works in any
+ * thread; an iterator is used by one thread at a time. */
+
+/** The current directory, as the platform spells it; "\" in no-disk mode.
+ *
+ *  @return a new string; null on failure. */
+PSP_API char *psp_currdir(void) PSP_MUST_USE;
+
+/** Whether a name starts at a root: with a separator, or with a letter, a colon and a separator.
+ *
+ *  @return 1 or 0. Works without a start. */
+PSP_API int32_t psp_pathIsFullyQualified(const char *name);
+
+/** The full path of a directory, ending in a backslash. No "." or ".." is resolved.
+ *
+ *  @param name  the directory; null, empty, "." and ".\" are the current one.
+ *  @return a new string; null on failure. */
+PSP_API char *psp_fullpath(const char *name) PSP_MUST_USE;
+
+/** Splits a name at its last backslash; else at its last slash; else at its last colon.
+ *
+ *  @param name       the name.
+ *  @param directory  receives a new string, the separator included, or null; may be null.
+ *  @param file       receives a new string or null; may be null.
+ *  When memory is short both are null. */
+PSP_API void psp_pathSplit(const char *name, char **directory, char **file);
+
+/** The name without a drive prefix (any character and a colon): a pointer into the same string.
+ *  Works without a start. */
+PSP_API const char *psp_pathStripDrive(const char *name);
+
+/** Whether a name is spelled like a directory: its last character is a backslash or a colon.
+ *
+ *  @return 1 or 0; -1 for a null or empty name. Works without a start. */
+PSP_API int32_t psp_pathIsDir(const char *name);
+
+/** Whether a name is a link: links are not recognised.
+ *
+ *  @return always 0. Works without a start. */
+PSP_API int32_t psp_pathIsLink(const char *name);
+
+typedef struct psp_pathIter psp_pathIter;
+
+/** psp_pathOpenEx on the disk. */
+PSP_API psp_pathIter *psp_pathOpen(const char *directory, const char *pattern) PSP_MUST_USE;
+
+/** Starts an iteration over the entries of a directory, "." and ".." included.
+ *
+ *  @param directory  the directory.
+ *  @param mode       its PSP_FILE_ bits.
+ *  @param pattern    which names: "?" is one character, "*" any number, letters match without
+ *                    regard to case; the character after a "*" is taken literally. On the disk
+ *                    "*.*" matches every name.
+ *  @return the iterator, ended by psp_pathClose; null when no entry matches, the directory cannot
+ * be read, an argument is null or the directory empty, in no-disk mode and when memory is short.
+ * Entries that come or go meanwhile may or may not be met. */
+PSP_API psp_pathIter *psp_pathOpenEx(const char *directory, uint16_t mode,
+                                     const char *pattern) PSP_MUST_USE;
+
+/** The next entry.
+ *
+ *  @param iterator   the iterator.
+ *  @param directory  receives 0 for a file, 16 (disk) or 1 (store) for a directory; not null.
+ *  @return the entry's name, the iterator's until the next call on it; null when none is left. */
+PSP_API const char *psp_pathNext(psp_pathIter *iterator, uint32_t *directory);
+
+/** Ends an iteration; null does nothing. */
+PSP_API void psp_pathClose(psp_pathIter *iterator);
+
+/** Creates a directory.
+ *
+ *  @return PSP_OKAY; PSP_EXISTS; PSP_FAILED; PSP_NOMEMORY. */
+PSP_API psp_status psp_dirCreate(const char *name);
+/** psp_dirCreate with a wide name. */
+PSP_API psp_status psp_dirCreateW(const psp_wchar *name);
+
+/** Creates a directory with all its parents.
+ *
+ *  @return as psp_dirCreate. A name that ends in a separator gives PSP_EXISTS even when it was
+ *          created just now. */
+PSP_API psp_status psp_dirCreateAll(const char *name);
+/** psp_dirCreateAll with a wide name. */
+PSP_API psp_status psp_dirCreateAllW(const psp_wchar *name);
+
+/** Removes an empty directory.
+ *
+ *  @return PSP_OKAY, also when it does not exist; PSP_FAILED; PSP_NOMEMORY. */
+PSP_API psp_status psp_dirRemove(const char *name);
+/** psp_dirRemove with a wide name. */
+PSP_API psp_status psp_dirRemoveW(const psp_wchar *name);
+
+/** Makes a name for a temporary file; creates nothing and tests nothing.
+ *
+ *  @param counter    the caller's counter, part of the name by its value and its address; it is
+ *                    raised by one.
+ *  @param prefix     null is "temp".
+ *  @param extension  null is "tmp".
+ *  @param tag        the owner; null is the default tag.
+ *  @return a new string; null when memory is short. The caller serialises the use of a counter. */
+PSP_API char *psp_fileCreateTmpName(uint32_t *counter, const char *prefix, const char *extension,
+                                    psp_tag *tag) PSP_MUST_USE;
+
+/** The temporary directory: the environment's VKD_TMPDIR as it stands; else the first of TEMP, TMP,
+ *  the system's own and the current directory in which a file could be made, found once.
+ *
+ *  @param tag  the owner; null is the default tag.
+ *  @return a new string; null when there is none or memory is short. */
+PSP_API char *psp_tmpdir(psp_tag *tag) PSP_MUST_USE;
+
 /* ---- Text streams -----------------------------------------------------------------------------
  * A stream is a buffered text file: psp_fopen makes it, psp_fclose ends it. One thread at a time.
  * Texts are UTF-8 whatever the file holds. A read stream recognises a byte-order mark and turns
@@ -823,6 +1065,171 @@ PSP_API void psp_log_chunk_end(psp_logChunk *chunk, const char *format, ...);
 
 /** Flushes all three channels. */
 PSP_API void psp_log_flush(void);
+
+/* ---- INI configuration ------------------------------------------------------------------------
+ * A file is read once into a process-wide store and answers lookups from there; an update rewrites
+ * the file and reads it again. Names compare without regard to case, and of two sections or keys of
+ * one name the first counts. Lookups and updates may be called by any thread and are serialised;
+ * psp_readIniFile and psp_iniCleanup must not run meanwhile.
+ *
+ * The format: "[section]" lines and "key=value" lines; ";" starts a comment anywhere. Spaces around
+ * the key's end and the value are dropped. Names keep their first 127 bytes.
+ *
+ * The file is never lost: an update writes and syncs "_temp_.ini" beside the file and replaces it
+ * in one step; a failure or a crash at any moment leaves the old file or the new one. Two processes
+ * that update files of one directory at the same time share that temporary file.
+ *
+ * Each function comes in four forms: plain (mode word 0), Ex, W and ExW (wide strings, none of them
+ * null; a failed conversion gives PSP_ERR_NOMEMORY). */
+
+/** Starts the module; psp_init does it.
+ *
+ *  @return PSP_OKAY; PSP_FAILED. */
+PSP_API psp_status psp_iniInit(void);
+/** Stops the module; psp_term does it. */
+PSP_API void psp_iniTerm(void);
+/** Empties the store. No other thread may use the INI functions meanwhile. */
+PSP_API void psp_iniCleanup(void);
+
+/** Reads a file into the store, replacing what it holds of it; a file that cannot be opened leaves
+ *  an empty entry.
+ *
+ *  @param file  the file's name, under which lookups find it.
+ *  @param mode  its PSP_FILE_ bits.
+ *  @return always PSP_OKAY. */
+PSP_API psp_status psp_readIniFileEx(const char *file, uint16_t mode);
+/** psp_readIniFileEx on the disk. */
+PSP_API psp_status psp_readIniFile(const char *file);
+/** Reads a file with a wide name; one that cannot be opened keeps its old entry.
+ *
+ *  @return PSP_OKAY; PSP_ERR_NOMEMORY when the name cannot be converted. */
+PSP_API psp_status psp_readIniFileW(const psp_wchar *file);
+/** psp_readIniFileW with a mode word. */
+PSP_API psp_status psp_readIniFileExW(const psp_wchar *file, uint16_t mode);
+
+/** Looks a value up, or lists names.
+ *
+ *  @param file     the INI file.
+ *  @param section  the section; null lists the sections.
+ *  @param key      the key; null lists the section's keys.
+ *  @param buffer   receives the value, or each name with its zero byte, and one zero byte more.
+ *  @param size     bytes of the buffer, at least 2.
+ *  @param mode     the file's PSP_FILE_ bits.
+ *  @return PSP_OKAY; PSP_FAILED when there is no such section or key; PSP_ERR_NOFILE;
+ *          PSP_ERR_INVARG for a null file or buffer or a size below 2; PSP_ERR_BUFFERFULL when the
+ *          result was cut (a value of L bytes needs a size of L + 3). */
+PSP_API psp_status psp_iniGetEx(const char *file, const char *section, const char *key,
+                                char *buffer, uint32_t size, uint16_t mode);
+/** psp_iniGetEx on the disk. */
+PSP_API psp_status psp_iniGet(const char *file, const char *section, const char *key, char *buffer,
+                              uint32_t size);
+/** psp_iniGetEx with wide strings; the size is in units. The buffer is touched on PSP_OKAY only.
+ *  A value of more units than the buffer holds is cut without a sign as long as its UTF-8 is at
+ * most 4 * size - 3 bytes: give a buffer of a unit for each byte that a value can have. */
+PSP_API psp_status psp_iniGetExW(const psp_wchar *file, const psp_wchar *section,
+                                 const psp_wchar *key, psp_wchar *buffer, uint32_t size,
+                                 uint16_t mode);
+/** psp_iniGetExW on the disk. */
+PSP_API psp_status psp_iniGetW(const psp_wchar *file, const psp_wchar *section,
+                               const psp_wchar *key, psp_wchar *buffer, uint32_t size);
+
+/** The same as psp_iniGetEx. */
+PSP_API psp_status psp_iniStringEx(const char *file, const char *section, const char *key,
+                                   char *buffer, uint32_t size, uint16_t mode);
+/** The same as psp_iniGet. */
+PSP_API psp_status psp_iniString(const char *file, const char *section, const char *key,
+                                 char *buffer, uint32_t size);
+/** The same as psp_iniGetExW. */
+PSP_API psp_status psp_iniStringExW(const psp_wchar *file, const psp_wchar *section,
+                                    const psp_wchar *key, psp_wchar *buffer, uint32_t size,
+                                    uint16_t mode);
+/** The same as psp_iniGetW. */
+PSP_API psp_status psp_iniStringW(const psp_wchar *file, const psp_wchar *section,
+                                  const psp_wchar *key, psp_wchar *buffer, uint32_t size);
+
+/** Looks a number up: leading white space, a sign, digits; no digits give 0, and a number beyond 32
+ *  bits the nearest.
+ *
+ *  @param number  receives it; untouched on any failure.
+ *  @return as psp_iniGetEx, no argument being null; PSP_ERR_BUFFERFULL for a value of more than 17
+ *          bytes. */
+PSP_API psp_status psp_iniInt32Ex(const char *file, const char *section, const char *key,
+                                  int32_t *number, uint16_t mode);
+/** psp_iniInt32Ex on the disk. */
+PSP_API psp_status psp_iniInt32(const char *file, const char *section, const char *key,
+                                int32_t *number);
+/** psp_iniInt32Ex with wide strings. */
+PSP_API psp_status psp_iniInt32ExW(const psp_wchar *file, const psp_wchar *section,
+                                   const psp_wchar *key, int32_t *number, uint16_t mode);
+/** psp_iniInt32ExW on the disk. */
+PSP_API psp_status psp_iniInt32W(const psp_wchar *file, const psp_wchar *section,
+                                 const psp_wchar *key, int32_t *number);
+
+/** Sets or removes a value in an existing file, keeping every other line.
+ *
+ *  @param section  the section, not null.
+ *  @param key      the key; null removes the section.
+ *  @param value    the value; null removes the key.
+ *  @return PSP_OKAY; PSP_ERR_INVARG for a null file or section; PSP_ERR_NOMEMORY; PSP_ERR_NOFILE
+ *          when the file or the temporary file cannot be opened; PSP_ERR_REPLACEFILE when the new
+ *          file could not be written whole or take the old one's place, which then stays. */
+PSP_API psp_status psp_iniSetEx(const char *file, const char *section, const char *key,
+                                const char *value, uint16_t mode);
+/** psp_iniSetEx on the disk. */
+PSP_API psp_status psp_iniSet(const char *file, const char *section, const char *key,
+                              const char *value);
+/** psp_iniSetEx with wide strings. */
+PSP_API psp_status psp_iniSetExW(const psp_wchar *file, const psp_wchar *section,
+                                 const psp_wchar *key, const psp_wchar *value, uint16_t mode);
+/** psp_iniSetExW on the disk. */
+PSP_API psp_status psp_iniSetW(const psp_wchar *file, const psp_wchar *section,
+                               const psp_wchar *key, const psp_wchar *value);
+
+/* ---- Threads ----------------------------------------------------------------------------------
+ * psp_threadBegin starts a thread; nobody waits for it (use a gate). When a thread ends, the locks
+ * that it holds go to their next waiters. Everything works in any thread and without a start. */
+
+/* A running thread; valid only while it runs. */
+typedef uintptr_t psp_threadHandle;
+
+#define PSP_PRIORITY_LOWEST (-1)
+#define PSP_PRIORITY_NORMAL 0
+#define PSP_PRIORITY_HIGHEST 1
+
+/** Starts a thread.
+ *
+ *  @param function  what it runs; its return ends the thread.
+ *  @param stack     bytes of its stack; 0 is the platform's own choice, less than the platform's
+ *                   least is that least.
+ *  @param argument  handed to the function.
+ *  @return PSP_OKAY; PSP_FAILED after the message "Failed to create thread". */
+PSP_API psp_status psp_threadBegin(void (*function)(void *), uint32_t stack, void *argument);
+
+/** Starts a thread with a priority.
+ *
+ *  @param handle    receives the thread; may be null. The thread may have ended by then.
+ *  @param priority  as in psp_threadSetPriority; 0 leaves it normal. A refused one is not told.
+ *  @param reserved  ignored.
+ *  @return as psp_threadBegin. */
+PSP_API psp_status psp_threadBeginEx(void (*function)(void *), uint32_t stack, void *argument,
+                                     psp_threadHandle *handle, int32_t priority, int32_t reserved);
+
+/** Sets the priority of a running thread.
+ *
+ *  @param priority  PSP_PRIORITY_LOWEST, PSP_PRIORITY_HIGHEST; any other value is normal.
+ *  @return PSP_OKAY; PSP_FAILED when the platform refuses (raising wants a right on POSIX). */
+PSP_API psp_status psp_threadSetPriority(psp_threadHandle thread, int32_t priority);
+
+/** Ends the calling thread. Does not return. */
+PSP_API void psp_threadEnd(void);
+
+/** Waiting for a thread is not available.
+ *
+ *  @return always PSP_NOTSUPPORTED, at once. */
+PSP_API psp_status psp_threadJoin(psp_threadHandle thread);
+
+/** The platform's identifier of the calling thread. */
+PSP_API uint32_t psp_threadId(void);
 
 /* ---- Time, environment and process ------------------------------------------------------------
  * Thin wrappers. They work without a start and in any thread. */

@@ -36,6 +36,7 @@ enum class LockRank : uint8_t {
   kClient,
   kGlobal,     // psp_enterCritSec: start, stop, one-time set-ups
   kProcess,    // the interrupt handler, the wide answers of the environment
+  kIni,        // the store of INI files, for each whole lookup or update
   kChannel,    // a channel's outputs; two channels' locks are never held together
   kTag,        // a tag's blocks; two tags' locks are never held together
   kTagList,    // the list of tags

@@ -15,6 +15,9 @@ void memory_stop();
 psp_status files_start();
 void files_stop();
 
+// Releases the name of the temporary directory, if it was looked for.
+void temporary_directory_stop();
+
 psp_status channels_start();
 void channels_stop();
 

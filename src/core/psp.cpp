@@ -27,7 +27,9 @@ constexpr Module kModules[] = {
     {sync_start, sync_stop},            // sync objects
     {memory_start, memory_stop},        // tags, the default tag first
     {files_start, files_stop},          // the tag of the file handles
-    {channels_start, channels_stop},    // standard output, standard error, log
+    {psp_iniInit, psp_iniTerm},         // the store of INI files and its lock
+    {start_nothing, temporary_directory_stop},  // found when first wanted
+    {channels_start, channels_stop},            // standard output, standard error, log
 };
 constexpr int kModuleCount = static_cast<int>(sizeof kModules / sizeof kModules[0]);
 

@@ -83,6 +83,15 @@ void barrier_in_all_threads();
 void yield_thread();
 void sleep_milliseconds(uint32_t milliseconds);
 
+// Starts a thread that nobody waits for. stack_bytes 0 is the platform's choice; less than its
+// least is its least. *handle, if wanted, designates the thread while it runs.
+Error thread_start(void (*function)(void *), void *argument, size_t stack_bytes, uintptr_t *handle);
+// Ends the calling thread, with its exit hook.
+[[noreturn]] void thread_end();
+enum class ThreadPriority { kLowest, kNormal, kHighest };
+Error thread_set_priority(uintptr_t handle, ThreadPriority priority);
+uint32_t thread_id();
+
 // ---- Files --------------------------------------------------------------------------------------
 
 // An open file or standard channel. The fields are the platform's own.
@@ -146,6 +155,7 @@ Error file_unlock_first_byte(File *file);
 struct FileStatus {
   int64_t size;
   int64_t modified_seconds;  // since 1970-01-01 UTC
+  bool is_directory;
 };
 
 Error file_status(const char *name, FileStatus *status);
@@ -159,9 +169,56 @@ enum class Condition {
   kTransient,          // buffer or memory short for the moment: the same call may succeed
   kTooLargeForSystem,  // resources short for the size of the request: halves may succeed
   kShortOfMemory,      // both of these (where the platform does not tell them apart)
+  kAlreadyExists,      // the name is taken
+  kNotFound,           // the name, or a directory on the way to it, does not exist
+  kBufferTooSmall,     // the answer wants more room
 };
 
 Condition file_condition(Error error);
+
+// ---- Names --------------------------------------------------------------------------------------
+
+// Whether two names spell the same name on this platform (case, separators), without a look at the
+// disk.
+bool names_are_equal(const char *first, const char *second);
+// Whether two names lead to the same existing file or directory.
+bool names_lead_to_same_file(const char *first, const char *second);
+
+// Removes a file, not a directory.
+Error file_remove(const char *name);
+// Renames a file or directory; fails if the new name exists. Moves a file, but no directory, across
+// file systems: copied beside the new name, synced, named in one step, and then the old one goes.
+// Such a move fails with a sharing violation while another handle may write the file.
+Error file_rename(const char *old_name, const char *new_name);
+// Gives a file the name of another, which it replaces in one step, and makes the change of names
+// durable. The INI update rests on this: whatever happens, one of the two files has the name. The
+// replacement takes over who may read and write the other, as far as the platform lets it. A
+// failure leaves both names as they were; a name that cannot be made durable is told by
+// last_error() alone.
+Error file_replace(const char *old_name, const char *new_name);
+
+Error directory_create(const char *name);
+Error directory_remove(const char *name);  // an empty one
+
+// An iteration over all entries of a directory, "." and ".." included. The fields are the
+// platform's own.
+struct Directory {
+  void *state = nullptr;
+};
+struct DirectoryEntry {
+  const char *name;  // UTF-8, valid until the next step
+  bool is_directory;
+};
+Error directory_open(const char *name, Directory *directory);
+// False at the end or when the directory cannot be read on.
+bool directory_next(Directory *directory, DirectoryEntry *entry);
+void directory_close(Directory *directory);
+
+// The current directory, as the platform spells it. A buffer that is too small fails, and the
+// condition of the error is kBufferTooSmall.
+Error current_directory(char *buffer, size_t size);
+// The system's own temporary directory.
+Error system_temporary_directory(char *buffer, size_t size);
 
 // ---- Time, environment and process --------------------------------------------------------------
 

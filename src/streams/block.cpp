@@ -56,8 +56,9 @@ bool refill(Block *block) {
   block->start = block->position;
   block->valid = 0;
   if (!block->readable || past_known_length(*block, block->start)) return true;
-  if (!move_handle_to_start(block)) return true;
-  const int32_t count = psp_fileRead(block->file, block->data, kBlockBytes);
+  const bool moved = move_handle_to_start(block);
+  const int32_t count = moved ? psp_fileRead(block->file, block->data, kBlockBytes) : -1;
+  if (count < 0) block->read_failed = true;
   if (count <= 0) return true;
   block->valid = static_cast<uint32_t>(count);
   block->handle_position += block->valid;
@@ -71,6 +72,7 @@ bool load_front(Block *block, uint32_t count) {
     if (past_known_length(*block, block->valid)) return false;
     const int32_t more =
         psp_fileRead(block->file, block->data + block->valid, kBlockBytes - block->valid);
+    if (more < 0) block->read_failed = true;
     if (more <= 0) return false;
     block->valid += static_cast<uint32_t>(more);
     block->handle_position = block->valid;

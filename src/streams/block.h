@@ -30,10 +30,11 @@ struct Block {
   uint64_t known_length;     // the file's length at open, raised by writes past it; 0: not taken
   uint64_t handle_position;  // where the file handle stands
   PSP_FH file;
-  uint32_t valid;  // bytes of data that may be read
-  uint32_t dirty;  // bytes of data that wait to be written
-  bool readable;   // false: opened for writing only, reads would be refused
-  bool movable;    // false: a standard channel, whose handle is used in sequence only
+  uint32_t valid;    // bytes of data that may be read
+  uint32_t dirty;    // bytes of data that wait to be written
+  bool readable;     // false: opened for writing only, reads would be refused
+  bool movable;      // false: a standard channel, whose handle is used in sequence only
+  bool read_failed;  // once; the functions that read characters take it for the end
   unsigned char data[kBlockBytes + kVectorBytes];  // a vector may be loaded at every byte
 
   // The position's place in data; beyond every size when it lies before the start.

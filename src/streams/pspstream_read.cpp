@@ -190,13 +190,6 @@ LinePart read_line_part(psp_stream *stream, char *buffer, size_t room) {
   return {length, false};
 }
 
-// A line buffer of psp_fGetLine and what it holds.
-struct Line {
-  char *text;
-  uint32_t size;  // bytes of the buffer
-  uint32_t length;
-};
-
 enum class Part { kWhole, kBeginning, kNothing };
 
 // Reads on behind what the line holds, and terminates it.
@@ -209,9 +202,9 @@ Part append_part(psp_stream *stream, Line *line) {
   return part.whole ? Part::kWhole : Part::kBeginning;
 }
 
-bool grow(Line *line) {
+bool grow(Line *line, uint32_t growth_bytes = kLineGrowthBytes) {
   uint32_t size = 0;
-  if (!checked_add(line->size, kLineGrowthBytes, &size)) return false;
+  if (!checked_add(line->size, growth_bytes, &size)) return false;
   void *text = psp_extendMem(line->text, size, nullptr, 0, 0, kSource, __LINE__);
   if (text == nullptr) return false;
   line->text = static_cast<char *>(text);
@@ -251,6 +244,31 @@ char *read_line(psp_stream *stream, char **buffer, uint32_t *size) {
 }
 
 }  // namespace
+
+LineResult read_whole_line(psp_stream *stream, Line *line) {
+  constexpr uint32_t kFirstBytes = 256;
+  const Block &block = *stream->block;
+  line->length = 0;
+  for (;;) {
+    if (line->size - line->length < 2 && !grow(line, std::max(line->size, kFirstBytes))) {
+      return LineResult::kNoMemory;
+    }
+    const uint32_t room = line->size - line->length - 1;
+    const LinePart part = read_line_part(stream, line->text + line->length, room);
+    line->length += static_cast<uint32_t>(part.length);
+    line->text[line->length] = '\0';
+    if (part.whole) return LineResult::kRead;
+    if (part.length == room) continue;
+    // The end leaves an empty block; a byte 0xFF, which reads as the end, stands in one.
+    if (block.valid == 0) break;
+    line->text[line->length++] = '\xFF';
+    line->text[line->length] = '\0';
+  }
+  const bool is_short = block.known_length != 0 && !past_known_length(block, block.position);
+  if (block.read_failed || is_short) return LineResult::kFailed;
+  return line->length != 0 ? LineResult::kRead : LineResult::kFileEnd;
+}
+
 }  // namespace psp::streams
 
 using namespace psp;

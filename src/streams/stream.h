@@ -1,6 +1,7 @@
 // The stream record, and what pspstream offers beside the functions of psp.h.
 //
-// Included by the modules of this folder, and by the service module for set_running_as_service.
+// Included by the modules of this folder, by ini/ for whole lines and texts, and by the service
+// module for set_running_as_service.
 #pragma once
 
 #include <cstddef>
@@ -17,6 +18,19 @@ inline constexpr uint32_t kPushBackEntries = 20;
 // and line feed. Obtains no memory and formats nothing, so that it may run under a channel's lock.
 // The result is the length (at most INT32_MAX), or -1 at the first byte that fails.
 int32_t put_text(psp_stream *stream, const char *text, size_t length);
+
+// A line of a file, in a block of the default tag that its owner releases; begins as {}.
+struct Line {
+  char *text;
+  uint32_t size;    // bytes of the block
+  uint32_t length;  // bytes of the line, its line feed included; a zero byte follows
+};
+
+enum class LineResult { kRead, kFileEnd, kFailed, kNoMemory };
+
+// psp_fGetLine for those who must lose nothing: a byte 0xFF is a byte of the line like any other,
+// zero bytes are counted, and a failed read, or memory that runs out, is told from the end.
+LineResult read_whole_line(psp_stream *stream, Line *line);
 
 // From now on the log functions write nothing to the standard output and standard error channels:
 // a service has no console. The log is still written.

@@ -1,6 +1,7 @@
 // The platform layer of the fault tests: each function of os.h forwards to the real one, unless it
 // is to fail. A function fails before it has done anything, save the close, which frees its
 // descriptor whatever it returns.
+#include <cstdlib>
 #include <type_traits>
 
 #include "support/faults.h"
@@ -73,6 +74,13 @@ using faults::Os;
   result name parameters { return faults::call<Os::name>(&name __VA_OPT__(, ) __VA_ARGS__); }
 PSP_OS_FALLIBLE(PSP_FORWARD)
 PSP_OS_OTHERS(PSP_FORWARD)
+
+#define PSP_FORWARD_END(name, result, parameters, ...)        \
+  result name parameters {                                    \
+    faults::call<Os::name>(&name __VA_OPT__(, ) __VA_ARGS__); \
+    std::abort();                                             \
+  }
+PSP_OS_ENDS(PSP_FORWARD_END)
 
 #define PSP_FORWARD_TRANSFER(name, result, parameters, ...) \
   result name parameters {                                  \

@@ -1,5 +1,6 @@
 // Every function of os.h, as lists of X(name, result, parameters, arguments...): those that can
-// fail, the transfers of files (which can fail, or move less than asked for), and the others.
+// fail, the transfers of files (which can fail, or move less than asked for), the others, and those
+// that do not return.
 //
 // Included by real_os.cpp, which compiles against the renamed platform layer, and by faults.h. A
 // function that os.h gains and this list lacks leaves the fault tests unlinked.
@@ -12,6 +13,16 @@
     milliseconds)                                                                                  \
   X(install_thread_exit_hook, Error, (void (*hook)()), hook)                                       \
   X(enable_barrier_in_all_threads, bool, ())                                                       \
+  X(thread_start, Error,                                                                           \
+    (void (*function)(void *), void *argument, size_t stack_bytes, uintptr_t *handle), function,   \
+    argument, stack_bytes, handle)                                                                 \
+  X(thread_set_priority, Error, (uintptr_t handle, ThreadPriority priority), handle, priority)     \
+  X(directory_create, Error, (const char *name), name)                                             \
+  X(directory_remove, Error, (const char *name), name)                                             \
+  X(directory_open, Error, (const char *name, Directory *directory), name, directory)              \
+  X(directory_next, bool, (Directory * directory, DirectoryEntry * entry), directory, entry)       \
+  X(current_directory, Error, (char *buffer, size_t size), buffer, size)                           \
+  X(system_temporary_directory, Error, (char *buffer, size_t size), buffer, size)                  \
   X(arm_thread_exit_hook, bool, ())                                                                \
   X(file_open, Error, (const char *name, const OpenOptions &options, File *file), name, options,   \
     file)                                                                                          \
@@ -24,6 +35,9 @@
   X(file_lock_first_byte, Error, (File * file), file)                                              \
   X(file_unlock_first_byte, Error, (File * file), file)                                            \
   X(file_status, Error, (const char *name, FileStatus *status), name, status)                      \
+  X(file_remove, Error, (const char *name), name)                                                  \
+  X(file_rename, Error, (const char *old_name, const char *new_name), old_name, new_name)          \
+  X(file_replace, Error, (const char *old_name, const char *new_name), old_name, new_name)         \
   X(counter_frequency, bool, (int64_t * frequency), frequency)                                     \
   X(local_time, bool, (int64_t seconds, std::tm * result), seconds, result)                        \
   X(time_text, const char *, (int64_t seconds), seconds)                                           \
@@ -45,25 +59,33 @@
     (File * file, int64_t offset, const void *buffer, uint32_t count, uint32_t *done), file,     \
     offset, buffer, count, done)
 
-#define PSP_OS_OTHERS(X)                                                \
-  X(last_error, Error, ())                                              \
-  X(refusal_code, Error, (Refusal refusal), refusal)                    \
-  X(barrier_in_all_threads, void, ())                                   \
-  X(set_last_error, void, (Error error), error)                         \
-  X(release_pages, void, (void *pages, size_t bytes), pages, bytes)     \
-  X(wake_one, void, (const std::atomic<uint32_t> &word), word)          \
-  X(wake_all, void, (const std::atomic<uint32_t> &word), word)          \
-  X(remove_thread_exit_hook, void, ())                                  \
-  X(yield_thread, void, ())                                             \
-  X(sleep_milliseconds, void, (uint32_t milliseconds), milliseconds)    \
-  X(file_condition, Condition, (Error error), error)                    \
-  X(calendar_seconds, int64_t, (uint32_t * milliseconds), milliseconds) \
-  X(counter_value, int64_t, ())                                         \
-  X(process_id, int32_t, ())                                            \
-  X(decimal_point, const char *, ())                                    \
+#define PSP_OS_OTHERS(X)                                                                   \
+  X(last_error, Error, ())                                                                 \
+  X(refusal_code, Error, (Refusal refusal), refusal)                                       \
+  X(barrier_in_all_threads, void, ())                                                      \
+  X(set_last_error, void, (Error error), error)                                            \
+  X(release_pages, void, (void *pages, size_t bytes), pages, bytes)                        \
+  X(wake_one, void, (const std::atomic<uint32_t> &word), word)                             \
+  X(wake_all, void, (const std::atomic<uint32_t> &word), word)                             \
+  X(remove_thread_exit_hook, void, ())                                                     \
+  X(thread_id, uint32_t, ())                                                               \
+  X(directory_close, void, (Directory * directory), directory)                             \
+  X(yield_thread, void, ())                                                                \
+  X(sleep_milliseconds, void, (uint32_t milliseconds), milliseconds)                       \
+  X(file_condition, Condition, (Error error), error)                                       \
+  X(names_are_equal, bool, (const char *first, const char *second), first, second)         \
+  X(names_lead_to_same_file, bool, (const char *first, const char *second), first, second) \
+  X(calendar_seconds, int64_t, (uint32_t * milliseconds), milliseconds)                    \
+  X(counter_value, int64_t, ())                                                            \
+  X(process_id, int32_t, ())                                                               \
+  X(decimal_point, const char *, ())                                                       \
   X(thousands_separator, const char *, ())
+
+// Those that do not return.
+#define PSP_OS_ENDS(X) X(thread_end, void, ())
 
 #define PSP_OS_FUNCTIONS(X) \
   PSP_OS_FALLIBLE(X)        \
   PSP_OS_TRANSFERS(X)       \
-  PSP_OS_OTHERS(X)
+  PSP_OS_OTHERS(X)          \
+  PSP_OS_ENDS(X)

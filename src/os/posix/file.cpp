@@ -504,6 +504,7 @@ Error file_status(const char *name, FileStatus *status) {
   if (retry_interrupted([&] { return stat(path, &answer); }) == -1) return last_error();
   status->size = answer.st_size;
   status->modified_seconds = answer.st_mtime;
+  status->is_directory = S_ISDIR(answer.st_mode);
   return 0;
 }
 
@@ -519,6 +520,12 @@ Condition file_condition(Error error) {
       return Condition::kShortOfMemory;
     case ENOBUFS:
       return Condition::kTooLargeForSystem;
+    case EEXIST:
+      return Condition::kAlreadyExists;
+    case ENOENT:
+      return Condition::kNotFound;
+    case ERANGE:
+      return Condition::kBufferTooSmall;
     default:
       return Condition::kOther;
   }

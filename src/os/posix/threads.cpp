@@ -1,5 +1,5 @@
-// Last error, address space, waiting on a word and the end of threads, for POSIX systems with
-// futexes.
+// Last error, address space, waiting on a word, and the start and end of threads, for POSIX systems
+// with futexes.
 //
 // Owns one thread-specific key, whose destructor is the thread-exit hook. It takes no lock: a hook
 // is installed and removed while no other thread arms one (the library's first start and last
@@ -7,20 +7,24 @@
 //
 // Waiting, waking and giving back keep errno, because they run between a failure and the caller's
 // look at its code.
-
-#include <errno.h>
+#include "os/posix/posix.h"
+// posix.h comes before every system header.
 #include <linux/futex.h>
 #include <linux/membarrier.h>
 #include <pthread.h>
 #include <sched.h>
+#include <signal.h>
 #include <sys/mman.h>
+#include <sys/resource.h>
 #include <sys/syscall.h>
 #include <time.h>
 #include <unistd.h>
 
-#include <climits>
+#include <algorithm>
+#include <cstdlib>
+#include <new>
 
-#include "os/os.h"
+#include "core/checked.h"
 
 namespace psp::os {
 namespace {
@@ -177,5 +181,122 @@ void sleep_milliseconds(uint32_t milliseconds) {
   while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
   }
 }
+
+// ---- Start, end and priority of threads ---------------------------------------------------------
+
+namespace {
+
+// Enough for what thread-local storage and the C runtime may take of any stack.
+constexpr size_t kAmpleStackBytes = size_t{1} << 20;
+
+// The kernel schedules threads of the ordinary class by their nice values, which Linux keeps for
+// each thread: a step of ten gives or takes nine tenths of a processor that two threads contend
+// for, as two steps of another system's priorities do, and starves nobody. The real-time classes
+// would: a thread of theirs that does not sleep stops all others. Going down wants no right, going
+// up, be it back to normal, wants one.
+constexpr int kLowestNice = 10;
+constexpr int kNormalNice = 0;
+constexpr int kHighestNice = -10;
+
+int nice_value(ThreadPriority priority) {
+  if (priority == ThreadPriority::kLowest) return kLowestNice;
+  return priority == ThreadPriority::kHighest ? kHighestNice : kNormalNice;
+}
+
+struct Start {
+  void (*function)(void *);
+  void *argument;
+};
+
+void *run_start(void *place) {
+  const Start start = *static_cast<Start *>(place);
+  std::free(place);
+  start.function(start.argument);
+  return nullptr;
+}
+
+// Stands on the stack of the creator, who waits for the identifier and then goes on.
+struct WatchedStart {
+  Start start;
+  std::atomic<uint32_t> id{0};
+};
+
+void *run_watched_start(void *place) {
+  auto *watched = static_cast<WatchedStart *>(place);
+  const Start start = watched->start;
+  const std::atomic<uint32_t> &id = watched->id;
+  watched->id.store(thread_id(), std::memory_order_release);
+  wake_one(id);  // the word may be gone, see there
+  start.function(start.argument);
+  return nullptr;
+}
+
+// A stack may be too small for the storage that the thread gets there before it runs; nobody tells
+// how much that is, but the refusal is a code of its own.
+int create_detached(size_t stack_bytes, void *(*run)(void *), void *place) {
+  pthread_attr_t attributes;
+  int error = pthread_attr_init(&attributes);
+  if (error != 0) return error;
+  pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
+  size_t size = stack_bytes;
+  if (size != 0) size = std::max(size, static_cast<size_t>(PTHREAD_STACK_MIN));
+  pthread_t thread;
+  for (;;) {
+    if (size != 0) error = pthread_attr_setstacksize(&attributes, size);
+    if (error == 0) error = pthread_create(&thread, &attributes, run, place);
+    if (error != EINVAL || size == 0 || size >= kAmpleStackBytes) break;
+    size *= 2;
+  }
+  pthread_attr_destroy(&attributes);
+  return error;
+}
+
+Error start_unwatched(const Start &start, size_t stack_bytes) {
+  void *place = std::malloc(sizeof(Start));
+  if (place == nullptr) return ENOMEM;
+  const int error = create_detached(stack_bytes, run_start, new (place) Start(start));
+  if (error != 0) std::free(place);
+  return static_cast<Error>(error);
+}
+
+Error start_watched(const Start &start, size_t stack_bytes, uintptr_t *handle) {
+  WatchedStart watched{start};
+  const int error = create_detached(stack_bytes, run_watched_start, &watched);
+  if (error != 0) return static_cast<Error>(error);
+  uint32_t id = 0;
+  while ((id = watched.id.load(std::memory_order_acquire)) == 0) {
+    wait_on_address(watched.id, 0, kNoTimeLimit);
+  }
+  *handle = id;
+  return 0;
+}
+
+}  // namespace
+
+// The handle is the kernel's identifier of the thread. A thread whose handle nobody wants starts
+// without anybody waiting for it.
+Error thread_start(void (*function)(void *), void *argument, size_t stack_bytes,
+                   uintptr_t *handle) {
+  const int before = errno;
+  const Start start{function, argument};
+  const Error error = handle != nullptr ? start_watched(start, stack_bytes, handle)
+                                        : start_unwatched(start, stack_bytes);
+  set_last_error(error != 0 ? error : static_cast<Error>(before));
+  return error;
+}
+
+void thread_end() { pthread_exit(nullptr); }
+
+// To setpriority, 0 is the calling thread, and the identifier of an ended thread may by now be that
+// of another process's: neither is meant.
+Error thread_set_priority(uintptr_t handle, ThreadPriority priority) {
+  if (handle == 0 || !fits<pid_t>(handle)) return fail(ESRCH);
+  const auto id = static_cast<pid_t>(handle);
+  if (syscall(SYS_tgkill, getpid(), id, 0) == -1) return last_error();
+  const int result = setpriority(PRIO_PROCESS, static_cast<id_t>(id), nice_value(priority));
+  return result == -1 ? last_error() : 0;
+}
+
+uint32_t thread_id() { return static_cast<uint32_t>(syscall(SYS_gettid)); }
 
 }  // namespace psp::os

@@ -1,0 +1,343 @@
+// Names for POSIX systems: which are the same, removing, renaming that never replaces, and
+// replacing in one step.
+//
+// Owns one counter, which tells temporary names apart and needs no guard. A rename within a file
+// system is one system call.
+#include "os/posix/posix.h"
+// posix.h comes before every system header.
+#include <fcntl.h>
+#include <stdio.h>
+#include <sys/stat.h>
+#include <sys/syscall.h>
+#include <time.h>
+#include <unistd.h>
+
+namespace psp::os {
+
+namespace {
+
+constexpr size_t kPieceBytes = 8192;  // of a copy; it lies on the stack
+constexpr int kTemporaryTries = 100;
+constexpr mode_t kOwnerOnly = 0600;
+constexpr mode_t kPermissionBits = 07777;
+constexpr mode_t kSetIdBits = S_ISUID | S_ISGID;
+constexpr unsigned kNoReplace = 1;  // RENAME_NOREPLACE, which not every C library has
+
+constinit std::atomic<uint32_t> temporary_names{0};
+
+// A path, relative to an open directory.
+struct Place {
+  int directory;
+  const char *path;
+};
+
+bool find(const Place &place, struct stat *status) {
+  return retry_interrupted([&] {
+           return fstatat(place.directory, place.path, status, AT_SYMLINK_NOFOLLOW);
+         }) == 0;
+}
+
+Error remove_file(const Place &place) {
+  return unlinkat(place.directory, place.path, 0) == 0 ? 0 : last_error();
+}
+
+// Takes the old name from a file that has got the new one; or, failing that, the new one again.
+Error finish_renaming(const Place &from, const Place &to) {
+  const Error error = remove_file(from);
+  if (error == 0) return 0;
+  remove_file(to);
+  return fail(error);
+}
+
+// ---- Renaming without replacing -----------------------------------------------------------------
+
+bool has_no_second_names(Error error) {
+  return error == EPERM || error == EMLINK || error == ENOSYS || error == EOPNOTSUPP;
+}
+
+Error rename_after_look(const Place &from, const Place &to) {
+  struct stat there = {};
+  if (find(to, &there)) return fail(EEXIST);
+  if (errno != ENOENT) return last_error();
+  return renameat(from.directory, from.path, to.directory, to.path) == 0 ? 0 : last_error();
+}
+
+// For kernels and file systems (network and user-space ones) that cannot rename without replacing.
+//
+// A file gets the new name beside the old one, which fails if there is one, and then loses the old.
+// Nothing is ever replaced; in between, and for good after a crash there, it has both names.
+//
+// A directory cannot have two names, nor can a file on some file systems. They are renamed after a
+// look at the new name, and what appears there between the two steps is replaced: by a directory
+// only an empty directory, by a file any other file. There is no better way left.
+Error rename_in_steps(const Place &from, const Place &to) {
+  struct stat status = {};
+  if (!find(from, &status)) return last_error();
+  if (S_ISDIR(status.st_mode)) return rename_after_look(from, to);
+  if (linkat(from.directory, from.path, to.directory, to.path, 0) == 0) {
+    return finish_renaming(from, to);
+  }
+  const Error error = last_error();
+  return has_no_second_names(error) ? rename_after_look(from, to) : error;
+}
+
+Error rename_without_replacing(const Place &from, const Place &to) {
+  const long renamed = retry_interrupted([&] {
+    return syscall(SYS_renameat2, from.directory, from.path, to.directory, to.path, kNoReplace);
+  });
+  if (renamed == 0) return 0;
+  // A directory that would get inside itself is invalid too, and meets the same answer again.
+  return errno == EINVAL || errno == ENOSYS ? rename_in_steps(from, to) : last_error();
+}
+
+Error rename_replacing(const Place &from, const Place &to) {
+  return renameat(from.directory, from.path, to.directory, to.path) == 0 ? 0 : last_error();
+}
+
+// ---- The directory around a name ----------------------------------------------------------------
+
+// The open directory that holds a name, and the name's last component.
+class Surroundings {
+ public:
+  Surroundings() = default;
+  Surroundings(const Surroundings &) = delete;
+  Surroundings &operator=(const Surroundings &) = delete;
+  ~Surroundings() {
+    LastErrorKeeper keeper;
+    if (directory_ != -1) close(directory_);
+  }
+
+  Error open_for(const char *path);
+
+  Place place(const char *name) const { return {directory_, name}; }
+  Place last() const { return place(last_); }
+
+  // Makes the names in the directory durable, where the file system can.
+  Error sync() const {
+    if (retry_interrupted([&] { return fsync(directory_); }) == 0) return 0;
+    return errno == EINVAL || errno == EOPNOTSUPP ? 0 : last_error();
+  }
+
+ private:
+  int directory_ = -1;
+  const char *last_ = nullptr;
+};
+
+Error Surroundings::open_for(const char *path) {
+  const char *slash = strrchr(path, '/');
+  last_ = slash == nullptr ? path : slash + 1;
+  if (*last_ == '\0') return fail(*path == '\0' ? ENOENT : ENOTDIR);
+  NameBuffer directory = ".";
+  if (slash != nullptr) {
+    const size_t length = slash == path ? 1 : static_cast<size_t>(slash - path);
+    if (length >= sizeof(directory)) return fail(ENAMETOOLONG);
+    memcpy(directory, path, length);
+    directory[length] = '\0';
+  }
+  constexpr int kFlags = O_DIRECTORY | O_CLOEXEC;
+  directory_ = retry_interrupted([&] { return open(directory, O_RDONLY | kFlags); });
+  // One that may be used but not read can be used, though not synced.
+  if (directory_ == -1 && errno == EACCES) directory_ = open(directory, O_PATH | kFlags);
+  return directory_ == -1 ? last_error() : 0;
+}
+
+// ---- Moving a file to another file system -------------------------------------------------------
+
+using TemporaryName = char[64];
+
+Error create_temporary(const Surroundings &around, TemporaryName &name, int *fd) {
+  for (int tries = 0; tries < kTemporaryTries; ++tries) {
+    timespec now = {};
+    clock_gettime(CLOCK_MONOTONIC, &now);
+    snprintf(name, sizeof(name), ".psp-%d-%u-%ld.tmp", static_cast<int>(getpid()),
+             temporary_names.fetch_add(1, std::memory_order_relaxed), now.tv_nsec);
+    const Place place = around.place(name);
+    *fd = retry_interrupted([&] {
+      return openat(place.directory, place.path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY,
+                    kOwnerOnly);
+    });
+    if (*fd != -1) return 0;
+    if (errno != EEXIST) break;
+  }
+  return last_error();
+}
+
+Error write_piece(int fd, const char *bytes, size_t count) {
+  while (count > 0) {
+    const ssize_t written = retry_interrupted([&] { return write(fd, bytes, count); });
+    if (written == -1) return last_error();
+    bytes += written;
+    count -= static_cast<size_t>(written);
+  }
+  return 0;
+}
+
+Error copy_content(File *from, int to) {
+  char piece[kPieceBytes];
+  for (;;) {
+    uint32_t count = 0;
+    Error error = file_read(from, piece, kPieceBytes, &count);
+    if (error == 0 && count == 0) return 0;
+    if (error == 0) error = write_piece(to, piece, count);
+    if (error != 0) return error;
+  }
+}
+
+// The permissions that a file may take over from one whose owner it could not get: those that run
+// it as the owner must not follow.
+mode_t permissions(const struct stat &model, bool same_owner) {
+  const mode_t bits = model.st_mode & kPermissionBits;
+  return same_owner ? bits : bits & ~kSetIdBits;
+}
+
+// Owner, permissions and times as far as the process may set them.
+void copy_attributes(int from, int to) {
+  LastErrorKeeper keeper;
+  struct stat model = {};
+  if (fstat(from, &model) == -1) return;
+  const bool same_owner = fchown(to, model.st_uid, model.st_gid) == 0;
+  fchmod(to, permissions(model, same_owner));
+  const timespec times[] = {model.st_atim, model.st_mtim};
+  futimens(to, times);
+}
+
+// Content, attributes and their way to the disk. Closes the copy whatever happens.
+Error fill_copy(File *from, int to) {
+  Error error = copy_content(from, to);
+  if (error == 0) copy_attributes(static_cast<int>(from->handle), to);
+  if (error == 0 && retry_interrupted([&] { return fsync(to); }) == -1) error = last_error();
+  if (close(to) == -1 && errno != EINTR && error == 0) error = last_error();
+  return error;
+}
+
+using Rename = Error (*)(const Place &from, const Place &to);
+
+// The copy stands under its name, durable but for the name itself, or nowhere.
+Error place_copy(File *from, const Surroundings &around, Rename rename_copy) {
+  TemporaryName temporary;
+  int fd = -1;
+  Error error = create_temporary(around, temporary, &fd);
+  if (error != 0) return error;
+  error = fill_copy(from, fd);
+  if (error == 0) error = rename_copy(around.place(temporary), around.last());
+  if (error == 0) return 0;
+  remove_file(around.place(temporary));
+  return fail(error);
+}
+
+Error open_for_move(const Place &from, File *file) {
+  struct stat status = {};
+  if (!find(from, &status)) return last_error();
+  if (!S_ISREG(status.st_mode)) return fail(EXDEV);
+  OpenOptions options;
+  options.read = true;
+  options.deny_write = true;
+  return file_open(from.path, options, file);
+}
+
+// Nobody who uses the library writes the file meanwhile: its handles would go on writing what has
+// lost its name. Extended attributes are not taken along. A crash may leave the temporary file, or
+// both names with the whole content; never less than one.
+Error rename_across(const char *old_path, const char *new_path) {
+  Surroundings around;
+  Error error = around.open_for(new_path);
+  if (error != 0) return error;
+  struct stat there = {};
+  if (find(around.last(), &there)) return fail(EEXIST);  // told before the whole copy is made
+  const Place from = {AT_FDCWD, old_path};
+  File file;
+  error = open_for_move(from, &file);
+  if (error != 0) return error;
+  error = place_copy(&file, around, rename_without_replacing);
+  if (error == 0) {
+    error = around.sync();
+    if (error != 0) remove_file(around.last());
+  }
+  if (error == 0) error = finish_renaming(from, around.last());
+  file_close(&file);
+  return error == 0 ? 0 : fail(error);
+}
+
+// From the new name on the replacement is made, and the old name is of no matter.
+Error replace_across(const char *old_path, const Surroundings &around) {
+  const Place from = {AT_FDCWD, old_path};
+  File file;
+  Error error = open_for_move(from, &file);
+  if (error != 0) return error;
+  error = place_copy(&file, around, rename_replacing);
+  if (error == 0) {
+    around.sync();
+    remove_file(from);
+  }
+  file_close(&file);
+  return error == 0 ? 0 : fail(error);
+}
+
+// Gives the replacement the owner and the permissions of what it replaces, so that a file that was
+// kept from others stays so.
+void take_over_permissions(const char *replacement, const Place &replaced) {
+  LastErrorKeeper keeper;
+  struct stat model = {};
+  if (!find(replaced, &model) || !S_ISREG(model.st_mode)) return;
+  const bool same_owner = lchown(replacement, model.st_uid, model.st_gid) == 0;
+  chmod(replacement, permissions(model, same_owner));
+}
+
+bool status_of(const char *name, struct stat *status) {
+  NameBuffer buffer;
+  const char *path = system_name(name, buffer);
+  return path != nullptr && retry_interrupted([&] { return stat(path, status); }) == 0;
+}
+
+}  // namespace
+
+bool names_are_equal(const char *first, const char *second) {
+  const auto system_character = [](char c) { return c == '\\' ? '/' : c; };
+  while (system_character(*first) == system_character(*second)) {
+    if (*first == '\0') return true;
+    ++first;
+    ++second;
+  }
+  return false;
+}
+
+bool names_lead_to_same_file(const char *first, const char *second) {
+  struct stat one = {};
+  struct stat other = {};
+  if (!status_of(first, &one) || !status_of(second, &other)) return false;
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+}
+
+Error file_remove(const char *name) {
+  NameBuffer buffer;
+  const char *path = system_name(name, buffer);
+  return path == nullptr ? last_error() : remove_file({AT_FDCWD, path});
+}
+
+Error file_rename(const char *old_name, const char *new_name) {
+  NameBuffer old_buffer;
+  NameBuffer new_buffer;
+  const char *old_path = system_name(old_name, old_buffer);
+  const char *new_path = system_name(new_name, new_buffer);
+  if (old_path == nullptr || new_path == nullptr) return last_error();
+  const Error error = rename_without_replacing({AT_FDCWD, old_path}, {AT_FDCWD, new_path});
+  return error == EXDEV ? rename_across(old_path, new_path) : error;
+}
+
+Error file_replace(const char *old_name, const char *new_name) {
+  NameBuffer old_buffer;
+  NameBuffer new_buffer;
+  const char *old_path = system_name(old_name, old_buffer);
+  const char *new_path = system_name(new_name, new_buffer);
+  if (old_path == nullptr || new_path == nullptr) return last_error();
+  Surroundings around;
+  Error error = around.open_for(new_path);
+  if (error != 0) return error;
+  take_over_permissions(old_path, around.last());
+  error = rename_replacing({AT_FDCWD, old_path}, around.last());
+  if (error == EXDEV) return replace_across(old_path, around);
+  if (error == 0) around.sync();
+  return error;
+}
+
+}  // namespace psp::os

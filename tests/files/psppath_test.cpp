@@ -1,0 +1,172 @@
+// Names as text, patterns, iteration, directories, the temporary directory.
+#include <gtest/gtest.h>
+#include <stdlib.h>
+
+#include <filesystem>
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+
+#include "files/files.h"
+#include "psp.h"
+
+namespace {
+
+class Paths : public testing::Test {
+ protected:
+  void SetUp() override {
+    std::string folder = testing::TempDir() + "psp_path_XXXXXX";
+    ASSERT_NE(mkdtemp(folder.data()), nullptr);
+    folder_ = folder;
+    ASSERT_EQ(psp_init(), PSP_OKAY);
+  }
+  void TearDown() override {
+    psp_term();
+    std::filesystem::remove_all(folder_);
+  }
+  std::string folder_;
+};
+
+std::string taken(char *text) {
+  std::string result = text != nullptr ? text : "(null)";
+  psp_freeMem(text, nullptr);
+  return result;
+}
+
+// The rules of a pattern, one after the other.
+bool slow_match(const char *name, const char *pattern) {
+  if (*pattern == '\0') return *name == '\0';
+  if (*pattern != '*') {
+    return *name != '\0' && (*pattern == '?' || toupper(*pattern) == toupper(*name)) &&
+           slow_match(name + 1, pattern + 1);
+  }
+  if (pattern[1] == '\0') return true;
+  for (; *name != '\0'; ++name) {
+    if (toupper(*name) == toupper(pattern[1]) && slow_match(name + 1, pattern + 2)) return true;
+  }
+  return false;
+}
+
+TEST(Pattern, MatchesAsToldForEveryShortNameAndPattern) {
+  const std::string letters = "aB*?";
+  const auto words = [&](size_t most) {
+    std::vector<std::string> all = {""};
+    for (size_t i = 0; i < all.size(); ++i) {
+      if (all[i].size() == most) continue;
+      for (const char c : letters) all.push_back(all[i] + c);
+    }
+    return all;
+  };
+  for (const std::string &pattern : words(5)) {
+    for (const std::string &name : words(4)) {
+      ASSERT_EQ(psp::files::matches_pattern(name.c_str(), pattern.c_str()),
+                slow_match(name.c_str(), pattern.c_str()))
+          << name << " against " << pattern;
+    }
+  }
+  const std::string long_name(20000, 'a');  // neither deep nor slow
+  EXPECT_FALSE(psp::files::matches_pattern(long_name.c_str(), "*a*a*a*a*a*a*a*b"));
+}
+
+TEST_F(Paths, NamesAreTakenApartAsText) {
+  const std::string here = taken(psp_currdir());
+  std::string base = here + "\\";
+  for (char &c : base) c = c == '/' ? '\\' : c;
+  for (const char *name : {"", ".", ".\\"}) EXPECT_EQ(taken(psp_fullpath(name)), base);
+  EXPECT_EQ(taken(psp_fullpath(nullptr)), base);
+  EXPECT_EQ(taken(psp_fullpath("./")), base + ".\\");
+  EXPECT_EQ(taken(psp_fullpath("C:/x")), "C:\\x\\");
+  EXPECT_EQ(taken(psp_fullpath("C:x")), base + "C:x\\");
+  EXPECT_EQ(taken(psp_fullpath("/tmp")), "\\tmp\\");
+  const char *const splits[][3] = {{"C:\\dir\\f.txt", "C:\\dir\\", "f.txt"},
+                                   {"C:f", "C:", "f"},
+                                   {"f", "(null)", "f"},
+                                   {"dir\\", "dir\\", "(null)"},
+                                   {"a/b/c", "a/b/", "c"},
+                                   {"a\\b/c", "a\\", "b/c"}};
+  for (const auto &[name, directory, file] : splits) {
+    char *directory_part, *file_part;
+    psp_pathSplit(name, &directory_part, &file_part);
+    EXPECT_EQ(taken(directory_part), directory);
+    EXPECT_EQ(taken(file_part), file);
+  }
+  EXPECT_STREQ(psp_pathStripDrive("1:abc"), "abc");
+  EXPECT_EQ(psp_pathIsDir("c:") + psp_pathIsDir("d\\"), 2);
+  EXPECT_EQ(psp_pathIsDir("dir/"), 0);
+  EXPECT_EQ(psp_pathIsDir(""), -1);
+}
+
+TEST_F(Paths, IterationMeetsEveryMatchAndTellsDirectories) {
+  for (int i = 0; i < 300; ++i) std::ofstream(folder_ + "/f" + std::to_string(i) + ".dat");
+  ASSERT_EQ(psp_dirCreate((folder_ + "\\sub.DAT").c_str()), PSP_OKAY);
+  psp_pathIter *iterator = psp_pathOpen((folder_ + "\\").c_str(), "*.Dat");
+  std::set<std::string> names;
+  uint32_t flag = 9;
+  while (const char *name = psp_pathNext(iterator, &flag)) {
+    EXPECT_EQ(flag, std::string(name) == "sub.DAT" ? 16u : 0u);
+    std::filesystem::remove(folder_ + "/" + name);  // entries go meanwhile
+    names.insert(name);
+  }
+  psp_pathClose(iterator);
+  EXPECT_EQ(names.size(), 301u);
+  EXPECT_EQ(psp_pathOpen(folder_.c_str(), "*.dat"), nullptr);
+  for (const char *all : {"*", "*.*"}) {
+    iterator = psp_pathOpen(folder_.c_str(), all);
+    for (names.clear(); const char *name = psp_pathNext(iterator, &flag);) names.insert(name);
+    psp_pathClose(iterator);
+    EXPECT_EQ(names, (std::set<std::string>{".", ".."}));
+  }
+  EXPECT_EQ(psp_pathOpen("", "*"), nullptr);
+  EXPECT_EQ(psp_pathOpen((folder_ + "/none").c_str(), "*"), nullptr);
+}
+
+TEST_F(Paths, DirectoriesComeWithTheirParentsAndGo) {
+  const std::string deep = folder_ + "/a/b\\c";
+  EXPECT_EQ(psp_dirCreateAll(deep.c_str()), PSP_OKAY);
+  EXPECT_EQ(psp_dirCreateAll(deep.c_str()), PSP_EXISTS);
+  EXPECT_EQ(psp_dirCreateAll((folder_ + "\\x\\y\\").c_str()), PSP_EXISTS);
+  EXPECT_TRUE(std::filesystem::is_directory(folder_ + "/x/y"));
+  std::ofstream(folder_ + "/file");
+  EXPECT_EQ(psp_dirCreateAll((folder_ + "/file/z").c_str()), PSP_FAILED);
+  EXPECT_EQ(psp_dirRemove((folder_ + "/a").c_str()), PSP_FAILED);
+  EXPECT_EQ(psp_dirRemove(deep.c_str()), PSP_OKAY);
+  EXPECT_EQ(psp_dirRemove(deep.c_str()), PSP_OKAY);
+  const psp_wchar invalid[] = {0xD800, 0};
+  EXPECT_EQ(psp_dirCreateW(invalid), PSP_FAILED);
+}
+
+TEST_F(Paths, TemporaryDirectoryIsProbedOnceForAllThreads) {
+  unsetenv("VKD_TMPDIR");
+  setenv("TEMP", "/nowhere", 1);
+  setenv("TMP", folder_.c_str(), 1);
+  std::string answers[4];
+  std::thread threads[4];
+  for (int i = 0; i < 4; ++i)
+    threads[i] = std::thread([&, i] { answers[i] = taken(psp_tmpdir(nullptr)); });
+  for (std::thread &thread : threads) thread.join();
+  for (const std::string &answer : answers) EXPECT_EQ(answer, folder_);
+  EXPECT_TRUE(std::filesystem::is_empty(folder_));
+  setenv("TMP", "/", 1);
+  uint32_t counter = 7;
+  const std::string name = taken(psp_fileCreateTmpName(&counter, nullptr, "x", nullptr));
+  EXPECT_EQ(counter, 8u);
+  EXPECT_EQ(name.rfind(folder_ + "\\temp_", 0), 0u);
+  char tail[40];
+  psp_snprintf(tail, sizeof tail, "_%010u_007.x", psp_get_pid());
+  EXPECT_NE(name.find(tail), std::string::npos) << name;
+  setenv("VKD_TMPDIR", "not there", 1);
+  EXPECT_EQ(taken(psp_tmpdir(nullptr)), "not there");
+}
+
+TEST(NoDisk, HasNoDirectories) {
+  psp_nodisk();
+  ASSERT_EQ(psp_init(), PSP_OKAY);
+  EXPECT_EQ(taken(psp_fullpath("a")), "\\a\\");
+  EXPECT_EQ(psp_pathOpen("/", "*"), nullptr);
+  EXPECT_EQ(psp_dirCreateAll("/tmp/x"), PSP_FAILED);
+  EXPECT_EQ(psp_dirRemove("/nowhere"), PSP_FAILED);
+  psp_term();
+}
+
+}  // namespace

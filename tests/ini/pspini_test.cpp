@@ -1,0 +1,269 @@
+// INI files: the reader against a list of lines, updates against their examples, and files that
+// are never lost.
+#include <gtest/gtest.h>
+#include <signal.h>
+#include <sys/resource.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <array>
+#include <filesystem>
+#include <fstream>
+#include <random>
+#include <sstream>
+#include <string>
+#include <thread>
+
+#include "psp.h"
+
+namespace {
+
+using std::string;
+
+class Ini : public testing::Test {
+ protected:
+  void SetUp() override {
+    const bool memory = std::filesystem::exists("/dev/shm");  // where a sync costs nothing
+    folder = (memory ? "/dev/shm/psp_ini." : "psp_ini.") + std::to_string(getpid());
+    std::filesystem::create_directory(folder);
+    path = folder + "/a.ini";
+    ASSERT_EQ(psp_init(), PSP_OKAY);
+  }
+  void TearDown() override {
+    psp_term();
+    std::filesystem::remove_all(folder);
+  }
+  void put(const string &text) const { std::ofstream(path, std::ios::binary) << text; }
+  string content() const {
+    std::ifstream file(path, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+  }
+  // The value, or the names with "|" between them, or "#" and the status.
+  string get(const char *section, const char *key) const {
+    char buffer[2000];
+    const psp_status status = psp_iniGet(path.c_str(), section, key, buffer, sizeof buffer);
+    if (status != PSP_OKAY) return "#" + std::to_string(status);
+    for (char *end = buffer; *(end += strlen(end)) == '\0' && end[1] != '\0';) *end = '|';
+    return buffer;
+  }
+  psp_status set(const char *section, const char *key, const char *value) const {
+    return psp_iniSet(path.c_str(), section, key, value);
+  }
+  // The file after an update, with the line ends of a text in memory.
+  string updated(const string &text, const char *section, const char *key, const char *value) {
+    put(text);
+    EXPECT_EQ(set(section, key, value), PSP_OKAY);
+    EXPECT_FALSE(std::filesystem::exists(folder + "/_temp_.ini"));
+    string result = content();
+    for (size_t at = 0; (at = result.find("\r\n", at)) != string::npos; ++at) result.erase(at, 1);
+    return result;
+  }
+  string folder, path;
+};
+
+TEST_F(Ini, ReadsLinesByteForByte) {
+  const string name(130, 'n'), value(1900, 'v');
+  const std::array<string, 4> rows[] = {
+      // lines of a section, its keys, a key, its value
+      {"x = 1 ; note\r\ny=2;3\n  z=5", "x|y|  z", "X", "1"},
+      {"k=\n=v\n   =v\nnovalue\n;=c", "k", "k", ""},
+      {"k\t=\tv \t\v\n#a==b= c", "k\t|#a", "k\t", "\tv"},
+      {string("a=1\rb=2\nb=1\0b=2\nc=3", 20), "a|b|c", "b", "1"},
+      {"a=\xFFx\n\xFF=2\nc=3\xFF", "a|\xFF|c", "c", "3\xFF"},
+      {"a=1\nA=2\n[S]\na=3", "a|A", "a", "1"},
+      {name + "=1\nv=" + value.substr(0, 128), name.substr(0, 127) + "|v", name, "#2"},
+      {"v=" + value.substr(0, 128), "v", "v", value.substr(0, 128)},
+      {"v=" + value, "v", "v", value},
+  };
+  for (const auto &[lines, keys, key, found] : rows) {
+    put("before=1\n[s] trailing\n" + lines);
+    psp_readIniFile(path.c_str());
+    EXPECT_EQ(get("s", nullptr), keys) << lines;
+    EXPECT_EQ(get("s", key.c_str()), found) << lines;
+  }
+  put("[u\n[ t ]\n[a]\n[b]\n[A]\nk=1\n");
+  psp_readIniFile(path.c_str());
+  EXPECT_EQ(get(nullptr, nullptr), "u| t |a|b|A");
+  EXPECT_EQ(get("a", "k"), "#2");
+}
+
+// What a plain walk over the lines of a file without comments and blanks finds.
+string walk(const string &text, const string &section, const string &key) {
+  std::istringstream lines(text);
+  int met = 0;  // 1: inside the first section of that name
+  for (string line; std::getline(lines, line);) {
+    if (line[0] == '[') {
+      met += met == 1 || strcasecmp(line.c_str(), ("[" + section + "]").c_str()) == 0;
+    } else if (met == 1 && strcasecmp(line.substr(0, line.find('=')).c_str(), key.c_str()) == 0) {
+      return line.substr(line.find('=') + 1);
+    }
+  }
+  return "#2";
+}
+
+TEST_F(Ini, RandomLookupsAndUpdatesAgreeWithAWalkOverTheLines) {
+  std::mt19937 random(7);
+  const auto name = [&random] {
+    string text = "long_common_name_";  // equal first words, letters and their neighbours
+    text.resize(random() % 3 * 8);
+    return text + "aAbBz`Z@{"[random() % 9];
+  };
+  for (int round = 0; round < 200; ++round) {
+    string text = "[" + name() + "]\n";
+    for (size_t count = random() % 300; count > 0; --count) {
+      const bool is_key = random() % 8 != 0;
+      text += is_key ? name() + "=" + std::to_string(count) + "\n" : "[" + name() + "]\n";
+    }
+    put(text);
+    psp_readIniFile(path.c_str());
+    for (int step = 0; step < 60; ++step) {
+      const string section = name(), key = name(), value = std::to_string(step);
+      ASSERT_EQ(get(section.c_str(), key.c_str()), walk(text, section, key)) << section << key;
+      if (step % 8 != 0) continue;
+      const bool removes = random() % 2 == 0;
+      const string before = text;
+      text = updated(text, section.c_str(), key.c_str(), removes ? nullptr : value.c_str());
+      ASSERT_EQ(walk(text, section, key), removes ? "#2" : value) << before;
+      const string other = name();
+      if (strcasecmp(other.c_str(), key.c_str()) != 0) {
+        ASSERT_EQ(walk(text, section, other), walk(before, section, other)) << before;
+      }
+    }
+  }
+}
+
+TEST_F(Ini, BufferOfEverySizeHoldsAllOrIsCut) {
+  put("[db]\nkey=seven77\n[log]\n");
+  const std::pair<const char *, string> rows[] = {{nullptr, {"db\0log\0", 7}},
+                                                  {"db", {"seven77\0", 8}}};
+  for (const auto &[section, result] : rows) {
+    for (uint32_t size = 2; size < 16; ++size) {
+      string buffer(20, '#');
+      const psp_status status =
+          psp_iniGet(path.c_str(), section, section ? "key" : nullptr, buffer.data(), size);
+      const bool fits = result.size() + 1 < size;
+      const size_t kept = fits ? result.size() : size - 1;
+      EXPECT_EQ(status, fits ? PSP_OKAY : PSP_ERR_BUFFERFULL);
+      EXPECT_EQ(buffer.substr(0, kept + 2), result.substr(0, kept) + string("\0#", 2));
+    }
+  }
+}
+
+TEST_F(Ini, NumbersAndWideFormsAndFailures) {
+  put("[s]\na=  -17abc\nb=abc\nc=9999999999\nd=-99999999999999999\ne=12345678901234567\n"
+      "f=123456789012345678\nw=\xE2\x82\xAC\nx=\xFE\n");
+  constexpr int32_t kFull = PSP_ERR_BUFFERFULL;
+  const int32_t expected[] = {-17, 0, INT32_MAX, kFull, INT32_MAX, kFull, PSP_FAILED};
+  for (int index = 0; index < 7; ++index) {
+    const char key[] = {"abcdefg"[index], 0};
+    int32_t number = 4711;
+    const psp_status status = psp_iniInt32(path.c_str(), "s", key, &number);
+    EXPECT_EQ(status == PSP_OKAY ? number : status, expected[index]) << index;
+    EXPECT_TRUE(status == PSP_OKAY || number == 4711);
+  }
+  const std::u16string wide(path.begin(), path.end());
+  psp_wchar buffer[4] = {7, 7, 7, 7};
+  EXPECT_EQ(psp_iniGetW(wide.c_str(), u"s", u"x", buffer, 4), PSP_ERR_NOMEMORY);
+  EXPECT_EQ(psp_iniGetW(wide.c_str(), u"s", u"gone", buffer, 4), PSP_FAILED);
+  EXPECT_EQ(psp_iniGetW(wide.c_str(), u"s", u"\xD800", buffer, 1), PSP_ERR_INVARG);
+  EXPECT_EQ(buffer[0], 7);
+  EXPECT_EQ(psp_iniGetW(wide.c_str(), u"s", u"w", buffer, 4), PSP_OKAY);
+  EXPECT_EQ(std::u16string(buffer), u"\u20AC");
+  EXPECT_EQ(psp_iniSetW(wide.c_str(), u"s", u"w", u"\u00E9"), PSP_OKAY);
+  EXPECT_EQ(get("s", "w"), "\xC3\xA9");
+
+  std::filesystem::remove(path);
+  EXPECT_EQ(psp_readIniFileW(wide.c_str()), PSP_OKAY);
+  EXPECT_EQ(get("s", "b"), "abc");
+  psp_readIniFile(path.c_str());
+  EXPECT_EQ(get("s", "b"), "#-905");
+  EXPECT_EQ(set("s", "b", "c"), PSP_ERR_NOFILE);
+  EXPECT_TRUE(std::filesystem::is_empty(folder));
+  path = folder + "/_temp_.ini";  // which its own update would empty
+  put("[s]\na=1\n");
+  EXPECT_EQ(set("s", "a", "2"), PSP_ERR_NOFILE);
+  EXPECT_EQ(content(), "[s]\na=1\n");
+}
+
+TEST_F(Ini, UpdateChangesOneLineAndKeepsTheOthers) {
+  const string text = "[db]\npath=x\n\n[log]\nlevel=3\n";
+  EXPECT_EQ(updated(text, "DB", "size", "10"), "[db]\npath=x\nsize=10\n\n[log]\nlevel=3\n");
+  EXPECT_EQ(content().substr(0, 6), "[db]\r\n");
+  EXPECT_EQ(updated(text, "log", "LEVEL", "4"), "[db]\npath=x\n\n[log]\nLEVEL=4\n");
+  EXPECT_EQ(updated(text, "net", "path", "y"), text + "\n[net]\npath=y\n");
+  EXPECT_EQ(updated(text, "db", nullptr, "y"), "[log]\nlevel=3\n");
+  EXPECT_EQ(updated(text, "db", "path", nullptr), "[db]\n[log]\nlevel=3\n");
+  EXPECT_EQ(updated("[log]\nlevel = 3", "log", "level", "4"), "[log]\nlevel = 3\nlevel=4\n");
+  EXPECT_EQ(get("log", "level"), "3");
+  EXPECT_EQ(updated("[a]\nk=1\n\n \t\nj\nK\nk=2\n\n", "a", "k", nullptr), "[a]\nj\n");
+  EXPECT_EQ(updated("[a]\n\n  in=1\n\nj\nK\n", "a", "k", "v"), "[a]\n\n  in=1\n\nj\nk=v\n");
+  EXPECT_EQ(updated("[a]\n  in=1\n\nk=1\n", "a", "k", nullptr), "[a]\n  in=1\n");
+  EXPECT_EQ(updated("[a]\nk=1\n\n", "a", "j", "2"), "[a]\nk=1\nj=2\n");
+  EXPECT_EQ(updated("k", "a", "j", "2"), "k\n\n[a]\nj=2\n");
+  EXPECT_EQ(updated("[a]", "a", "j", "2"), "[a]\nj=2\n");
+  // What no text should hold survives an update of another line.
+  const string odd("[o]\nz=\0\xFF\n\xFF\n\r=x", 14);
+  EXPECT_EQ(updated("[a]\nj=1\n" + odd, "a", "j", "2"), "[a]\nj=2\n" + odd);
+  EXPECT_EQ(updated(odd, "p", nullptr, nullptr), odd);
+}
+
+// Every state of the file is "[s]", the number and as many fillers as make a few blocks.
+string numbered(int number) {
+  return "[s]\r\nn=" + std::to_string(number) + "\r\n" + string(5000, 'f') + "\r\n";
+}
+
+TEST_F(Ini, KilledUpdateLeavesOldOrNewFile) {
+  std::mt19937 random(13);
+  put(numbered(0));
+  int inside = 0, changed = 0;
+  for (int round = 0; round < 300; ++round) {
+    const string before = content();
+    const pid_t child = fork();
+    if (child == 0) {
+      for (int number = before == numbered(0);; number ^= 1) set("s", "n", number == 0 ? "0" : "1");
+    }
+    const size_t spins = random() % 6000000;
+    for (size_t spin = 0; spin < spins; ++spin) asm volatile("");
+    kill(child, SIGKILL);
+    waitpid(child, nullptr, 0);
+    ASSERT_TRUE(content() == numbered(0) || content() == numbered(1)) << "round " << round;
+    inside += std::filesystem::exists(folder + "/_temp_.ini");
+    changed += content() != before;
+  }
+  EXPECT_GT(inside, 10);
+  EXPECT_GT(changed, 10);
+  ASSERT_EQ(set("s", "n", "2"), PSP_OKAY);
+  EXPECT_EQ(content(), numbered(2));
+}
+
+TEST_F(Ini, FullDiskLeavesOldFile) {
+  signal(SIGXFSZ, SIG_IGN);
+  put(numbered(0));
+  for (const rlim_t limit_bytes : {0, 1000, 1024, 4999, 5000}) {
+    for (const rlim_t limit : {limit_bytes, RLIM_INFINITY}) {
+      const rlimit limits = {limit, RLIM_INFINITY};
+      setrlimit(RLIMIT_FSIZE, &limits);
+      if (limit == limit_bytes) {
+        EXPECT_EQ(set("s", "n", "1"), PSP_ERR_REPLACEFILE);
+      }
+    }
+    EXPECT_EQ(content(), numbered(0));
+    EXPECT_FALSE(std::filesystem::exists(folder + "/_temp_.ini"));
+  }
+}
+
+TEST_F(Ini, UpdatesAndLookupsOfTwoThreadsAreWhole) {
+  put(numbered(1000));
+  std::thread writer([this] {
+    for (int number = 1000; number < 1100; ++number) {
+      EXPECT_EQ(set("s", "n", std::to_string(number).c_str()), PSP_OKAY);
+    }
+  });
+  for (int32_t number = 1000, last = 1000; last != 1099; last = number) {
+    ASSERT_EQ(psp_iniInt32(path.c_str(), "s", "n", &number), PSP_OKAY);
+    ASSERT_GE(number, last);
+  }
+  writer.join();
+}
+
+}  // namespace

@@ -1,0 +1,43 @@
+// Threads: start, end, identifier, stack, priority, and the locks of a thread that ends itself.
+#include <gtest/gtest.h>
+
+#include <atomic>
+
+#include "psp.h"
+
+namespace {
+
+struct Started {
+  psp_sync lock, gate;
+  std::atomic<uint32_t> id;
+  static void run(void *argument) {
+    auto *started = static_cast<Started *>(argument);
+    started->id = psp_threadId();
+    psp_syncEnterExcl(started->lock);
+    psp_syncResume(started->gate);
+    psp_threadEnd();
+  }
+};
+
+TEST(Thread, EndsByItselfAndGivesItsLocksUp) {
+  ASSERT_EQ(psp_init(), PSP_OKAY);
+  for (const uint32_t stack : {0u, 1u, 1u << 20}) {
+    Started started = {psp_syncCreate(PSP_SYNC_EXCL), psp_syncCreate(PSP_SYNC_EVENT), {}};
+    psp_syncStart(started.gate);
+    psp_threadHandle handle = 0;
+    ASSERT_EQ(psp_threadBeginEx(Started::run, stack, &started, &handle, PSP_PRIORITY_LOWEST, 0),
+              PSP_OKAY);
+    EXPECT_NE(handle, 0u);
+    ASSERT_EQ(psp_syncWait(started.gate, 30000), PSP_OKAY);
+    psp_syncEnterExcl(started.lock);  // waits for the end of the thread
+    psp_syncExitExcl(started.lock);
+    EXPECT_NE(started.id, psp_threadId());
+    psp_syncDelete(started.lock);
+    psp_syncDelete(started.gate);
+    EXPECT_EQ(psp_threadJoin(handle), PSP_NOTSUPPORTED);
+  }
+  EXPECT_EQ(psp_threadBegin(nullptr, 0, nullptr), PSP_FAILED);
+  psp_term();
+}
+
+}  // namespace
