@@ -4,6 +4,7 @@
 // section, so that the first of several concurrent starts does the work and the others wait for it.
 #include <cstdio>
 
+#include "core/critical_section.h"
 #include "core/lifecycle.h"
 #include "core/modules.h"
 #include "os/os.h"
@@ -46,14 +47,6 @@ psp_status start_modules() {
   }
   return PSP_OKAY;
 }
-
-class CriticalSection {
- public:
-  CriticalSection() { psp_enterCritSec(); }
-  ~CriticalSection() { psp_exitCritSec(); }
-  CriticalSection(const CriticalSection &) = delete;
-  CriticalSection &operator=(const CriticalSection &) = delete;
-};
 
 }  // namespace
 }  // namespace psp::core

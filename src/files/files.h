@@ -3,9 +3,29 @@
 // Included by the modules of files/ and by ini/.
 #pragma once
 
+#include "os/os.h"
 #include "psp.h"
 
 namespace psp::files {
+
+// A refusal of the library's own: the last error tells it like one of the platform's.
+inline os::Error refuse(os::Refusal refusal) {
+  const os::Error error = os::refusal_code(refusal);
+  os::set_last_error(error);
+  return error;
+}
+
+// Calls work with the wide name in UTF-8; gives `failure` where it cannot be converted.
+template <class Result, class Work>
+Result with_narrow(const psp_wchar *name, Result failure, Work &&work) {
+  refuse(os::Refusal::kInvalidArgument);  // which a conversion that runs out of memory replaces
+  char *narrow = name == nullptr ? nullptr : psp_convertToUTF8(name, PSP_UTF8_STRICT);
+  if (narrow == nullptr) return failure;
+  const Result result = work(narrow);
+  os::LastErrorKeeper keeper;
+  psp_freeMem(narrow, nullptr);
+  return result;
+}
 
 // Gives the file `replacement` the name of the existing file `name`, which goes. Where the platform
 // can, in one step that survives a crash: the name leads to one of the two files at any moment.

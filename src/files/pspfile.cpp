@@ -19,6 +19,7 @@
 #include "core/exported_call.h"
 #include "core/lifecycle.h"
 #include "core/modules.h"
+#include "files/files.h"
 #include "os/os.h"
 #include "psp.h"
 
@@ -50,13 +51,6 @@ struct State {
 };
 
 constinit State state;
-
-// A refusal of the library's own: the last error tells it like one of the platform's.
-os::Error refuse(os::Refusal refusal) {
-  const os::Error error = os::refusal_code(refusal);
-  os::set_last_error(error);
-  return error;
-}
 
 bool is_handle(const psp_file *file) {
   if (file != nullptr) return true;
@@ -134,16 +128,6 @@ psp_file *open_file(const char *name, uint32_t flags, uint16_t mode) {
     return nullptr;
   }
   file->flags &= ~(PSP_OPEN_CREATE | PSP_OPEN_TRUNCATE);
-  return file;
-}
-
-psp_file *open_file_wide(const psp_wchar *name, uint32_t flags, uint16_t mode) {
-  refuse(os::Refusal::kInvalidArgument);  // which a conversion that runs out of memory replaces
-  char *narrow = name == nullptr ? nullptr : psp_convertToUTF8(name, PSP_UTF8_STRICT);
-  if (narrow == nullptr) return nullptr;
-  psp_file *file = open_file(narrow, flags, mode);
-  os::LastErrorKeeper keeper;
-  psp_freeMem(narrow, nullptr);
   return file;
 }
 
@@ -260,7 +244,10 @@ PSP_FH psp_fileOpen(const char *name, uint32_t flags, uint16_t mode) {
 }
 
 PSP_FH psp_fileOpenW(const psp_wchar *name, uint32_t flags, uint16_t mode) {
-  return core::exported_call([&] { return open_file_wide(name, flags, mode); });
+  return core::exported_call([&] {
+    return with_narrow(name, PSP_FH{nullptr},
+                       [&](const char *narrow) { return open_file(narrow, flags, mode); });
+  });
 }
 
 void psp_fileClose(PSP_FH file) {

@@ -8,6 +8,7 @@
 #include "core/lifecycle.h"
 #include "files/files.h"
 #include "os/os.h"
+#include "text/ascii.h"
 
 namespace {
 
@@ -16,15 +17,6 @@ constexpr char kSeparator = '\\';
 constexpr uint32_t kDirectoryFlag = 0x10;
 
 bool is_separator(char character) { return character == '\\' || character == '/'; }
-
-bool is_letter(char character) {
-  return (character >= 'A' && character <= 'Z') || (character >= 'a' && character <= 'z');
-}
-
-char folded(char character) {
-  return character >= 'a' && character <= 'z' ? static_cast<char>(character - 'a' + 'A')
-                                              : character;
-}
 
 }  // namespace
 
@@ -54,14 +46,14 @@ bool matches_pattern(const char *name, const char *pattern) {
     } else if (*pattern == '\0' && *name == '\0') {
       return true;
     } else if (*pattern != '\0' && *name != '\0' &&
-               (*pattern == '?' || folded(*pattern) == folded(*name))) {
+               (*pattern == '?' || text::to_lower(*pattern) == text::to_lower(*name))) {
       ++pattern;
       ++name;
       continue;
     } else if (literal == nullptr) {
       return false;
     }
-    while (*place != '\0' && folded(*place) != folded(*literal)) ++place;
+    while (*place != '\0' && text::to_lower(*place) != text::to_lower(*literal)) ++place;
     if (*place == '\0') return false;
     name = ++place;
     pattern = literal + 1;
@@ -85,10 +77,10 @@ void give_back(void *memory) {
   psp_freeMem(memory, nullptr);
 }
 
-// A refusal of the library's own: the last error tells it like one of the platform's.
+// The result of a refused call.
 template <class Result>
-Result refuse(os::Refusal refusal, Result result) {
-  os::set_last_error(os::refusal_code(refusal));
+Result refused(os::Refusal refusal, Result result) {
+  refuse(refusal);
   return result;
 }
 
@@ -203,8 +195,8 @@ psp_pathIter *open_iteration(const char *directory, const char *pattern) {
 
 // Whether there is a name, and a disk for it.
 bool is_on_disk(const char *name) {
-  if (name == nullptr) return refuse(os::Refusal::kInvalidArgument, false);
-  return core::no_disk() ? refuse(os::Refusal::kAccessDenied, false) : true;
+  if (name == nullptr) return refused(os::Refusal::kInvalidArgument, false);
+  return core::no_disk() ? refused(os::Refusal::kAccessDenied, false) : true;
 }
 
 psp_status create_directory(const char *name) {
@@ -241,16 +233,6 @@ psp_status remove_directory(const char *name) {
   return is_gone ? PSP_OKAY : PSP_FAILED;
 }
 
-// Calls a narrow function with a wide name.
-psp_status with_narrow_name(const psp_wchar *name, psp_status (*work)(const char *)) {
-  refuse(os::Refusal::kInvalidArgument, 0);  // which a conversion without memory replaces
-  char *narrow = name != nullptr ? psp_convertToUTF8(name, PSP_UTF8_STRICT) : nullptr;
-  if (narrow == nullptr) return PSP_FAILED;
-  const psp_status status = work(narrow);
-  give_back(narrow);
-  return status;
-}
-
 }  // namespace
 }  // namespace psp::files
 
@@ -264,7 +246,7 @@ char *psp_currdir(void) {
 int32_t psp_pathIsFullyQualified(const char *name) {
   if (name == nullptr || *name == '\0') return 0;
   if (is_separator(name[0])) return 1;
-  return is_letter(name[0]) && name[1] == ':' && is_separator(name[2]) ? 1 : 0;
+  return text::is_letter(name[0]) && name[1] == ':' && is_separator(name[2]) ? 1 : 0;
 }
 
 char *psp_fullpath(const char *name) {
@@ -296,16 +278,16 @@ psp_pathIter *psp_pathOpenEx(const char *directory, uint16_t mode, const char *p
   const bool is_named = directory != nullptr && *directory != '\0' && pattern != nullptr;
   psp_pathIter *const none = nullptr;
   if (!is_named || (mode & PSP_FILE_MEMORY) != 0) {
-    return files::refuse(os::Refusal::kInvalidArgument, none);
+    return files::refused(os::Refusal::kInvalidArgument, none);
   }
-  if (core::no_disk()) return files::refuse(os::Refusal::kAccessDenied, none);
+  if (core::no_disk()) return files::refused(os::Refusal::kAccessDenied, none);
   return exported_call([&] { return files::open_iteration(directory, pattern); });
 }
 
 const char *psp_pathNext(psp_pathIter *iterator, uint32_t *directory) {
   const char *const none = nullptr;
   if (iterator == nullptr || directory == nullptr) {
-    return files::refuse(os::Refusal::kInvalidArgument, none);
+    return files::refused(os::Refusal::kInvalidArgument, none);
   }
   os::DirectoryEntry entry = iterator->found;
   if (!iterator->is_found_waiting && !files::find_next(iterator, &entry)) return nullptr;
@@ -323,7 +305,8 @@ void psp_pathClose(psp_pathIter *iterator) {
 psp_status psp_dirCreate(const char *name) { return files::create_directory(name); }
 
 psp_status psp_dirCreateW(const psp_wchar *name) {
-  return exported_call([&] { return files::with_narrow_name(name, files::create_directory); });
+  return exported_call(
+      [&] { return files::with_narrow(name, psp_status{PSP_FAILED}, files::create_directory); });
 }
 
 psp_status psp_dirCreateAll(const char *name) {
@@ -331,11 +314,13 @@ psp_status psp_dirCreateAll(const char *name) {
 }
 
 psp_status psp_dirCreateAllW(const psp_wchar *name) {
-  return exported_call([&] { return files::with_narrow_name(name, files::create_with_parents); });
+  return exported_call(
+      [&] { return files::with_narrow(name, psp_status{PSP_FAILED}, files::create_with_parents); });
 }
 
 psp_status psp_dirRemove(const char *name) { return files::remove_directory(name); }
 
 psp_status psp_dirRemoveW(const psp_wchar *name) {
-  return exported_call([&] { return files::with_narrow_name(name, files::remove_directory); });
+  return exported_call(
+      [&] { return files::with_narrow(name, psp_status{PSP_FAILED}, files::remove_directory); });
 }

@@ -5,6 +5,7 @@
 #include <atomic>
 #include <cstring>
 
+#include "core/critical_section.h"
 #include "core/exported_call.h"
 #include "core/modules.h"
 #include "os/os.h"
@@ -24,14 +25,6 @@ struct State {
 };
 
 constinit State state;
-
-class CriticalSection {
- public:
-  CriticalSection() { psp_enterCritSec(); }
-  ~CriticalSection() { psp_exitCritSec(); }
-  CriticalSection(const CriticalSection &) = delete;
-  CriticalSection &operator=(const CriticalSection &) = delete;
-};
 
 char *copy_text(const char *text, psp_tag *tag) {
   return static_cast<char *>(psp_getMem(0, tag, PSP_MEM_STRDUP, text, kSource, __LINE__));
@@ -102,7 +95,7 @@ Search find_directory(const char **directory) {
   char *found = state.found.load(std::memory_order_acquire);
   Search result = Search::kFound;
   if (found == nullptr) {
-    const CriticalSection inside;
+    const core::CriticalSection inside;
     found = state.found.load(std::memory_order_relaxed);
     if (found == nullptr) result = discover(&found);
     if (result == Search::kFound) state.found.store(found, std::memory_order_release);

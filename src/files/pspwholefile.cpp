@@ -14,6 +14,7 @@
 #include "files/files.h"
 #include "os/os.h"
 #include "psp.h"
+#include "text/ascii.h"
 
 namespace psp::files {
 namespace {
@@ -27,7 +28,6 @@ constexpr char kSeparator = '\\';
 bool in_store(uint16_t mode) { return (mode & PSP_FILE_MEMORY) != 0; }
 
 // A refusal of the library's own: the last error tells it like one of the platform's.
-void refuse(os::Refusal refusal) { os::set_last_error(os::refusal_code(refusal)); }
 
 bool are_names(const char *first, const char *second) {
   if (first != nullptr && second != nullptr) return true;
@@ -43,10 +43,7 @@ bool may_change_disk() {
 
 // ---- Names that are the same --------------------------------------------------------------------
 
-char fold(char c) {
-  if (c >= 'A' && c <= 'Z') return static_cast<char>(c - 'A' + 'a');
-  return c == '/' ? kSeparator : c;
-}
+char fold(char c) { return c == '/' ? kSeparator : text::to_lower(c); }
 
 bool store_names_are_equal(const char *first, const char *second) {
   for (; fold(*first) == fold(*second); ++first, ++second) {
@@ -328,18 +325,6 @@ psp_status move_directory(const char *source, uint16_t source_mode, const char *
 }
 
 // ---- Wide names ---------------------------------------------------------------------------------
-
-// Calls work with the name in UTF-8; gives `failure` where it cannot be converted.
-template <class Work>
-int32_t with_narrow(const psp_wchar *name, int32_t failure, Work &&work) {
-  refuse(os::Refusal::kInvalidArgument);  // which a conversion that runs out of memory replaces
-  char *narrow = name == nullptr ? nullptr : psp_convertToUTF8(name, PSP_UTF8_STRICT);
-  if (narrow == nullptr) return failure;
-  const int32_t result = work(narrow);
-  os::LastErrorKeeper keeper;
-  psp_freeMem(narrow, nullptr);
-  return result;
-}
 
 using PairOperation = psp_status (*)(const char *first, uint16_t first_mode, const char *second,
                                      uint16_t second_mode);

@@ -25,6 +25,7 @@
 #include "core/sync.h"
 #include "os/os.h"
 #include "streams/stream.h"
+#include "text/ascii.h"
 
 namespace psp::streams {
 
@@ -84,17 +85,13 @@ psp_stream *stream_of(const Channel &channel) {
 
 // ---- Outputs ------------------------------------------------------------------------------------
 
-char lower_case(char letter) {
-  return letter >= 'A' && letter <= 'Z' ? static_cast<char>(letter - 'A' + 'a') : letter;
-}
-
 bool same_name(const char *first, const char *second) {
   if (first == nullptr || second == nullptr) return first == second;
-  while (*first != '\0' && lower_case(*first) == lower_case(*second)) {
+  while (*first != '\0' && text::to_lower(*first) == text::to_lower(*second)) {
     ++first;
     ++second;
   }
-  return lower_case(*first) == lower_case(*second);
+  return text::to_lower(*first) == text::to_lower(*second);
 }
 
 Output *find_output(const Channel &channel, const char *name) {

@@ -10,18 +10,14 @@
 #endif
 
 #include "psp.h"
+#include "text/ascii.h"
 
 namespace psp::text {
 namespace {
 
 // ---- Substring search ---------------------------------------------------------------------------
 
-constexpr bool is_upper(char character) { return character >= 'A' && character <= 'Z'; }
-constexpr bool is_lower(char character) { return character >= 'a' && character <= 'z'; }
-
-constexpr uint8_t fold(char character) {
-  return static_cast<uint8_t>(is_upper(character) ? character - 'A' + 'a' : character);
-}
+constexpr uint8_t fold(char character) { return static_cast<uint8_t>(to_lower(character)); }
 
 // A zero-terminated text whose end is looked for as the search proceeds, so that an early match in
 // a long text costs little and no byte after the terminator is read.
@@ -79,9 +75,8 @@ class EndsFilter {
   struct Letter {
     explicit Letter(char character)
         : as_is(_mm_set1_epi8(character)),
-          other_case(_mm_set1_epi8(is_upper(character) || is_lower(character)
-                                       ? static_cast<char>(character ^ 0x20)
-                                       : character)) {}
+          other_case(_mm_set1_epi8(is_letter(character) ? static_cast<char>(character ^ 0x20)
+                                                        : character)) {}
     __m128i equal(const char *place) const {
       const __m128i text = _mm_loadu_si128(reinterpret_cast<const __m128i *>(place));
       return _mm_or_si128(_mm_cmpeq_epi8(text, as_is), _mm_cmpeq_epi8(text, other_case));
