@@ -531,7 +531,30 @@ PSP_API double psp_swaporderf64(uint64_t pattern);
  *
  * Read-only mode: opening for writing or creation fails, writes write nothing and give 0, setting
  * the size fails, sync does nothing. No-disk mode: every open but that of the standard channels
- * fails. */
+ * fails.
+ *
+ * The in-memory store. A mode word with PSP_FILE_MEMORY, wherever this header takes one, means a
+ * file or directory of a tree that the process keeps in memory from the first psp_init to the last
+ * psp_term. The two modes above leave it alone, and a call that they make fail on the disk does not
+ * turn to the store by itself.
+ *   Names: a file's path needs a separator ("\settings.ini"); one that does not begin with it is
+ * taken from psp_currdir, which is "\" in no-disk mode. A directory's path begins at the root in
+ * any case. A drive is ignored; "." and ".." mean what they mean elsewhere. ASCII letters count
+ * without regard to case, and a name keeps the case in which it was created. A component has at
+ * most 65,535 bytes. Directories come into being with a name in them, even one that was only looked
+ * for: each one above the last component of a path is made. None is ever removed. Files come with
+ * PSP_OPEN_CREATE or _TRUNCATE, and go with psp_fileRemoveEx: the name at once, the contents with
+ * the last handle. Two handles of one file see each other's bytes at once. Every single transfer is
+ * whole: another thread sees all of it or nothing. Neither denials of sharing nor PSP_OPEN_READ and
+ * _WRITE apply: every handle may read and write. psp_fileLock waits for another thread's lock of
+ * the file. While a thread holds it, other threads' reads, writes and closes of that file wait; the
+ * holder may take it again. It goes with psp_fileUnlock or psp_fileClose of the handle through
+ * which it was taken, by the same thread, or with the thread. psp_fileSetSize and an open that
+ * truncates take no lock: whoever sets the size of a file that others use at the same time holds
+ * its lock. A locked INI file holds up every psp_ini call that wants it, and with that call all
+ * others: the holder calls none of them. When memory is short, an open gives null and leaves no new
+ * file, a transfer moves fewer bytes than asked, and everything else fails with the store as it
+ * was; what psp_fileSetSize has obtained by then stays with the file until it is cut. */
 
 typedef struct psp_file *PSP_FH;
 
@@ -575,7 +598,8 @@ PSP_API void psp_fileClose(PSP_FH file);
  *  @param file    the handle.
  *  @param offset  bytes, from whence.
  *  @param whence  PSP_SEEK_START, _CURRENT or _END; another value is reported and taken as start.
- *  @return PSP_OKAY; PSP_FAILED when the file cannot be positioned or the place is negative. */
+ *  @return PSP_OKAY; PSP_FAILED when the file cannot be positioned or the place is negative, and in
+ *          the store for a place behind the end or another whence. */
 PSP_API psp_status psp_fileSeek(PSP_FH file, int64_t offset, int32_t whence);
 
 /** Reads at most count bytes at the sequential position and moves it.
@@ -588,7 +612,7 @@ PSP_API int32_t psp_fileRead(PSP_FH file, void *buffer, uint32_t count);
  *
  *  @return bytes written, fewer only if the platform stopped half-way (a full disk); 0 in read-only
  *          mode; -1 after a failure or for a count above 2^31 - 1, told on the C runtime's standard
- *          error. */
+ *          error. In the store fewer when memory is short; of a count above 2^31 - 1 that much. */
 PSP_API int32_t psp_fileWrite(PSP_FH file, const void *buffer, uint32_t count);
 
 /** Reads at most count bytes at an offset. Where the sequential position is afterwards is open.
@@ -608,25 +632,31 @@ PSP_API int64_t psp_fileLength(PSP_FH file);
 
 /** The length of a file by name.
  *
- *  @return bytes; -1 when it cannot be queried. No-disk mode does not matter. Works without a
- *          start. Any thread. */
+ *  @return bytes; -1 when it cannot be queried. In the store 0 for what is no file, -1 only for a
+ *          null name. No-disk mode does not matter. Works on the disk without a start. Any
+ *          thread. */
 PSP_API int64_t psp_fileLengthStat(const char *name, uint16_t mode);
 
-/** Sets the length of a file: cuts it, or appends zero bytes. The position is the new end then.
+/** Sets the length of a file: cuts it, or appends zero bytes. On the disk the position is the new
+ *  end then; in the store it stays, even behind the end.
  *
  *  @param size  the new length in bytes.
- *  @return 0; -1 when the file could not grow, for a negative size and in read-only mode. A cut
- * that fails gives 0: to learn of it, look at psp_errno as for psp_fileSync. */
+ *  @return 0. On the disk -1 when the file could not grow, for a negative size and in read-only
+ *          mode; a cut that fails gives 0: to learn of it, look at psp_errno as for psp_fileSync.
+ * In the store 2 when memory is short or the size is beyond it, with the length unchanged. */
 PSP_API int32_t psp_fileSetSize(PSP_FH file, int64_t size);
 
-/** Takes the first byte of the file for this handle; never waits.
+/** Takes the first byte of the file for this handle; never waits. In the store takes the lock of
+ *  the whole file for this thread, and waits for it.
  *
- *  @return PSP_OKAY; PSP_FAILED when another handle, or this one, holds it. */
+ *  @return PSP_OKAY; PSP_FAILED when another handle, or this one, holds it. In the store always
+ *          PSP_OKAY. */
 PSP_API psp_status psp_fileLock(PSP_FH file);
 
-/** Gives the first byte back.
+/** Gives the first byte back; in the store one level of the lock that this thread took through this
+ *  handle.
  *
- *  @return PSP_OKAY; PSP_FAILED when the handle does not hold it. */
+ *  @return PSP_OKAY; PSP_FAILED when the handle does not hold it. In the store always PSP_OKAY. */
 PSP_API psp_status psp_fileUnlock(PSP_FH file);
 
 /** Makes what was written durable.
@@ -637,8 +667,9 @@ PSP_API psp_status psp_fileSync(PSP_FH file);
 
 /** The time of the last modification of a file by name.
  *
- *  @return seconds since 1970-01-01 UTC; -1 when it cannot be queried and in no-disk mode. Works
- *          without a start. Any thread. */
+ *  @return seconds since 1970-01-01 UTC; -1 when it cannot be queried and in no-disk mode. In the
+ *          store 0 for what is no file or was never written. Works on the disk without a start. Any
+ *          thread. */
 PSP_API int64_t psp_fileModTimeStat(const char *name, uint16_t mode);
 
 /* ---- Whole files ------------------------------------------------------------------------------
@@ -828,7 +859,11 @@ PSP_API psp_pathIter *psp_pathOpen(const char *directory, const char *pattern) P
  *                    "*.*" matches every name.
  *  @return the iterator, ended by psp_pathClose; null when no entry matches, the directory cannot
  * be read, an argument is null or the directory empty, in no-disk mode and when memory is short.
- * Entries that come or go meanwhile may or may not be met. */
+ * Entries that come or go meanwhile may or may not be met.
+ *
+ *  In the store the names come in order (ASCII letters as lower case), "." and ".." are not among
+ *  them, and "*.*" wants a dot. An iterator is given for a directory without a match, too; names
+ *  that come or go behind the last one are met or not as they stand when their turn comes. */
 PSP_API psp_pathIter *psp_pathOpenEx(const char *directory, uint16_t mode,
                                      const char *pattern) PSP_MUST_USE;
 
@@ -836,7 +871,8 @@ PSP_API psp_pathIter *psp_pathOpenEx(const char *directory, uint16_t mode,
  *
  *  @param iterator   the iterator.
  *  @param directory  receives 0 for a file, 16 (disk) or 1 (store) for a directory; not null.
- *  @return the entry's name, the iterator's until the next call on it; null when none is left. */
+ *  @return the entry's name, the iterator's until the next call on it; null when none is left, or
+ *          in the store when memory is short; there the next call begins anew. */
 PSP_API const char *psp_pathNext(psp_pathIter *iterator, uint32_t *directory);
 
 /** Ends an iteration; null does nothing. */

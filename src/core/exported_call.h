@@ -17,10 +17,13 @@
 // beside the call, since longjmp passes over it. psp_getMem and psp_extendMem themselves jump at
 // once when no such call encloses them.
 //
-// A client's callback starts afresh: inside CallbackScope its allocations jump as anywhere, past
-// the library's frames if its setjmp lies beyond them. No lock may be held around a callback.
+// A client's callback is called outside exported_call, with no lock held: its own allocations jump
+// as anywhere, past the library's frames if its setjmp lies beyond them.
 //
-// State: three words of the calling thread.
+// The failure itself is reported at once, where the allocation fails. Where locks are held that the
+// log may want, PutOffReports puts the report off to its end.
+//
+// State: a few words of the calling thread.
 #pragma once
 
 #include <type_traits>
@@ -34,9 +37,29 @@ struct CallState {
   uint32_t depth = 0;              // exported calls under way in this thread
   bool reporting = false;          // an out-of-memory message is being written
   psp_tag *jump_wanted = nullptr;  // armed tag in which an allocation failed
+
+  uint32_t put_offs = 0;                  // PutOffReports under way in this thread
+  const char *unreported_file = nullptr;  // the first place whose failure waits for its report
+  uint32_t unreported_line = 0;
 };
 
 extern constinit thread_local CallState call_state;
+
+// Logs the failure that waits for its report.
+void report_put_off_failure();
+
+// Puts off the reports of failed allocations: of those that fail while it lives, the first is told
+// when the outermost of them ends, with every lock left that was taken inside.
+class PutOffReports {
+ public:
+  PutOffReports() { ++call_state.put_offs; }
+  ~PutOffReports() {
+    if (--call_state.put_offs == 0 && call_state.unreported_file != nullptr) [[unlikely]]
+      report_put_off_failure();
+  }
+  PutOffReports(const PutOffReports &) = delete;
+  PutOffReports &operator=(const PutOffReports &) = delete;
+};
 
 // Jumps to the tag that asked for it, if it is still armed. The outermost call has ended.
 void take_wanted_jump();

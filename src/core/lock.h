@@ -31,16 +31,19 @@ namespace psp::core {
 
 // The order of locks: a thread takes them with rising rank only; a lock that it holds already may
 // be entered again at any time. Builds with PSP_CHECK_LOCK_ORDER stop the process otherwise. Locks
-// of clients have no rank: they may be held when the library is called.
+// of clients have no rank: they may be held when the library is called. Nor have those of the
+// store's files and directories, which a client may hold (sync_begin).
 enum class LockRank : uint8_t {
   kClient,
-  kGlobal,     // psp_enterCritSec: start, stop, one-time set-ups
-  kProcess,    // the interrupt handler, the wide answers of the environment
-  kIni,        // the store of INI files, for each whole lookup or update
-  kChannel,    // a channel's outputs; two channels' locks are never held together
-  kTag,        // a tag's blocks; two tags' locks are never held together
-  kTagList,    // the list of tags
-  kSyncTable,  // the table of sync objects
+  kGlobal,      // psp_enterCritSec: start, stop, one-time set-ups
+  kProcess,     // the interrupt handler, the wide answers of the environment
+  kIni,         // the store of INI files, for each whole lookup or update
+  kChannel,     // a channel's outputs; two channels' locks are never held together
+  kStoreCache,  // the in-memory store's open files and directories and their pages
+  kHeapList,    // the table of that store's heaps
+  kTag,         // a tag's blocks; two tags' locks are never held together
+  kTagList,     // the list of tags
+  kSyncTable,   // the table of sync objects
   kCount,
 };
 

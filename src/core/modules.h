@@ -18,6 +18,10 @@ void files_stop();
 // Releases the name of the temporary directory, if it was looked for.
 void temporary_directory_stop();
 
+// The in-memory file store; its stop ends every file and directory in it.
+psp_status store_start();
+void store_stop();
+
 psp_status channels_start();
 void channels_stop();
 

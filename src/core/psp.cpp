@@ -29,6 +29,7 @@ constexpr Module kModules[] = {
     {memory_start, memory_stop},        // tags, the default tag first
     {files_start, files_stop},          // the tag of the file handles
     {psp_iniInit, psp_iniTerm},         // the store of INI files and its lock
+    {store_start, store_stop},          // the in-memory file store
     {start_nothing, temporary_directory_stop},  // found when first wanted
     {channels_start, channels_stop},            // standard output, standard error, log
 };

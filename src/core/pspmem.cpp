@@ -139,23 +139,34 @@ void destroy_tag(psp_tag *tag) {
   std::free(tag);
 }
 
-// Logs the failure, with nothing of the library held, and sees to the jump. Returns null where the
-// caller goes on without the memory.
-[[gnu::cold, gnu::noinline]] void *fail_allocation(psp_tag *tag, const char *file, uint32_t line) {
+void report(const char *file, uint32_t line) {
   constexpr char kMessage[] = "Out of memory. Called from %s:%u\n";
   CallState &call = call_state;
   if (call.reporting) {
     // The report of another failure ran out of memory too: that failure is the caller's, this one
     // is told past the channels.
     std::printf(kMessage, file, line);
-    return nullptr;
+    return;
   }
   call.reporting = true;
   ++call.depth;
   psp_log(kMessage, file, line);
   --call.depth;
   call.reporting = false;
+}
 
+// Logs the failure, with nothing of the library held, or puts that off, and sees to the jump.
+// Returns null where the caller goes on without the memory.
+[[gnu::cold, gnu::noinline]] void *fail_allocation(psp_tag *tag, const char *file, uint32_t line) {
+  CallState &call = call_state;
+  const bool inside_report = call.reporting;
+  if (call.put_offs == 0) {
+    report(file, line);
+  } else if (call.unreported_file == nullptr) {
+    call.unreported_file = file;
+    call.unreported_line = line;
+  }
+  if (inside_report) return nullptr;
   if (call.jump_wanted == nullptr && is_armed(tag)) call.jump_wanted = tag;
   if (call.jump_wanted != nullptr && call.depth == 0) take_wanted_jump();
   return nullptr;
@@ -214,6 +225,10 @@ size_t bytes_to_copy(size_t size, uint32_t mode, const void *source) {
 }
 
 }  // namespace
+
+void report_put_off_failure() {
+  report(std::exchange(call_state.unreported_file, nullptr), call_state.unreported_line);
+}
 
 void take_wanted_jump() {
   psp_tag *tag = std::exchange(call_state.jump_wanted, nullptr);

@@ -192,6 +192,19 @@ psp_sync sync_create(int16_t kind, LockRank rank, const char *file, uint32_t lin
   return slot;
 }
 
+void sync_begin(psp_syncObject *object) {
+  object->lock.reset(LockRank::kClient, state.barrier_works);
+  object->kind = PSP_SYNC_EXCL;
+}
+
+void sync_end(psp_syncObject *object) PSP_UNCHECKED {
+  if (object->kind == PSP_SYNC_EXCL && object->lock.mine()) {
+    sync_forget_held(object);
+    object->lock.abandon();
+  }
+  object->kind = 0;
+}
+
 void sync_close_all() PSP_UNCHECKED {
   thread_locks.newest_held = nullptr;
   for (TableEntry &entry : state.table) {
@@ -225,11 +238,7 @@ psp_sync psp_syncCreate_check(int16_t kind, const char *file, uint32_t line) {
 
 void psp_syncDelete(psp_sync object) PSP_UNCHECKED {
   if (!is_sync_object(object) || object->kind == 0) return;
-  if (object->kind == PSP_SYNC_EXCL && object->lock.mine()) {
-    sync_forget_held(object);
-    object->lock.abandon();
-  }
-  object->kind = 0;
+  sync_end(object);
   give_slot_back(object);
 }
 

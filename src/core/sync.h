@@ -49,6 +49,12 @@ namespace psp::core {
 // psp_syncCreate_check for the library's own locks.
 psp_sync sync_create(int16_t kind, LockRank rank, const char *file, uint32_t line);
 
+// Makes an exclusive lock of an object that lies in a record of the library's own, and ends it
+// again. A client can hold such a lock while it calls the library, so it has no rank. Its memory
+// outlives it: a thread on its way out of the lock may still look at it.
+void sync_begin(psp_syncObject *object);
+void sync_end(psp_syncObject *object);
+
 // Ends every object still alive and gives the slots' memory back. Nobody uses one any more; the
 // memory module calls this before it stops, when no tag has a lock any more.
 void sync_close_all();

@@ -1,14 +1,16 @@
 // Module pspfile: file handles.
 //
-// A handle is one file of the disk or one of the process's standard channels; the name decides at
-// the open. What a file can do is asked of the platform (os.h); here stands what the library makes
-// of it: the process-wide modes, the messages, and which failures are tried again.
+// A handle is one file of the disk, one of the process's standard channels, or a file of the
+// in-memory store; mode word and name decide at the open. What a file can do is asked of the
+// platform (os.h) or of the store (pspmfile.h), whose answers are passed on; here stands what the
+// library makes of the platform's: the process-wide modes, the messages, and which failures are
+// tried again.
 //
 // Owns the file tag, which holds every handle and its name and has a lock of its own. A handle is
 // used by one thread at a time; nothing else is shared.
 //
-// The transfers, seeks and locks allocate nothing. Their message of a failure is the last thing
-// they do and nothing is held then, so that they need no exported_call of their own.
+// On the disk the transfers, seeks and locks allocate nothing. Their message of a failure is the
+// last thing they do and nothing is held then, so that they need no exported_call of their own.
 
 #include <algorithm>
 #include <cstdio>
@@ -20,12 +22,14 @@
 #include "core/lifecycle.h"
 #include "core/modules.h"
 #include "files/files.h"
+#include "memstore/pspmfile.h"
 #include "os/os.h"
 #include "psp.h"
 
 // A file handle. Its name, as the caller gave it, stands behind it in the same block: the two live
 // and die together, and an open costs one allocation.
 struct psp_file {
+  psp::memstore::StoreFile *stored;  // null: a file of the platform's
   psp::os::File disk;  // without a handle: a standard channel that the process does not have
   uint32_t flags;      // PSP_OPEN_ bits, CREATE and TRUNCATE done with
   uint16_t mode;       // PSP_FILE_ bits
@@ -83,7 +87,7 @@ psp_file *make_handle(const char *name, uint32_t flags, uint16_t mode) {
   void *memory = psp_getMem(bytes, state.tag, PSP_MEM_ALLOC, nullptr, kSource, __LINE__);
   if (memory == nullptr) return nullptr;
   auto *file = static_cast<psp_file *>(memory);
-  *file = psp_file{os::File{}, flags, mode, false};
+  *file = psp_file{nullptr, os::File{}, flags, mode, false};
   memcpy(file->name(), name, name_bytes);
   return file;
 }
@@ -106,12 +110,15 @@ os::Error open_on_disk(psp_file *file) {
 }
 
 // The standard channels come before the modes: they are there in every mode.
-os::Error open_side(psp_file *file) {
-  if ((file->mode & PSP_FILE_MEMORY) != 0) return refuse(os::Refusal::kInvalidArgument);
+bool open_side(psp_file *file) {
+  if ((file->mode & PSP_FILE_MEMORY) != 0) {
+    file->stored = memstore::mfile_open(file->name(), file->flags);
+    return file->stored != nullptr;
+  }
   os::StandardChannel channel;
-  if (!find_standard_channel(file->name(), &channel)) return open_on_disk(file);
+  if (!find_standard_channel(file->name(), &channel)) return open_on_disk(file) == 0;
   file->is_standard_channel = true;
-  return os::file_standard(channel, &file->disk);
+  return os::file_standard(channel, &file->disk) == 0;
 }
 
 psp_file *open_file(const char *name, uint32_t flags, uint16_t mode) {
@@ -122,7 +129,7 @@ psp_file *open_file(const char *name, uint32_t flags, uint16_t mode) {
   if ((flags & PSP_OPEN_TRUNCATE) != 0) flags |= PSP_OPEN_CREATE;
   psp_file *file = make_handle(name, flags, mode);
   if (file == nullptr) return nullptr;
-  if (open_side(file) != 0) {
+  if (!open_side(file)) {
     os::LastErrorKeeper keeper;
     psp_freeMem(file, state.tag);
     return nullptr;
@@ -132,7 +139,9 @@ psp_file *open_file(const char *name, uint32_t flags, uint16_t mode) {
 }
 
 void close_file(psp_file *file) {
-  if (os::file_has_handle(file->disk)) {
+  if (file->stored != nullptr) {
+    memstore::mfile_close(file->stored);
+  } else if (os::file_has_handle(file->disk)) {
     if (!file->is_standard_channel) os::file_close(&file->disk);
   } else if (strcmp(file->name(), "stdout") != 0) {
     // A program without a console has no standard output, and nothing is wrong with that.
@@ -149,6 +158,13 @@ bool is_transfer(const psp_file *file, const void *buffer) {
   if (file != nullptr && buffer != nullptr) return true;
   refuse(os::Refusal::kInvalidArgument);
   return false;
+}
+
+// A transfer of the store. A count that the result could not hold is moved in part.
+template <class Transfer>
+int32_t move_stored(uint32_t count, Transfer &&transfer) {
+  count = std::min(count, kTransferMaxBytes);
+  return core::exported_call([&] { return static_cast<int32_t>(transfer(count)); });
 }
 
 int32_t log_failed_place(const char *operation) {
@@ -225,6 +241,7 @@ int32_t set_size(psp_file *file, int64_t size) {
 
 using namespace psp::files;
 namespace core = psp::core;
+namespace memstore = psp::memstore;
 namespace os = psp::os;
 
 psp_status core::files_start() {
@@ -257,6 +274,7 @@ void psp_fileClose(PSP_FH file) {
 
 psp_status psp_fileSeek(PSP_FH file, int64_t offset, int32_t whence) {
   if (!is_handle(file)) return PSP_FAILED;
+  if (file->stored != nullptr) return memstore::mfile_seek(file->stored, offset, whence);
   os::Origin origin = os::Origin::kStart;
   if (whence == PSP_SEEK_CURRENT) {
     origin = os::Origin::kCurrent;
@@ -271,6 +289,10 @@ psp_status psp_fileSeek(PSP_FH file, int64_t offset, int32_t whence) {
 int32_t psp_fileRead(PSP_FH file, void *buffer, uint32_t count) {
   if (count == 0) return 0;
   if (!is_transfer(file, buffer)) return kTransferFailed;
+  if (file->stored != nullptr) {
+    return move_stored(
+        count, [&](uint32_t bytes) { return memstore::mfile_read(file->stored, buffer, bytes); });
+  }
   uint32_t done = 0;
   if (os::file_read(&file->disk, buffer, std::min(count, kTransferMaxBytes), &done) != 0) {
     psp_log("Read failed, errno = %d\n", static_cast<int32_t>(os::last_error()));
@@ -282,6 +304,10 @@ int32_t psp_fileRead(PSP_FH file, void *buffer, uint32_t count) {
 int32_t psp_fileWrite(PSP_FH file, const void *buffer, uint32_t count) {
   if (count == 0) return 0;
   if (!is_transfer(file, buffer)) return kTransferFailed;
+  if (file->stored != nullptr) {
+    return move_stored(
+        count, [&](uint32_t bytes) { return memstore::mfile_write(file->stored, buffer, bytes); });
+  }
   if (core::read_only()) return 0;
   uint32_t done = 0;
   const os::Error error = count > kTransferMaxBytes
@@ -297,12 +323,22 @@ int32_t psp_fileWrite(PSP_FH file, const void *buffer, uint32_t count) {
 int32_t psp_fileSeekRead(PSP_FH file, int64_t offset, void *buffer, uint32_t count) {
   if (count == 0) return 0;
   if (!is_transfer(file, buffer)) return kTransferFailed;
+  if (file->stored != nullptr) {
+    return move_stored(count, [&](uint32_t bytes) {
+      return memstore::mfile_seek_read(file->stored, static_cast<uint64_t>(offset), buffer, bytes);
+    });
+  }
   return read_at(file, offset, buffer, std::min(count, kTransferMaxBytes));
 }
 
 int32_t psp_fileSeekWrite(PSP_FH file, int64_t offset, const void *buffer, uint32_t count) {
   if (count == 0) return 0;
   if (!is_transfer(file, buffer)) return kTransferFailed;
+  if (file->stored != nullptr) {
+    return move_stored(count, [&](uint32_t bytes) {
+      return memstore::mfile_seek_write(file->stored, static_cast<uint64_t>(offset), buffer, bytes);
+    });
+  }
   if (core::read_only()) return 0;
   if (count > kTransferMaxBytes) {
     refuse(os::Refusal::kInvalidArgument);
@@ -314,18 +350,26 @@ int32_t psp_fileSeekWrite(PSP_FH file, int64_t offset, const void *buffer, uint3
 
 int64_t psp_fileLength(PSP_FH file) {
   int64_t size = 0;
-  if (!is_handle(file) || os::file_size(file->disk, &size) != 0) return 0;
-  return size;
+  if (!is_handle(file)) return 0;
+  if (file->stored != nullptr) return static_cast<int64_t>(memstore::mfile_length(file->stored));
+  return os::file_size(file->disk, &size) == 0 ? size : 0;
 }
 
 int64_t psp_fileLengthStat(const char *name, uint16_t mode) {
   os::FileStatus status;
-  if (name == nullptr || (mode & PSP_FILE_MEMORY) != 0) return kUnknown;
+  if (name == nullptr) return kUnknown;
+  if ((mode & PSP_FILE_MEMORY) != 0) {
+    return core::exported_call([&] { return memstore::mfile_length_stat(name); });
+  }
   return os::file_status(name, &status) == 0 ? status.size : kUnknown;
 }
 
 int32_t psp_fileSetSize(PSP_FH file, int64_t size) {
   if (!is_handle(file)) return kSetSizeFailed;
+  if (file->stored != nullptr) {
+    return core::exported_call(
+        [&] { return memstore::mfile_set_size(file->stored, static_cast<uint64_t>(size)); });
+  }
   if (size < 0 || core::read_only()) {
     refuse(size < 0 ? os::Refusal::kInvalidArgument : os::Refusal::kAccessDenied);
     return kSetSizeFailed;
@@ -335,11 +379,19 @@ int32_t psp_fileSetSize(PSP_FH file, int64_t size) {
 
 psp_status psp_fileLock(PSP_FH file) {
   if (!is_handle(file)) return PSP_FAILED;
+  if (file->stored != nullptr) {
+    memstore::mfile_lock(file->stored);
+    return PSP_OKAY;
+  }
   return os::file_lock_first_byte(&file->disk) == 0 ? PSP_OKAY : PSP_FAILED;
 }
 
 psp_status psp_fileUnlock(PSP_FH file) {
   if (!is_handle(file)) return PSP_FAILED;
+  if (file->stored != nullptr) {
+    memstore::mfile_unlock(file->stored);
+    return PSP_OKAY;
+  }
   return os::file_unlock_first_byte(&file->disk) == 0 ? PSP_OKAY : PSP_FAILED;
 }
 
@@ -351,6 +403,10 @@ psp_status psp_fileSync(PSP_FH file) {
 
 int64_t psp_fileModTimeStat(const char *name, uint16_t mode) {
   os::FileStatus status;
-  if (name == nullptr || (mode & PSP_FILE_MEMORY) != 0 || core::no_disk()) return kUnknown;
+  if (name == nullptr) return kUnknown;
+  if ((mode & PSP_FILE_MEMORY) != 0) {
+    return core::exported_call([&] { return memstore::mfile_modification_time_stat(name); });
+  }
+  if (core::no_disk()) return kUnknown;
   return os::file_status(name, &status) == 0 ? status.modified_seconds : kUnknown;
 }

@@ -7,6 +7,7 @@
 #include "core/exported_call.h"
 #include "core/lifecycle.h"
 #include "files/files.h"
+#include "memstore/pspmfile.h"
 #include "os/os.h"
 #include "text/ascii.h"
 
@@ -20,8 +21,9 @@ bool is_separator(char character) { return character == '\\' || character == '/'
 
 }  // namespace
 
-// One iteration. The pattern stands behind the record.
+// One iteration. The pattern stands behind the record, unless the iteration is the store's.
 struct psp_pathIter {
+  psp::memstore::StoreIterator *stored;  // null: over a directory of the disk
   psp::os::Directory directory;
   psp::os::DirectoryEntry found;  // the first match, until it is handed out
   bool is_found_waiting;
@@ -191,6 +193,16 @@ psp_pathIter *open_iteration(const char *directory, const char *pattern) {
   return nullptr;
 }
 
+psp_pathIter *open_stored_iteration(const char *directory, const char *pattern) {
+  auto *iterator = static_cast<psp_pathIter *>(
+      psp_getMem(sizeof(psp_pathIter), nullptr, PSP_MEM_ZERO, nullptr, kSource, __LINE__));
+  if (iterator == nullptr) return nullptr;
+  iterator->stored = memstore::mfile_path_open(directory, pattern);
+  if (iterator->stored != nullptr) return iterator;
+  give_back(iterator);
+  return nullptr;
+}
+
 // ---- Directories --------------------------------------------------------------------------------
 
 // Whether there is a name, and a disk for it.
@@ -277,8 +289,9 @@ psp_pathIter *psp_pathOpen(const char *directory, const char *pattern) {
 psp_pathIter *psp_pathOpenEx(const char *directory, uint16_t mode, const char *pattern) {
   const bool is_named = directory != nullptr && *directory != '\0' && pattern != nullptr;
   psp_pathIter *const none = nullptr;
-  if (!is_named || (mode & PSP_FILE_MEMORY) != 0) {
-    return files::refused(os::Refusal::kInvalidArgument, none);
+  if (!is_named) return files::refused(os::Refusal::kInvalidArgument, none);
+  if ((mode & PSP_FILE_MEMORY) != 0) {
+    return exported_call([&] { return files::open_stored_iteration(directory, pattern); });
   }
   if (core::no_disk()) return files::refused(os::Refusal::kAccessDenied, none);
   return exported_call([&] { return files::open_iteration(directory, pattern); });
@@ -289,6 +302,9 @@ const char *psp_pathNext(psp_pathIter *iterator, uint32_t *directory) {
   if (iterator == nullptr || directory == nullptr) {
     return files::refused(os::Refusal::kInvalidArgument, none);
   }
+  if (iterator->stored != nullptr) {
+    return exported_call([&] { return memstore::mfile_path_next(iterator->stored, directory); });
+  }
   os::DirectoryEntry entry = iterator->found;
   if (!iterator->is_found_waiting && !files::find_next(iterator, &entry)) return nullptr;
   iterator->is_found_waiting = false;
@@ -298,7 +314,11 @@ const char *psp_pathNext(psp_pathIter *iterator, uint32_t *directory) {
 
 void psp_pathClose(psp_pathIter *iterator) {
   if (iterator == nullptr) return;
-  os::directory_close(&iterator->directory);
+  if (iterator->stored != nullptr) {
+    memstore::mfile_path_close(iterator->stored);
+  } else {
+    os::directory_close(&iterator->directory);
+  }
   files::give_back(iterator);
 }
 

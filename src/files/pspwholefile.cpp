@@ -5,13 +5,15 @@
 // (os.h) or the store, and here stands what the library makes of it: the process-wide modes, which
 // names are the same, and in which order a move goes about it.
 //
-// Owns nothing and takes no lock. Removing, renaming and the existence test allocate nothing.
+// Owns nothing and takes no lock. On the disk removing, renaming and the existence test allocate
+// nothing.
 
 #include <cstring>
 
 #include "core/exported_call.h"
 #include "core/lifecycle.h"
 #include "files/files.h"
+#include "memstore/pspmfile.h"
 #include "os/os.h"
 #include "psp.h"
 #include "text/ascii.h"
@@ -60,29 +62,43 @@ bool names_are_equal(const char *first, uint16_t first_mode, const char *second,
                               : os::names_are_equal(first, second);
 }
 
-// Whether a move has nothing to do. Names that are spelled differently may lead to the same file of
-// the disk: it must not be removed to make room for itself.
-bool is_moved_already(const char *source, uint16_t source_mode, const char *destination,
-                      uint16_t destination_mode) {
-  if (names_are_equal(source, source_mode, destination, destination_mode)) return true;
-  return !in_store(source_mode) && !in_store(destination_mode) && !core::no_disk() &&
-         os::names_lead_to_same_file(source, destination);
+// Whether a move has nothing to do. Names that are spelled differently may lead to the same file:
+// it must not be removed to make room for itself. False when that cannot be told.
+[[nodiscard]] bool find_moved(const char *source, uint16_t source_mode, const char *destination,
+                              uint16_t destination_mode, bool *is_moved) {
+  *is_moved = names_are_equal(source, source_mode, destination, destination_mode);
+  if (*is_moved || in_store(source_mode) != in_store(destination_mode)) return true;
+  if (in_store(source_mode)) return memstore::mfile_is_same(source, destination, is_moved);
+  *is_moved = !core::no_disk() && os::names_lead_to_same_file(source, destination);
+  return true;
 }
 
-// ---- By name, in the store ----------------------------------------------------------------------
+// The bytes of a name up to its last separator.
+size_t directory_bytes(const char *name) {
+  size_t bytes = 0;
+  for (size_t index = 0; name[index] != '\0'; ++index) {
+    if (fold(name[index]) == kSeparator) bytes = index + 1;
+  }
+  return bytes;
+}
 
-// Until there is a store, each of its names is a missing one.
-
-psp_status remove_in_store(const char *) { return PSP_NOTFOUND; }
-psp_status rename_in_store(const char *, const char *) { return PSP_NOTFOUND; }
-psp_status replace_in_store(const char *, const char *) { return PSP_FAILED; }
-int32_t exists_in_store(const char *, uint32_t *) { return 0; }
+// Whether a rename would leave the file where the move is to bring it: one of the store looks at
+// the new name's last component only.
+bool may_be_renamed(const char *source, uint16_t source_mode, const char *destination) {
+  if (!in_store(source_mode)) return true;
+  const size_t bytes = directory_bytes(source);
+  if (bytes != directory_bytes(destination)) return false;
+  for (size_t index = 0; index < bytes; ++index) {
+    if (fold(source[index]) != fold(destination[index])) return false;
+  }
+  return true;
+}
 
 // ---- By name ------------------------------------------------------------------------------------
 
 psp_status remove_file(const char *name, uint16_t mode) {
   if (!are_names(name, name)) return PSP_FAILED;
-  if (in_store(mode)) return remove_in_store(name);
+  if (in_store(mode)) return memstore::mfile_remove(name);
   return may_change_disk() && os::file_remove(name) == 0 ? PSP_OKAY : PSP_FAILED;
 }
 
@@ -93,13 +109,13 @@ psp_status rename_file(const char *old_name, uint16_t old_mode, const char *new_
     refuse(os::Refusal::kInvalidArgument);
     return PSP_FAILED;
   }
-  if (in_store(old_mode)) return rename_in_store(old_name, new_name);
+  if (in_store(old_mode)) return memstore::mfile_rename(old_name, new_name);
   return may_change_disk() && os::file_rename(old_name, new_name) == 0 ? PSP_OKAY : PSP_FAILED;
 }
 
 int32_t file_exists(const char *name, uint16_t mode, uint32_t *directory) {
   if (!are_names(name, name)) return 0;
-  if (in_store(mode)) return exists_in_store(name, directory);
+  if (in_store(mode)) return memstore::mfile_validate(name, directory);
   os::FileStatus status;
   if (core::no_disk() || os::file_status(name, &status) != 0) return 0;
   if (directory != nullptr) *directory = status.is_directory ? kDiskDirectoryFlag : 0;
@@ -236,14 +252,22 @@ psp_status compare_files(const char *first_name, uint16_t first_mode, const char
 
 // ---- Moves --------------------------------------------------------------------------------------
 
+bool is_renamed(const char *source, uint16_t source_mode, const char *destination,
+                uint16_t destination_mode) {
+  return may_be_renamed(source, source_mode, destination) &&
+         rename_file(source, source_mode, destination, destination_mode) == PSP_OKAY;
+}
+
 psp_status move_file(const char *source, uint16_t source_mode, const char *destination,
                      uint16_t destination_mode) {
   if (!are_names(source, destination)) return PSP_FAILED;
   source_mode &= PSP_FILE_MEMORY;
   destination_mode &= PSP_FILE_MEMORY;
-  if (is_moved_already(source, source_mode, destination, destination_mode)) return PSP_OKAY;
+  bool is_moved = false;
+  if (!find_moved(source, source_mode, destination, destination_mode, &is_moved)) return PSP_FAILED;
+  if (is_moved) return PSP_OKAY;
   remove_file(destination, destination_mode);
-  if (rename_file(source, source_mode, destination, destination_mode) == PSP_OKAY) return PSP_OKAY;
+  if (is_renamed(source, source_mode, destination, destination_mode)) return PSP_OKAY;
   const psp_status status = copy_file(source, source_mode, destination, destination_mode);
   if (status != PSP_OKAY) return status;
   remove_file(source, source_mode);
@@ -319,8 +343,10 @@ psp_status move_directory(const char *source, uint16_t source_mode, const char *
   if (!are_names(source, destination)) return PSP_FAILED;
   source_mode &= PSP_FILE_MEMORY;
   destination_mode &= PSP_FILE_MEMORY;
-  if (is_moved_already(source, source_mode, destination, destination_mode)) return PSP_OKAY;
-  if (rename_file(source, source_mode, destination, destination_mode) == PSP_OKAY) return PSP_OKAY;
+  bool is_moved = false;
+  if (!find_moved(source, source_mode, destination, destination_mode, &is_moved)) return PSP_FAILED;
+  if (is_moved) return PSP_OKAY;
+  if (is_renamed(source, source_mode, destination, destination_mode)) return PSP_OKAY;
   return move_files(source, source_mode, destination, destination_mode);
 }
 
@@ -349,7 +375,7 @@ psp_status call_wide_pair(PairOperation operation, psp_status failure, const psp
 
 psp_status replace_file(const char *replacement, const char *name, uint16_t mode) {
   if (!are_names(replacement, name)) return PSP_FAILED;
-  if (in_store(mode)) return replace_in_store(replacement, name);
+  if (in_store(mode)) return memstore::mfile_replace(replacement, name);
   return may_change_disk() && os::file_replace(replacement, name) == 0 ? PSP_OKAY : PSP_FAILED;
 }
 
@@ -398,7 +424,9 @@ psp_status psp_fileCmpW(const psp_wchar *first, const psp_wchar *second) {
 
 // ---- Remove, rename, existence test -------------------------------------------------------------
 
-psp_status psp_fileRemoveEx(const char *name, uint16_t mode) { return remove_file(name, mode); }
+psp_status psp_fileRemoveEx(const char *name, uint16_t mode) {
+  return core::exported_call([&] { return remove_file(name, mode); });
+}
 
 psp_status psp_fileRemove(const char *name) { return psp_fileRemoveEx(name, 0); }
 
@@ -413,7 +441,7 @@ psp_status psp_fileRemoveW(const psp_wchar *name) { return psp_fileRemoveExW(nam
 
 psp_status psp_fileRenameEx(const char *old_name, uint16_t old_mode, const char *new_name,
                             uint16_t new_mode) {
-  return rename_file(old_name, old_mode, new_name, new_mode);
+  return call_pair(rename_file, old_name, old_mode, new_name, new_mode);
 }
 
 psp_status psp_fileRename(const char *old_name, const char *new_name) {
@@ -430,7 +458,7 @@ psp_status psp_fileRenameW(const psp_wchar *old_name, const psp_wchar *new_name)
 }
 
 int32_t psp_fileValidateEx(const char *name, uint16_t mode, uint32_t *directory) {
-  return file_exists(name, mode, directory);
+  return core::exported_call([&] { return file_exists(name, mode, directory); });
 }
 
 int32_t psp_fileValidate(const char *name) { return psp_fileValidateEx(name, 0, nullptr); }

@@ -42,7 +42,7 @@ class LastErrorKeeper {
 };
 
 // The platform's code for what the library itself refuses.
-enum class Refusal { kInvalidArgument, kAccessDenied };
+enum class Refusal { kInvalidArgument, kAccessDenied, kNotFound };
 Error refusal_code(Refusal refusal);
 
 // ---- Pages --------------------------------------------------------------------------------------
@@ -224,6 +224,9 @@ Error system_temporary_directory(char *buffer, size_t size);
 
 // Calendar time, seconds since 1970-01-01 UTC, and its milliseconds (0 to 999).
 int64_t calendar_seconds(uint32_t *milliseconds);
+// The same seconds for much less, at most a tick of the system's clock late, but not before what
+// calendar_seconds has told.
+int64_t recent_seconds();
 // A monotonic counter and its counts per second; false when the platform has none.
 bool counter_frequency(int64_t *frequency);
 int64_t counter_value();

@@ -42,7 +42,7 @@ bool write_dirty(Block *block) {
   const uint32_t written = result > 0 ? static_cast<uint32_t>(result) : 0;
   block->handle_position += written;
   // In read-only mode the file layer writes nothing, which counts as done.
-  if (written == block->dirty || (result == 0 && core::read_only())) {
+  if (written == block->dirty || (result == 0 && core::read_only() && !block->is_stored)) {
     block->dirty = 0;
     return true;
   }

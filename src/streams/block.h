@@ -34,6 +34,7 @@ struct Block {
   uint32_t dirty;    // bytes of data that wait to be written
   bool readable;     // false: opened for writing only, reads would be refused
   bool movable;      // false: a standard channel, whose handle is used in sequence only
+  bool is_stored;    // a file of the in-memory store, which read-only mode leaves alone
   bool read_failed;  // once; the functions that read characters take it for the end
   unsigned char data[kBlockBytes + kVectorBytes];  // a vector may be loaded at every byte
 

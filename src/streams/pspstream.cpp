@@ -78,6 +78,7 @@ psp_stream *make_stream(const char *name, uint32_t flags, uint16_t mode_word) {
     return nullptr;
   }
   block->readable = (flags & PSP_OPEN_WRITE) == 0;
+  block->is_stored = (mode_word & PSP_FILE_MEMORY) != 0;
   block->movable = standard_channel(name, mode_word) == Standard::kNone;
   return stream;
 }

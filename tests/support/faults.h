@@ -83,6 +83,7 @@ struct Scenario {
   std::vector<os::Error> codes = {5};    // with which calls fail
   psp_tag **armed_tag = nullptr;         // for kJumps; null: the default tag
   int kept_blocks = 0;                   // that act may leave until the library stops
+  bool keeps_any_blocks = false;         // as many as it likes
   bool started = true;                   // the library is started around the run
 };
 

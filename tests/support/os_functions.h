@@ -76,6 +76,7 @@
   X(names_are_equal, bool, (const char *first, const char *second), first, second)         \
   X(names_lead_to_same_file, bool, (const char *first, const char *second), first, second) \
   X(calendar_seconds, int64_t, (uint32_t * milliseconds), milliseconds)                    \
+  X(recent_seconds, int64_t, ())                                                           \
   X(counter_value, int64_t, ())                                                            \
   X(process_id, int32_t, ())                                                               \
   X(decimal_point, const char *, ())                                                       \

@@ -508,7 +508,16 @@ Error file_status(const char *name, FileStatus *status) {
   return 0;
 }
 
-Error refusal_code(Refusal refusal) { return refusal == Refusal::kAccessDenied ? EACCES : EINVAL; }
+Error refusal_code(Refusal refusal) {
+  switch (refusal) {
+    case Refusal::kAccessDenied:
+      return EACCES;
+    case Refusal::kNotFound:
+      return ENOENT;
+    default:
+      return EINVAL;
+  }
+}
 
 Condition file_condition(Error error) {
   switch (error) {

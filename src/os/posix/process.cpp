@@ -1,10 +1,10 @@
 // Clocks, local time, process identity, environment, locale and interrupts, for POSIX systems.
 //
-// Owns the state of the interrupt handler: what stood before it, and the thread that calls it
-// ("watcher"). The caller runs installs and removals one at a time. Signal handlers only count into
-// an atomic word and wake the watcher, which sleeps on that word: no descriptor is used, so none
-// can run short, and a forked child shares nothing with its parent through which its signals could
-// be taken for the parent's.
+// Owns the seconds last told, and the state of the interrupt handler: what stood before it, and the
+// thread that calls it ("watcher"). The caller runs installs and removals one at a time. Signal
+// handlers only count into an atomic word and wake the watcher, which sleeps on that word: no
+// descriptor is used, so none can run short, and a forked child shares nothing with its parent
+// through which its signals could be taken for the parent's.
 
 #include <errno.h>
 #include <langinfo.h>
@@ -13,6 +13,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <atomic>
 #include <bit>
 #include <clocale>
 #include <cstdlib>
@@ -30,6 +31,9 @@ namespace {
 constexpr int64_t kNanosecondsPerSecond = 1'000'000'000;
 constexpr long kNanosecondsPerMillisecond = 1'000'000;
 
+// The seconds that calendar_seconds told last.
+constinit std::atomic<int64_t> told_seconds{0};
+
 bool fits_time(int64_t seconds) {
   if (fits<time_t>(seconds)) return true;
   errno = EOVERFLOW;
@@ -46,7 +50,18 @@ int64_t calendar_seconds(uint32_t *milliseconds) {
   if (milliseconds != nullptr) {
     *milliseconds = static_cast<uint32_t>(now.tv_nsec / kNanosecondsPerMillisecond);
   }
+  if (now.tv_sec != told_seconds.load(std::memory_order_relaxed)) {
+    told_seconds.store(now.tv_sec, std::memory_order_relaxed);
+  }
   return now.tv_sec;
+}
+
+// The C runtime's time() loads what the last tick of the clock has left. A tick behind, it may lag
+// behind what was told.
+int64_t recent_seconds() {
+  const int64_t ticked = time(nullptr);
+  const int64_t told = told_seconds.load(std::memory_order_relaxed);
+  return told == ticked + 1 ? told : ticked;
 }
 
 bool counter_frequency(int64_t *frequency) {
