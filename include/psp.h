@@ -772,7 +772,9 @@ PSP_API int32_t psp_fileValidateExW(const psp_wchar *name, uint16_t mode, uint32
 /** Moves a file onto a name, replacing what is there: by a rename where that is possible, else by a
  *  copy. The old destination is gone even if the move then fails; the source is kept then.
  *
- *  @return as psp_fileCopyEx. Two names of the same file give PSP_OKAY and nothing is removed. */
+ *  @return as psp_fileCopyEx. Two names of the same file give PSP_OKAY and nothing is removed;
+ *          PSP_FAILED, and nothing is removed, where it cannot be found out whether they are. A
+ *          pipe, a device or a socket is renamed, but never copied: PSP_FAILED. */
 PSP_API psp_status psp_fileMoveEx(const char *source, uint16_t source_mode, const char *destination,
                                   uint16_t destination_mode);
 /** psp_fileMoveEx on the disk. */
@@ -788,9 +790,8 @@ PSP_API psp_status psp_fileMoveExW(const psp_wchar *source, uint16_t source_mode
  *
  *  @return PSP_OKAY, also when there was nothing to move; PSP_FAILED when the source cannot be
  * read, and before anything is created in read-only and no-disk mode; otherwise the result of the
- *          step or of the file move that failed. Files moved before it stay moved. A destination
- *          that has to be created and ends in a separator gives PSP_EXISTS, and nothing is moved.
- */
+ *          step or of the file move that failed. Files moved before it stay moved. Files that
+ *          psp_pathNext passes over stay too, and the source with them. */
 PSP_API psp_status psp_dirMoveEx(const char *source, uint16_t source_mode, const char *destination,
                                  uint16_t destination_mode);
 /** psp_dirMoveEx on the disk. */
@@ -859,7 +860,8 @@ PSP_API psp_pathIter *psp_pathOpen(const char *directory, const char *pattern) P
  *                    "*.*" matches every name.
  *  @return the iterator, ended by psp_pathClose; null when no entry matches, the directory cannot
  * be read, an argument is null or the directory empty, in no-disk mode and when memory is short.
- * Entries that come or go meanwhile may or may not be met.
+ * Entries that come or go meanwhile may or may not be met. On POSIX an entry whose name holds a
+ * backslash is passed over: to the library the name would be a path, perhaps of another file.
  *
  *  In the store the names come in order (ASCII letters as lower case), "." and ".." are not among
  *  them, and "*.*" wants a dot. An iterator is given for a directory without a match, too; names
@@ -912,7 +914,8 @@ PSP_API char *psp_fileCreateTmpName(uint32_t *counter, const char *prefix, const
                                     psp_tag *tag) PSP_MUST_USE;
 
 /** The temporary directory: the environment's VKD_TMPDIR as it stands; else the first of TEMP, TMP,
- *  the system's own and the current directory in which a file could be made, found once.
+ *  the system's own and the current directory in which a file could be made, found once. An empty
+ *  TEMP or TMP counts as not set.
  *
  *  @param tag  the owner; null is the default tag.
  *  @return a new string; null when there is none or memory is short. */
@@ -1104,16 +1107,19 @@ PSP_API void psp_log_flush(void);
 
 /* ---- INI configuration ------------------------------------------------------------------------
  * A file is read once into a process-wide store and answers lookups from there; an update rewrites
- * the file and reads it again. Names compare without regard to case, and of two sections or keys of
- * one name the first counts. Lookups and updates may be called by any thread and are serialised;
- * psp_readIniFile and psp_iniCleanup must not run meanwhile.
+ * the file and reads it again. Names of sections and keys compare without regard to case, and of
+ * two of one name the first counts. Names of files compare as the platform does (on POSIX byte for
+ * byte), in the file store without regard to case; two spellings of one file are two entries.
+ * Lookups and updates may be called by any thread and are serialised; psp_readIniFile and
+ * psp_iniCleanup must not run meanwhile.
  *
  * The format: "[section]" lines and "key=value" lines; ";" starts a comment anywhere. Spaces around
  * the key's end and the value are dropped. Names keep their first 127 bytes.
  *
  * The file is never lost: an update writes and syncs "_temp_.ini" beside the file and replaces it
- * in one step; a failure or a crash at any moment leaves the old file or the new one. Two processes
- * that update files of one directory at the same time share that temporary file.
+ * in one step; a failure or a crash at any moment leaves the old file or the new one. It keeps its
+ * group and permissions, and its owner where the process may give it; of a symbolic link the target
+ * is updated. Processes that update files of one directory wait for each other, up to 50 ms.
  *
  * Each function comes in four forms: plain (mode word 0), Ex, W and ExW (wide strings, none of them
  * null; a failed conversion gives PSP_ERR_NOMEMORY). */
@@ -1205,10 +1211,14 @@ PSP_API psp_status psp_iniInt32W(const psp_wchar *file, const psp_wchar *section
  *
  *  @param section  the section, not null.
  *  @param key      the key; null removes the section.
- *  @param value    the value; null removes the key.
+ *  @param value    the value; null removes the key. Names and value are written as they are: a
+ *                  line feed in them begins another line, and what a reader drops of a line (a
+ *                  comment, spaces at the ends) it drops of them.
  *  @return PSP_OKAY; PSP_ERR_INVARG for a null file or section; PSP_ERR_NOMEMORY; PSP_ERR_NOFILE
- *          when the file or the temporary file cannot be opened; PSP_ERR_REPLACEFILE when the new
- *          file could not be written whole or take the old one's place, which then stays. */
+ *          when the file or the temporary file cannot be opened, also when another process has
+ *          the latter for too long and when "_temp_.ini" is a link or no file;
+ *          PSP_ERR_REPLACEFILE when the new file could not be written whole or take the old one's
+ *          place, which then stays. */
 PSP_API psp_status psp_iniSetEx(const char *file, const char *section, const char *key,
                                 const char *value, uint16_t mode);
 /** psp_iniSetEx on the disk. */
@@ -1235,8 +1245,8 @@ typedef uintptr_t psp_threadHandle;
 /** Starts a thread.
  *
  *  @param function  what it runs; its return ends the thread.
- *  @param stack     bytes of its stack; 0 is the platform's own choice, less than the platform's
- *                   least is that least.
+ *  @param stack     bytes of its stack; 0 is the platform's own choice, less than 64 KiB or the
+ *                   platform's least is the larger of these.
  *  @param argument  handed to the function.
  *  @return PSP_OKAY; PSP_FAILED after the message "Failed to create thread". */
 PSP_API psp_status psp_threadBegin(void (*function)(void *), uint32_t stack, void *argument);
@@ -1252,7 +1262,8 @@ PSP_API psp_status psp_threadBeginEx(void (*function)(void *), uint32_t stack, v
 
 /** Sets the priority of a running thread.
  *
- *  @param priority  PSP_PRIORITY_LOWEST, PSP_PRIORITY_HIGHEST; any other value is normal.
+ *  @param priority  PSP_PRIORITY_LOWEST, PSP_PRIORITY_HIGHEST; any other value is normal, the
+ *                   process's own. On POSIX the two are 10 nice values off it.
  *  @return PSP_OKAY; PSP_FAILED when the platform refuses (raising wants a right on POSIX). */
 PSP_API psp_status psp_threadSetPriority(psp_threadHandle thread, int32_t priority);
 

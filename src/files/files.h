@@ -27,9 +27,15 @@ Result with_narrow(const psp_wchar *name, Result failure, Work &&work) {
   return result;
 }
 
+// psp_fileOpen for writing a new file, whose name is to become that of the existing file
+// `replaced`; it has the access of that file, and nobody else writes it or takes its name until it
+// is closed (os::file_create_replacement). In the store: an empty file.
+PSP_FH open_replacement(const char *name, const char *replaced, uint16_t mode);
+
 // Gives the file `replacement` the name of the existing file `name`, which goes. Where the platform
 // can, in one step that survives a crash: the name leads to one of the two files at any moment.
-// Both are on the side (disk or store) that the mode word tells. PSP_OKAY, PSP_FAILED or
+// Both are on the side (disk or store) that the mode word tells; on the disk the replacement may be
+// open. PSP_OKAY, PSP_FAILED or
 // PSP_NOMEMORY; after a failure both files are as they were. Refused in read-only and no-disk mode
 // on the disk.
 psp_status replace_file(const char *replacement, const char *name, uint16_t mode);

@@ -138,6 +138,11 @@ psp_file *open_file(const char *name, uint32_t flags, uint16_t mode) {
   return file;
 }
 
+os::Error create_replacement(psp_file *file, const char *replaced) {
+  if (core::no_disk() || core::read_only()) return refuse(os::Refusal::kAccessDenied);
+  return os::file_create_replacement(file->name(), replaced, &file->disk);
+}
+
 void close_file(psp_file *file) {
   if (file->stored != nullptr) {
     memstore::mfile_close(file->stored);
@@ -237,6 +242,22 @@ int32_t set_size(psp_file *file, int64_t size) {
 }
 
 }  // namespace
+
+PSP_FH open_replacement(const char *name, const char *replaced, uint16_t mode) {
+  if ((mode & PSP_FILE_MEMORY) != 0) {
+    return open_file(name, PSP_OPEN_WRITE | PSP_OPEN_TRUNCATE, mode);
+  }
+  if (!core::started()) {
+    refuse(os::Refusal::kInvalidArgument);
+    return nullptr;
+  }
+  psp_file *file = make_handle(name, PSP_OPEN_WRITE, mode);
+  if (file == nullptr || create_replacement(file, replaced) == 0) return file;
+  os::LastErrorKeeper keeper;
+  psp_freeMem(file, state.tag);
+  return nullptr;
+}
+
 }  // namespace psp::files
 
 using namespace psp::files;

@@ -30,13 +30,16 @@ char *copy_text(const char *text, psp_tag *tag) {
   return static_cast<char *>(psp_getMem(0, tag, PSP_MEM_STRDUP, text, kSource, __LINE__));
 }
 
-// What came of a search. Shortage of memory is no answer: taken for one, it would make a second
-// choice the directory for the rest of the process's life, or put a file where nobody looks for it.
-enum class Search { kFound, kNone, kNoMemory };
+// What came of a search. Shortage, of memory or of handles, is no answer: taken for one, it would
+// make a second choice the directory for the rest of the process's life, or put a file where nobody
+// looks for it.
+enum class Search { kFound, kNone, kShortage };
 
 Search failed_search() {
-  const bool is_short = os::file_condition(os::last_error()) == os::Condition::kShortOfMemory;
-  return is_short ? Search::kNoMemory : Search::kNone;
+  const os::Condition condition = os::file_condition(os::last_error());
+  const bool is_short =
+      condition == os::Condition::kShortOfMemory || condition == os::Condition::kShortOfHandles;
+  return is_short ? Search::kShortage : Search::kNone;
 }
 
 // Whether a file can be made in the directory. Process and thread are in its name, so that nobody
@@ -55,11 +58,11 @@ Search probe(const char *directory) {
 }
 
 Search try_candidate(const char *candidate, char **directory) {
-  if (candidate == nullptr) return Search::kNone;
+  if (candidate == nullptr || *candidate == '\0') return Search::kNone;
   const Search result = probe(candidate);
   if (result != Search::kFound) return result;
   *directory = copy_text(candidate, nullptr);
-  return *directory != nullptr ? Search::kFound : Search::kNoMemory;
+  return *directory != nullptr ? Search::kFound : Search::kShortage;
 }
 
 Search try_system_directory(char **directory) {
@@ -112,7 +115,7 @@ Search copy_directory(psp_tag *tag, char **copy) {
     if (result != Search::kFound) return result;
   }
   *copy = copy_text(directory, tag);
-  return *copy != nullptr ? Search::kFound : Search::kNoMemory;
+  return *copy != nullptr ? Search::kFound : Search::kShortage;
 }
 
 char *temporary_name(uint32_t *counter, const char *prefix, const char *extension, psp_tag *tag) {
@@ -121,7 +124,7 @@ char *temporary_name(uint32_t *counter, const char *prefix, const char *extensio
   const uint32_t number = (*counter)++;
   char *directory = nullptr;
   const Search result = copy_directory(nullptr, &directory);
-  if (result == Search::kNoMemory) return nullptr;
+  if (result == Search::kShortage) return nullptr;
   const bool is_found = result == Search::kFound;
   char *name = psp_makeStrVA(kSource, __LINE__, tag, "%s%s%s_%p_%010u_%03u.%s",
                              is_found ? directory : "", is_found ? kSeparatorText : "", prefix,

@@ -29,8 +29,6 @@ constexpr char kSeparator = '\\';
 
 bool in_store(uint16_t mode) { return (mode & PSP_FILE_MEMORY) != 0; }
 
-// A refusal of the library's own: the last error tells it like one of the platform's.
-
 bool are_names(const char *first, const char *second) {
   if (first != nullptr && second != nullptr) return true;
   refuse(os::Refusal::kInvalidArgument);
@@ -69,8 +67,7 @@ bool names_are_equal(const char *first, uint16_t first_mode, const char *second,
   *is_moved = names_are_equal(source, source_mode, destination, destination_mode);
   if (*is_moved || in_store(source_mode) != in_store(destination_mode)) return true;
   if (in_store(source_mode)) return memstore::mfile_is_same(source, destination, is_moved);
-  *is_moved = !core::no_disk() && os::names_lead_to_same_file(source, destination);
-  return true;
+  return core::no_disk() || os::names_lead_to_same_file(source, destination, is_moved) == 0;
 }
 
 // The bytes of a name up to its last separator.
@@ -258,6 +255,15 @@ bool is_renamed(const char *source, uint16_t source_mode, const char *destinatio
          rename_file(source, source_mode, destination, destination_mode) == PSP_OKAY;
 }
 
+// Whether a copy can stand for the file: the open of a pipe would wait for its other end.
+bool has_content(const char *name, uint16_t mode) {
+  os::FileStatus status;
+  if (in_store(mode) || core::no_disk()) return true;
+  if (os::file_status(name, &status) != 0) return false;
+  if (!status.is_regular) refuse(os::Refusal::kInvalidArgument);
+  return status.is_regular;
+}
+
 psp_status move_file(const char *source, uint16_t source_mode, const char *destination,
                      uint16_t destination_mode) {
   if (!are_names(source, destination)) return PSP_FAILED;
@@ -268,6 +274,7 @@ psp_status move_file(const char *source, uint16_t source_mode, const char *desti
   if (is_moved) return PSP_OKAY;
   remove_file(destination, destination_mode);
   if (is_renamed(source, source_mode, destination, destination_mode)) return PSP_OKAY;
+  if (!has_content(source, source_mode)) return PSP_FAILED;
   const psp_status status = copy_file(source, source_mode, destination, destination_mode);
   if (status != PSP_OKAY) return status;
   remove_file(source, source_mode);
@@ -313,10 +320,12 @@ psp_status move_entries(psp_pathIter *entries, const char *source, uint16_t sour
   return status;
 }
 
-// A store destination comes into being with its first file.
+// A store destination comes into being with its first file. On the disk somebody may be faster, or
+// the name end in a separator, which is told like that.
 psp_status provide_directory(const char *name, uint16_t mode) {
   if (in_store(mode) || file_exists(name, mode, nullptr) != 0) return PSP_OKAY;
-  return psp_dirCreateAll(name);
+  const psp_status status = psp_dirCreateAll(name);
+  return status == PSP_EXISTS ? PSP_OKAY : status;
 }
 
 // The files of a directory that could not be renamed. What cannot be iterated is not moved, and no

@@ -3,12 +3,11 @@
 //
 // The temporary file takes the place of the INI file only when all of the old one was read, the
 // length of the new one is what was put into it, and it is durable. A crash leaves the INI file and
-// perhaps a temporary file, which the next update overwrites.
+// perhaps a temporary file, which the next update removes.
 //
-// Owns nothing between calls. pspini.cpp holds the INI lock around an update. The temporary file
-// denies writing to others: of two processes that update files of one directory at the same moment,
-// one is told PSP_ERR_NOFILE instead of both writing into one file. Only the moment between the
-// close and the replacement is open to the other.
+// Owns nothing between calls. pspini.cpp holds the INI lock around an update, which serialises the
+// updates of this process. Those of several processes are serialised, directory by directory, by
+// the temporary file: whoever has created it has it until it is gone.
 #include "ini/ini_rewrite.h"
 
 #include <cstring>
@@ -26,6 +25,10 @@ namespace {
 
 constexpr char kSource[] = "ini_rewrite.cpp";
 constexpr char kTemporaryName[] = "_temp_.ini";
+constexpr int kTemporaryTries = 50;    // a millisecond apart
+constexpr size_t kTargetBytes = 4096;  // of the name of the file itself; on the stack
+
+bool in_store(uint16_t mode) { return (mode & PSP_FILE_MEMORY) != 0; }
 
 // ---- The new file -------------------------------------------------------------------------------
 
@@ -98,7 +101,7 @@ void take_line_inside(Rewrite *rewrite, std::string_view line, std::string_view 
     return;
   }
   if (rewrite->removes_section()) return;
-  if (is_blank(text) && text.size() + 1 >= line.size()) {
+  if (is_blank(line)) {
     if (!rewrite->removes_key()) ++rewrite->blank_lines;
     return;
   }
@@ -180,54 +183,69 @@ char *make_temporary_name(const char *file) {
   return temporary;
 }
 
-// A file that is the temporary file itself, by name or by a link, would be emptied by its rewrite.
+// A file that is the temporary file itself, by name or by a link, would go as one that was left. So
+// may a file of which that cannot be told.
 bool is_temporary_itself(const char *file, const char *temporary, uint16_t mode) {
-  if ((mode & PSP_FILE_MEMORY) != 0) return equal_names(file, temporary);
-  return os::names_are_equal(file, temporary) || os::names_lead_to_same_file(file, temporary);
+  if (in_store(mode)) return equal_names(file, temporary);
+  bool same = os::names_are_equal(file, temporary);
+  return same || os::names_lead_to_same_file(file, temporary, &same) != 0 || same;
 }
 
-psp_stream *open_temporary(const char *temporary, uint16_t mode) {
-  const bool on_disk = (mode & PSP_FILE_MEMORY) == 0;
-  const uint32_t denials = on_disk ? PSP_FILE_DENY_WRITE : 0;
-  return psp_fopenEx(temporary, "w", 0, static_cast<uint16_t>(mode | denials));
+// Another process that updates a file of the directory is waited for, a while.
+psp_stream *open_temporary(const char *temporary, const char *file, uint16_t mode) {
+  for (int tries = 1;; ++tries) {
+    psp_stream *stream = streams::open_replacement(temporary, file, mode);
+    if (stream != nullptr || tries == kTemporaryTries ||
+        os::file_condition(os::last_error()) != os::Condition::kSharingViolation) {
+      return stream;
+    }
+    os::sleep_milliseconds(1);
+  }
 }
 
-psp_status rewrite_file(const char *file, const char *temporary, const Change &change,
-                        uint16_t mode) {
+psp_status rewrite_file(const char *file, psp_stream *stream, const char *temporary,
+                        const Change &change, uint16_t mode) {
   psp_stream *input = psp_fopenEx(file, "r", 0, mode);
   if (input == nullptr) return PSP_ERR_NOFILE;
-  psp_stream *stream = open_temporary(temporary, mode);
-  if (stream == nullptr) {
-    const os::LastErrorKeeper keeper;
-    psp_fclose(input);
-    return PSP_ERR_NOFILE;
-  }
   Rewrite rewrite = {change, {stream}};
   psp_status status = rewrite_lines(input, &rewrite);
   if (status == PSP_OKAY && !settle(rewrite.output, temporary, mode)) status = PSP_ERR_REPLACEFILE;
   const os::LastErrorKeeper keeper;
-  psp_fclose(stream);
   psp_fclose(input);
   return status;
 }
 
+// The open temporary file keeps other processes from updating files of the directory, so it is
+// opened before the file is read and closed when it has the file's name, or none: no update of
+// another is overwritten. The store belongs to one process, and moves no file that is open.
 psp_status update_through(const char *file, const char *temporary, const Change &change,
                           uint16_t mode) {
   if (is_temporary_itself(file, temporary, mode)) return PSP_ERR_NOFILE;
-  psp_status status = rewrite_file(file, temporary, change, mode);
+  psp_stream *stream = open_temporary(temporary, file, mode);
+  if (stream == nullptr) return PSP_ERR_NOFILE;
+  psp_status status = rewrite_file(file, stream, temporary, change, mode);
+  if (in_store(mode)) {
+    psp_fclose(stream);
+    stream = nullptr;
+  }
   if (status == PSP_OKAY && files::replace_file(temporary, file, mode) != PSP_OKAY) {
     status = PSP_ERR_REPLACEFILE;
   }
-  if (status != PSP_OKAY && status != PSP_ERR_NOFILE) {
-    const os::LastErrorKeeper keeper;
-    psp_fileRemoveEx(temporary, mode);
-  }
+  const os::LastErrorKeeper keeper;
+  if (status != PSP_OKAY) psp_fileRemoveEx(temporary, mode);
+  psp_fclose(stream);
   return status;
 }
 
 }  // namespace
 
 psp_status update_file(const char *file, const Change &change, uint16_t mode) {
+  // A link stays, and what it leads to is updated.
+  char target[kTargetBytes];
+  if (!in_store(mode)) {
+    if (os::link_target(file, target, sizeof target) != 0) return PSP_ERR_NOFILE;
+    file = target;
+  }
   char *temporary = make_temporary_name(file);
   if (temporary == nullptr) return PSP_ERR_NOMEMORY;
   const psp_status status = update_through(file, temporary, change, mode);

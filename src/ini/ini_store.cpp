@@ -10,6 +10,7 @@
 #include <limits>
 
 #include "core/checked.h"
+#include "os/os.h"
 #include "streams/stream.h"
 
 namespace psp::ini {
@@ -18,8 +19,7 @@ namespace {
 
 constexpr char kSource[] = "ini_store.cpp";
 
-constexpr size_t kNameBytes = 127;       // what is kept of a section's or key's name
-constexpr uint32_t kCountLimit = 65535;  // sections of a file, keys of a section, files
+constexpr size_t kNameBytes = 127;  // what is kept of a section's or key's name
 constexpr uint32_t kFirstEntries = 16;
 constexpr uint32_t kFirstTextBytes = 1024;
 
@@ -92,9 +92,8 @@ inline bool are_equal(std::string_view first, std::string_view second) {
 }
 
 constexpr uint64_t kSectionSeed = 1;
-constexpr uint64_t kFileSeed = 2;
 // Keys of one name in different sections lie apart.
-inline uint64_t key_seed(uint32_t section) { return 3 + uint64_t{section}; }
+inline uint64_t key_seed(uint32_t section) { return 2 + uint64_t{section}; }
 
 // ---- Building -----------------------------------------------------------------------------------
 
@@ -144,7 +143,6 @@ uint32_t append_text(Contents *contents, std::string_view text) {
 
 bool add_section(Contents *contents, std::string_view name) {
   name = part(name, 0, kNameBytes);
-  if (contents->section_count == kCountLimit) return false;
   if (!reserve_text(contents, name.size() + 1)) return false;
   if (!reserve_entry(&contents->sections, contents->section_count, &contents->section_capacity)) {
     return false;
@@ -174,7 +172,6 @@ bool add_key(Contents *contents, std::string_view name, std::string_view value) 
   name = part(name, 0, kNameBytes);
   const uint32_t section_number = contents->section_count - 1;
   Section &section = contents->sections[section_number];
-  if (section.key_count == kCountLimit) return false;
   // A line is shorter than 2^32 bytes, so that the sum wraps nowhere but on 32 bits, where the
   // line alone would have filled the address space.
   if (!reserve_text(contents, name.size() + value.size() + 2)) return false;
@@ -184,7 +181,7 @@ bool add_key(Contents *contents, std::string_view name, std::string_view value) 
   key.name_hash = hash_name(name, key_seed(section_number));
   key.value_bytes = static_cast<uint32_t>(value.size());
   key.number = value.size() <= kNumberMaxBytes ? number_of(value) : 0;
-  key.section = static_cast<uint16_t>(section_number);
+  key.section = section_number;
   key.name_bytes = static_cast<uint8_t>(name.size());
   append_text(contents, value);
   ++section.key_count;
@@ -225,7 +222,7 @@ inline void occupy(Place *place, uint32_t hash, uint32_t number) {
 
 bool build_index(Contents *contents) {
   constexpr uint32_t kMost = 1u << 30;
-  if (contents->key_count > kMost / 2) return false;
+  if (contents->section_count > kMost / 2 || contents->key_count > kMost / 2) return false;
   contents->section_places = std::bit_ceil(contents->section_count * 2 + 1);
   contents->key_places = std::bit_ceil(contents->key_count * 2 + 1);
   size_t bytes = 0;
@@ -326,32 +323,30 @@ void release_contents(Contents *contents) {
 
 // ---- Files --------------------------------------------------------------------------------------
 
-File *find_file(Store *store, const char *name) {
-  // Most lookups go to the file of the one before, spelled alike. No other entry has an equal name.
+File *find_file(Store *store, const char *name, uint16_t mode) {
+  // Most lookups go to the file of the one before, spelled alike.
   if (store->count != 0 && std::strcmp(store->files[store->latest].name, name) == 0) {
     return &store->files[store->latest];
   }
-  const std::string_view wanted = name;
-  const uint32_t hash = hash_name(wanted, kFileSeed);
+  const bool in_store = (mode & PSP_FILE_MEMORY) != 0;
   for (uint32_t number = 0; number < store->count; ++number) {
     File &file = store->files[number];
-    if (file.name_hash != hash || !are_equal(file.name, wanted)) continue;
+    if (in_store ? !are_equal(file.name, name) : !os::names_are_equal(file.name, name)) continue;
     store->latest = number;
     return &file;
   }
   return nullptr;
 }
 
-File *put_contents(Store *store, const char *name, const Contents &contents) {
-  File *file = find_file(store, name);
+File *put_contents(Store *store, const char *name, uint16_t mode, const Contents &contents) {
+  File *file = find_file(store, name, mode);
   if (file == nullptr) {
-    if (store->count == kCountLimit) return nullptr;
     if (!reserve_entry(&store->files, store->count, &store->capacity)) return nullptr;
     auto *own_name =
         static_cast<char *>(psp_getMem(0, nullptr, PSP_MEM_STRDUP, name, kSource, __LINE__));
     if (own_name == nullptr) return nullptr;
     file = &store->files[store->count++];
-    *file = {own_name, hash_name(name, kFileSeed), {}};
+    *file = {own_name, {}};
   }
   release_contents(&file->contents);
   file->contents = contents;

@@ -8,8 +8,9 @@
 //     keys:      | of section 0 | of section 1 | ...
 //     index:     | places of sections | places of keys |      open addressing, at most half full
 //
-// Names compare without regard to the case of the letters A to Z. Of equal names only the first is
-// in the index, as only the first is ever found; lists go through the arrays.
+// Names compare without regard to the case of the letters A to Z, but names of files on the disk as
+// the platform compares them. Of equal names only the first is in the index, as only the first is
+// ever found; lists go through the arrays.
 //
 // No locks: pspini.cpp guards the store. Included by the modules of ini/.
 #pragma once
@@ -36,7 +37,7 @@ struct Section {
   uint32_t name;  // offset in the text
   uint32_t name_hash;
   uint32_t first_key;
-  uint16_t key_count;
+  uint32_t key_count;
   uint8_t name_bytes;
 };
 
@@ -45,7 +46,7 @@ struct Key {
   uint32_t name_hash;
   uint32_t value_bytes;
   int32_t number;  // that the value begins with, if it is at most kNumberMaxBytes long
-  uint16_t section;
+  uint32_t section;
   uint8_t name_bytes;
 };
 
@@ -88,17 +89,16 @@ const Section *find_section(const Contents &contents, std::string_view name);
 const Key *find_key(const Contents &contents, const Section &section, std::string_view name);
 
 // Reads a file. False, with nothing obtained, when it cannot be opened or read to its end, when
-// memory runs out, or when it has more sections or keys in a section than the store can count.
+// memory runs out, or when it is too large for offsets and numbers of 32 bits.
 bool read_contents(const char *file, uint16_t mode, Contents *contents);
 void release_contents(Contents *contents);
 
 struct File {
   char *name;
-  uint32_t name_hash;
   Contents contents;
 };
 
-// The files in the order of their first reading. They are few: a search looks at each one's hash.
+// The files in the order of their first reading. They are few: a search looks at each one.
 struct Store {
   File *files;
   uint32_t count;
@@ -106,10 +106,11 @@ struct Store {
   uint32_t latest;  // the file found last
 };
 
-File *find_file(Store *store, const char *name);
+// The first file of that name. An entry has no side: the mode word tells how names compare.
+File *find_file(Store *store, const char *name, uint16_t mode);
 // Gives the contents to the file's entry, which is made if need be, and the old ones back. Null
 // when memory is short, and then the store and the contents are as before.
-File *put_contents(Store *store, const char *name, const Contents &contents);
+File *put_contents(Store *store, const char *name, uint16_t mode, const Contents &contents);
 void release_store(Store *store);
 
 }  // namespace psp::ini

@@ -35,20 +35,20 @@ constinit State state;
 File *read_file(const char *name, uint16_t mode) PSP_REQUIRES(state.lock) {
   Contents contents;
   if (!read_contents(name, mode, &contents)) return nullptr;
-  File *file = put_contents(&state.store, name, contents);
+  File *file = put_contents(&state.store, name, mode, contents);
   if (file == nullptr) release_contents(&contents);
   return file;
 }
 
 // An entry without sections is read again at the next lookup.
-void forget_file(const char *name) PSP_REQUIRES(state.lock) {
-  File *file = find_file(&state.store, name);
+void forget_file(const char *name, uint16_t mode) PSP_REQUIRES(state.lock) {
+  File *file = find_file(&state.store, name, mode);
   if (file != nullptr) release_contents(&file->contents);
 }
 
 void read_or_forget(const char *name, uint16_t mode) {
   const core::SyncGuard guard(state.lock);
-  if (read_file(name, mode) == nullptr) forget_file(name);
+  if (read_file(name, mode) == nullptr) forget_file(name, mode);
 }
 
 // ---- Lookup -------------------------------------------------------------------------------------
@@ -104,7 +104,7 @@ psp_status find_result(const Contents &contents, const char *section_name, const
 
 // What the store holds of the file, which is read if need be; null when it cannot be.
 const Contents *contents_of(const char *name, uint16_t mode) PSP_REQUIRES(state.lock) {
-  const File *file = find_file(&state.store, name);
+  const File *file = find_file(&state.store, name, mode);
   if (file == nullptr || file->contents.section_count == 0) file = read_file(name, mode);
   return file != nullptr ? &file->contents : nullptr;
 }
@@ -142,7 +142,7 @@ psp_status set(const char *file, const Change &change, uint16_t mode) {
   const core::SyncGuard guard(state.lock);
   const psp_status status = update_file(file, change, mode);
   // Whatever the file holds now, the store must not go on with what it held before.
-  if (status == PSP_OKAY && read_file(file, mode) == nullptr) forget_file(file);
+  if (status == PSP_OKAY && read_file(file, mode) == nullptr) forget_file(file, mode);
   return status;
 }
 

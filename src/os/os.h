@@ -83,11 +83,12 @@ void barrier_in_all_threads();
 void yield_thread();
 void sleep_milliseconds(uint32_t milliseconds);
 
-// Starts a thread that nobody waits for. stack_bytes 0 is the platform's choice; less than its
-// least is its least. *handle, if wanted, designates the thread while it runs.
+// Starts a thread that nobody waits for. stack_bytes 0 is the platform's choice; fewer than
+// it can work with are raised. *handle, if wanted, designates the thread while it runs.
 Error thread_start(void (*function)(void *), void *argument, size_t stack_bytes, uintptr_t *handle);
 // Ends the calling thread, with its exit hook.
 [[noreturn]] void thread_end();
+// Relative to the priority of the process.
 enum class ThreadPriority { kLowest, kNormal, kHighest };
 Error thread_set_priority(uintptr_t handle, ThreadPriority priority);
 uint32_t thread_id();
@@ -114,6 +115,15 @@ struct OpenOptions {
 // options and those of another open handle of this or another process exclude each other. Not
 // inherited by other programs. A failed open changes nothing but may have created an empty file.
 Error file_open(const char *name, const OpenOptions &options, File *file);
+
+// Opens a file for writing whose name file_replace is to give to `replaced`, an existing regular
+// file. The file is always a new one, and others may neither write it nor create one of its name
+// until it is closed, which may come after the replacement. Before its first byte it has the owner,
+// the group and the permissions of the replaced file; an owner that the process may not give is
+// left away, and then nobody gets more than he had. One that a killed process left is removed.
+// Fails with a sharing violation while another handle has the name, and for a name that stands for
+// a link or anything else but a file.
+Error file_create_replacement(const char *name, const char *replaced, File *file);
 
 enum class StandardChannel { kInput, kOutput, kError };
 
@@ -156,6 +166,7 @@ struct FileStatus {
   int64_t size;
   int64_t modified_seconds;  // since 1970-01-01 UTC
   bool is_directory;
+  bool is_regular;  // a file with content, no pipe and no device
 };
 
 Error file_status(const char *name, FileStatus *status);
@@ -169,6 +180,7 @@ enum class Condition {
   kTransient,          // buffer or memory short for the moment: the same call may succeed
   kTooLargeForSystem,  // resources short for the size of the request: halves may succeed
   kShortOfMemory,      // both of these (where the platform does not tell them apart)
+  kShortOfHandles,     // no more files can be open
   kAlreadyExists,      // the name is taken
   kNotFound,           // the name, or a directory on the way to it, does not exist
   kBufferTooSmall,     // the answer wants more room
@@ -181,8 +193,12 @@ Condition file_condition(Error error);
 // Whether two names spell the same name on this platform (case, separators), without a look at the
 // disk.
 bool names_are_equal(const char *first, const char *second);
-// Whether two names lead to the same existing file or directory.
-bool names_lead_to_same_file(const char *first, const char *second);
+// Tells whether two names lead to the same existing file or directory; fails where that cannot be
+// found out.
+Error names_lead_to_same_file(const char *first, const char *second, bool *same);
+// The name of the file that a link leads to; any other name as it stands. Fails for a link that
+// leads nowhere and a buffer that is too small.
+Error link_target(const char *name, char *buffer, size_t size);
 
 // Removes a file, not a directory.
 Error file_remove(const char *name);
@@ -192,16 +208,15 @@ Error file_remove(const char *name);
 Error file_rename(const char *old_name, const char *new_name);
 // Gives a file the name of another, which it replaces in one step, and makes the change of names
 // durable. The INI update rests on this: whatever happens, one of the two files has the name. The
-// replacement takes over who may read and write the other, as far as the platform lets it. A
-// failure leaves both names as they were; a name that cannot be made durable is told by
-// last_error() alone.
+// replacement may be open. A failure leaves both names as they were; a name that cannot be made
+// durable is told by last_error() alone.
 Error file_replace(const char *old_name, const char *new_name);
 
 Error directory_create(const char *name);
 Error directory_remove(const char *name);  // an empty one
 
-// An iteration over all entries of a directory, "." and ".." included. The fields are the
-// platform's own.
+// An iteration over the entries of a directory that names of the library can lead to, "." and ".."
+// included. The fields are the platform's own.
 struct Directory {
   void *state = nullptr;
 };

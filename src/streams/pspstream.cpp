@@ -8,6 +8,7 @@
 
 #include "core/checked.h"
 #include "core/exported_call.h"
+#include "files/files.h"
 #include "os/os.h"
 #include "streams/stream.h"
 
@@ -63,8 +64,10 @@ void destroy_stream(psp_stream *stream) {
   psp_freeMem(stream, nullptr);
 }
 
-// A stream of width 1 at the start of a file whose length is not taken.
-psp_stream *make_stream(const char *name, uint32_t flags, uint16_t mode_word) {
+// A stream of width 1 at the start of a file whose length is not taken. replaced: the file that the
+// new one is to replace, or null.
+psp_stream *make_stream(const char *name, uint32_t flags, uint16_t mode_word,
+                        const char *replaced = nullptr) {
   auto *stream = static_cast<psp_stream *>(
       psp_getMem(sizeof(psp_stream), nullptr, PSP_MEM_ZERO, nullptr, kSource, __LINE__));
   if (stream == nullptr) return nullptr;
@@ -72,8 +75,12 @@ psp_stream *make_stream(const char *name, uint32_t flags, uint16_t mode_word) {
       psp_getMem(sizeof(Block), nullptr, PSP_MEM_ZERO, nullptr, kSource, __LINE__));
   stream->block = block;
   stream->width = 1;
-  if (block != nullptr) block->file = psp_fileOpen(name, flags, mode_word);
+  if (block != nullptr) {
+    block->file = replaced == nullptr ? psp_fileOpen(name, flags, mode_word)
+                                      : files::open_replacement(name, replaced, mode_word);
+  }
   if (block == nullptr || block->file == nullptr) {
+    const os::LastErrorKeeper keeper;
     destroy_stream(stream);
     return nullptr;
   }
@@ -190,6 +197,11 @@ psp_status seek(psp_stream *stream, int32_t offset, int32_t origin) {
 }
 
 }  // namespace
+
+psp_stream *open_replacement(const char *name, const char *replaced, uint16_t mode_word) {
+  return make_stream(name, PSP_OPEN_WRITE, mode_word, replaced);
+}
+
 }  // namespace psp::streams
 
 using namespace psp;

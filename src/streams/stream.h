@@ -19,6 +19,9 @@ inline constexpr uint32_t kPushBackEntries = 20;
 // The result is the length (at most INT32_MAX), or -1 at the first byte that fails.
 int32_t put_text(psp_stream *stream, const char *text, size_t length);
 
+// psp_fopenEx in mode "w", width 0, through files::open_replacement.
+psp_stream *open_replacement(const char *name, const char *replaced, uint16_t mode_word);
+
 // A line of a file, in a block of the default tag that its owner releases; begins as {}.
 struct Line {
   char *text;

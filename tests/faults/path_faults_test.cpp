@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 #include <stdlib.h>
 
+#include <atomic>
 #include <cerrno>
 #include <filesystem>
 
@@ -54,14 +55,61 @@ FAULT_TEST(PathFaults, FailureIsNullAndNeverAShorterName) {
     sweep(scenario);
   }
   // A refused directory gives way to the next one; without any the name stands alone.
-  Scenario scenario{.sweeps = kCalls, .codes = {EACCES}, .kept_blocks = 1};
+  Scenario scenario{.sweeps = kCalls, .codes = kCommonCodes, .kept_blocks = 1};
   scenario.act = [] { return make_temporary_name("/nonexistent"); };
   scenario.judge = [](const Run &run) { EXPECT_TRUE(run.worked) << "a refusal is no failure"; };
   sweep(scenario);
 }
 
+struct Call {
+  unsigned sweeps;
+  bool (*works)();
+  const char *comes, *goes;  // by a success and no failure
+};
+
+bool exists(const char *name) { return std::filesystem::exists(scratch_path(name)); }
+
+bool iterate() {
+  int count = errno = 0;
+  psp_pathIter *entries = psp_pathOpen(scratch_path("d"), "*");
+  for (uint32_t flag; entries != nullptr && psp_pathNext(entries, &flag) != nullptr;) ++count;
+  const psp::os::LastErrorKeeper keeper;
+  psp_pathClose(entries);
+  return count == 3 && errno == 0;
+}
+
+FAULT_TEST(PathFaults, EachCallIsDoneOrToldAsFailed) {
+  static constexpr const char *(*at)(const char *) = scratch_path;
+  const Call calls[] = {
+      {kAllocations | kCalls, [] { return take(psp_currdir()); }, {}, {}},
+      {kAllocations | kCalls, [] { return take(psp_tmpdir(nullptr)); }, {}, {}},
+      {kAllocations | kCalls, iterate, {}, {}},
+      {kCalls, [] { return psp_dirCreate(at("n")) == 0; }, "n", {}},
+      {kCalls, [] { return psp_dirCreateAll(at("n\\m")) == 0; }, "n/m", {}},
+      {kCalls, [] { return psp_dirRemove(at("e")) == 0; }, {}, "e"},
+      {kCalls, [] { return psp_fileRemove(at("d/f")) == 0; }, {}, "d/f"},
+      {kCalls, [] { return psp_fileRename(at("d/f"), at("e/f")) == 0; }, "e/f", "d/f"},
+      {kCalls, [] { return psp_fileValidate(at("d/f")) == 1; }, {}, {}}};
+  for (const Call &call : calls) {
+    // Of this code no second choice comes of a temporary directory.
+    Scenario scenario{.sweeps = call.sweeps, .act = call.works, .codes = {EMFILE}};
+    scenario.kept_blocks = 1;
+    scenario.prepare = scenario.clean = [] {
+      for (const char *name : {"d", "e", "n"}) std::filesystem::remove_all(at(name));
+      for (const char *name : {"d", "e"}) std::filesystem::create_directory(at(name));
+      put_file(at("d/f"), "content");
+    };
+    scenario.judge = [&call](const Run &run) {
+      EXPECT_TRUE(call.comes == nullptr || run.worked == exists(call.comes));
+      EXPECT_TRUE(call.goes == nullptr || run.worked != exists(call.goes));
+      EXPECT_TRUE(run.worked || run.error == (run.fault.error != 0 ? EMFILE : ENOMEM));
+    };
+    sweep(scenario);
+  }
+}
+
 FAULT_TEST(ThreadFaults, RefusedStartIsToldAndARefusedPriorityIsNot) {
-  Scenario scenario{.sweeps = kCalls, .codes = {EAGAIN}};
+  Scenario scenario{.sweeps = kCalls, .codes = kCommonCodes};
   scenario.act = [] {
     const auto nothing = [](void *) {};
     return psp_threadBeginEx(nothing, 0, nullptr, &(handle = 0), -1, 0) == PSP_OKAY;
@@ -69,7 +117,16 @@ FAULT_TEST(ThreadFaults, RefusedStartIsToldAndARefusedPriorityIsNot) {
   scenario.judge = [](const Run &run) {
     EXPECT_EQ(run.worked, handle != 0);
     EXPECT_NE(run.output.find("Failed to create thread") != std::string::npos, run.worked);
-    EXPECT_TRUE(run.worked || run.error == EAGAIN);
+    EXPECT_TRUE(run.worked || run.error == (run.fault.error != 0 ? run.fault.error : ENOMEM));
+  };
+  sweep(scenario);
+  scenario.sweeps |= kAllocations;  // of a thread whose handle nobody wants
+  scenario.act = [] {
+    static std::atomic<psp_threadHandle> runs;
+    const auto run = [](void *) { runs = 1, runs.notify_all(); };
+    if (runs = handle = 0; psp_threadBegin(run, 0, nullptr) != PSP_OKAY) return false;
+    runs.wait(0);
+    return (handle = runs) != 0;
   };
   sweep(scenario);
 }

@@ -30,7 +30,7 @@ FAULT_TEST(WholeFileFaults, FailureLosesNothingAndSuccessIsOne) {
   from = scratch_path("d/file"), to = scratch_path("to"), moved = scratch_path("e/file");
   const std::string content(2500, 's');
   for (const Operation &operation : kOperations) {
-    Scenario scenario{.sweeps = operation.sweeps};
+    Scenario scenario{.sweeps = operation.sweeps, .codes = kCommonCodes};
     scenario.prepare = scenario.clean = [&] {
       for (const char *folder : {scratch_path("d"), scratch_path("e")}) {
         std::filesystem::remove_all(folder);

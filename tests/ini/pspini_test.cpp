@@ -205,6 +205,29 @@ TEST_F(Ini, UpdateChangesOneLineAndKeepsTheOthers) {
   const string odd("[o]\nz=\0\xFF\n\xFF\n\r=x", 14);
   EXPECT_EQ(updated("[a]\nj=1\n" + odd, "a", "j", "2"), "[a]\nj=2\n" + odd);
   EXPECT_EQ(updated(odd, "p", nullptr, nullptr), odd);
+  const string blank("[a]\nj=1\n \0x", 11);
+  EXPECT_EQ(updated(blank, "a", "k", "2"), blank + "\nk=2\n");
+}
+
+TEST_F(Ini, UpdateFollowsLinksAndKeepsPermissions) {
+  namespace fs = std::filesystem;
+  const string file = path, temporary = folder + "/_temp_.ini";
+  put("[s]\na=1\n");
+  fs::permissions(file, fs::perms{0464});
+  fs::create_symlink(file, path = folder + "/link");
+  std::ofstream(temporary) << "left by a killed process";
+  EXPECT_EQ(set("s", "a", "2"), PSP_OKAY);
+  EXPECT_TRUE(fs::is_symlink(path) && !fs::exists(temporary));
+  EXPECT_EQ(fs::status(file).permissions(), fs::perms{0464});
+  fs::create_symlink(file, temporary);
+  EXPECT_EQ(set("s", "a", "3"), PSP_ERR_NOFILE);
+  EXPECT_EQ(content(), "[s]\r\na=2\r\n");
+  path = folder + "/A.INI";  // another name on the disk, and so in the store
+  EXPECT_EQ(get("s", "a"), "#-905");
+  string many;
+  for (int section = 0; section < 70'000; ++section) many += "[s]\n";
+  put(many + "[t]\na=5\n");
+  EXPECT_EQ(get("t", "a"), "5");
 }
 
 // Every state of the file is "[s]", the number and as many fillers as make a few blocks.
@@ -249,6 +272,37 @@ TEST_F(Ini, FullDiskLeavesOldFile) {
     }
     EXPECT_EQ(content(), numbered(0));
     EXPECT_FALSE(std::filesystem::exists(folder + "/_temp_.ini"));
+  }
+}
+
+// Each process counts a key of its own up in two files; none may lose or spoil what others wrote.
+TEST_F(Ini, ProcessesLoseNoUpdateOfOneDirectory) {
+  const string files[] = {path, folder + "/b.ini"};
+  for (const string &file : files)
+    std::ofstream(file) << file << "\r\n[s]\r\nk0=0\r\nk1=0\r\nk2=0\r\n";
+  pid_t children[3];
+  for (int child = 0; child < 3; ++child) {
+    if ((children[child] = fork()) != 0) continue;
+    const string key = "k" + std::to_string(child);
+    for (int number = 0; number < 300; ++number) {
+      path = files[number % 2];
+      psp_readIniFile(path.c_str());
+      if (get("s", key.c_str()) != std::to_string(number / 2)) _exit(1);
+      const string next = std::to_string(number / 2 + 1);
+      psp_status status = PSP_ERR_NOFILE;  // the others had the directory for too long
+      while (status == PSP_ERR_NOFILE) status = set("s", key.c_str(), next.c_str());
+      if (status != PSP_OKAY) _exit(2);
+    }
+    _exit(0);
+  }
+  for (const pid_t child : children) {
+    int status = -1;
+    EXPECT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(status, 0);
+  }
+  for (const string &file : files) {
+    path = file;
+    EXPECT_EQ(content(), file + "\r\n[s]\r\nk0=150\r\nk1=150\r\nk2=150\r\n");
   }
 }
 

@@ -6,6 +6,7 @@
 // for the calling thread: other threads go on undisturbed.
 #pragma once
 
+#include <cerrno>
 #include <cstdint>
 #include <functional>
 #include <string>
@@ -70,6 +71,9 @@ struct Run {
   Fault fault = {};         // kNone: the run after the faults, which must work
   std::string output = {};  // what came out of the process's standard output and error
 };
+
+// What a broken or full disk, missing rights, a signal and a missing file bring about.
+inline const std::vector<os::Error> kCommonCodes = {EIO, ENOSPC, EACCES, EINTR, ENOENT};
 
 struct Scenario {
   unsigned sweeps = kAllocations;

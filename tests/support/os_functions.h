@@ -26,6 +26,8 @@
   X(arm_thread_exit_hook, bool, ())                                                                \
   X(file_open, Error, (const char *name, const OpenOptions &options, File *file), name, options,   \
     file)                                                                                          \
+  X(file_create_replacement, Error, (const char *name, const char *replaced, File *file), name,    \
+    replaced, file)                                                                                \
   X(file_standard, Error, (StandardChannel channel, File * file), channel, file)                   \
   X(file_close, Error, (File * file), file)                                                        \
   X(file_seek, Error, (File * file, int64_t offset, Origin origin), file, offset, origin)          \
@@ -38,6 +40,9 @@
   X(file_remove, Error, (const char *name), name)                                                  \
   X(file_rename, Error, (const char *old_name, const char *new_name), old_name, new_name)          \
   X(file_replace, Error, (const char *old_name, const char *new_name), old_name, new_name)         \
+  X(names_lead_to_same_file, Error, (const char *first, const char *second, bool *same), first,    \
+    second, same)                                                                                  \
+  X(link_target, Error, (const char *name, char *buffer, size_t size), name, buffer, size)         \
   X(counter_frequency, bool, (int64_t * frequency), frequency)                                     \
   X(local_time, bool, (int64_t seconds, std::tm * result), seconds, result)                        \
   X(time_text, const char *, (int64_t seconds), seconds)                                           \
@@ -59,27 +64,26 @@
     (File * file, int64_t offset, const void *buffer, uint32_t count, uint32_t *done), file,     \
     offset, buffer, count, done)
 
-#define PSP_OS_OTHERS(X)                                                                   \
-  X(last_error, Error, ())                                                                 \
-  X(refusal_code, Error, (Refusal refusal), refusal)                                       \
-  X(barrier_in_all_threads, void, ())                                                      \
-  X(set_last_error, void, (Error error), error)                                            \
-  X(release_pages, void, (void *pages, size_t bytes), pages, bytes)                        \
-  X(wake_one, void, (const std::atomic<uint32_t> &word), word)                             \
-  X(wake_all, void, (const std::atomic<uint32_t> &word), word)                             \
-  X(remove_thread_exit_hook, void, ())                                                     \
-  X(thread_id, uint32_t, ())                                                               \
-  X(directory_close, void, (Directory * directory), directory)                             \
-  X(yield_thread, void, ())                                                                \
-  X(sleep_milliseconds, void, (uint32_t milliseconds), milliseconds)                       \
-  X(file_condition, Condition, (Error error), error)                                       \
-  X(names_are_equal, bool, (const char *first, const char *second), first, second)         \
-  X(names_lead_to_same_file, bool, (const char *first, const char *second), first, second) \
-  X(calendar_seconds, int64_t, (uint32_t * milliseconds), milliseconds)                    \
-  X(recent_seconds, int64_t, ())                                                           \
-  X(counter_value, int64_t, ())                                                            \
-  X(process_id, int32_t, ())                                                               \
-  X(decimal_point, const char *, ())                                                       \
+#define PSP_OS_OTHERS(X)                                                           \
+  X(last_error, Error, ())                                                         \
+  X(refusal_code, Error, (Refusal refusal), refusal)                               \
+  X(barrier_in_all_threads, void, ())                                              \
+  X(set_last_error, void, (Error error), error)                                    \
+  X(release_pages, void, (void *pages, size_t bytes), pages, bytes)                \
+  X(wake_one, void, (const std::atomic<uint32_t> &word), word)                     \
+  X(wake_all, void, (const std::atomic<uint32_t> &word), word)                     \
+  X(remove_thread_exit_hook, void, ())                                             \
+  X(thread_id, uint32_t, ())                                                       \
+  X(directory_close, void, (Directory * directory), directory)                     \
+  X(yield_thread, void, ())                                                        \
+  X(sleep_milliseconds, void, (uint32_t milliseconds), milliseconds)               \
+  X(file_condition, Condition, (Error error), error)                               \
+  X(names_are_equal, bool, (const char *first, const char *second), first, second) \
+  X(calendar_seconds, int64_t, (uint32_t * milliseconds), milliseconds)            \
+  X(recent_seconds, int64_t, ())                                                   \
+  X(counter_value, int64_t, ())                                                    \
+  X(process_id, int32_t, ())                                                       \
+  X(decimal_point, const char *, ())                                               \
   X(thousands_separator, const char *, ())
 
 // Those that do not return.

@@ -64,7 +64,8 @@ Error directory_open(const char *name, Directory *directory) {
   return 0;
 }
 
-// The end of the directory leaves errno alone, a failure sets it.
+// The end of the directory leaves errno alone, a failure sets it. To the library a name that holds
+// a backslash would be a path, perhaps of another file, so it is none that is told.
 bool directory_next(Directory *directory, DirectoryEntry *entry) {
   DIR *stream = stream_of(*directory);
   const int before = errno;
@@ -72,7 +73,7 @@ bool directory_next(Directory *directory, DirectoryEntry *entry) {
   do {
     errno = 0;
     found = readdir(stream);
-  } while (found == nullptr && errno == EINTR);
+  } while (found == nullptr ? errno == EINTR : strchr(found->d_name, '\\') != nullptr);
   if (found != nullptr || errno == 0) errno = before;
   if (found == nullptr) return false;
   entry->name = found->d_name;
@@ -87,7 +88,13 @@ void directory_close(Directory *directory) {
 }
 
 Error current_directory(char *buffer, size_t size) {
-  return getcwd(buffer, size) == nullptr ? last_error() : 0;
+  const int before = errno;
+  const char *found = nullptr;
+  do {
+    errno = before;
+    found = getcwd(buffer, size);
+  } while (found == nullptr && errno == EINTR);
+  return found == nullptr ? last_error() : 0;
 }
 
 Error system_temporary_directory(char *buffer, size_t size) {

@@ -203,6 +203,19 @@ Error claim_sharing(int fd, const OpenOptions &options) {
   return locks_are_missing(error) ? 0 : error;
 }
 
+// Whether the name leads to the open file; if not, it was renamed or removed between the open and
+// the claim, and is nobody's to empty.
+Error check_name(int fd, const char *path) {
+  struct stat opened = {};
+  struct stat named = {};
+  if (retry_interrupted([&] { return fstat(fd, &opened); }) == -1) return last_error();
+  if (retry_interrupted([&] { return stat(path, &named); }) == -1) {
+    return errno == ENOENT ? kSharingViolationCode : last_error();
+  }
+  const bool same = opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
+  return same ? 0 : kSharingViolationCode;
+}
+
 bool denies_any(const OpenOptions &options) { return options.deny_read || options.deny_write; }
 
 // Whether the descriptor must be open for reading and for writing: for the handle, or for its
@@ -218,9 +231,8 @@ bool descriptor_writes(const OpenOptions &options) {
 
 // Never one of the descriptors 0 to 2: in a process that closed a standard channel, what others
 // print would go into the file.
-int open_above_standard(const char *path, int flags) {
-  constexpr mode_t kEveryone = 0666;
-  const int fd = retry_interrupted([&] { return open(path, flags, kEveryone); });
+int open_above_standard(const char *path, int flags, mode_t permissions) {
+  const int fd = retry_interrupted([&] { return open(path, flags, permissions); });
   if (fd == -1 || fd > STDERR_FILENO) return fd;
   const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
   LastErrorKeeper keeper;
@@ -249,20 +261,112 @@ Error refuse_directory(int fd, const OpenOptions &options, bool *is_regular) {
   int readable_bytes = 0;
   if (!asks && (descriptor_writes(options) || ioctl(fd, FIONREAD, &readable_bytes) == 0)) return 0;
   struct stat status = {};
-  if (fstat(fd, &status) == -1) return last_error();
+  if (retry_interrupted([&] { return fstat(fd, &status); }) == -1) return last_error();
   *is_regular = S_ISREG(status.st_mode);
   return S_ISDIR(status.st_mode) ? EISDIR : 0;
 }
 
-Error settle_open(int fd, const OpenOptions &options) {
+Error settle_open(int fd, const char *path, const OpenOptions &options) {
   bool is_regular = false;
   Error error = refuse_directory(fd, options, &is_regular);
   if (error != 0) return error;
   // Only regular files can be denied to others. Marks are set on anything and meet no denial there.
   if (!denies_any(options) || is_regular) error = claim_sharing(fd, options);
+  // Who denies something may be about to replace what the file holds.
+  if (error == 0 && denies_any(options)) error = check_name(fd, path);
   if (error != 0 || !options.truncate) return error;
   if (retry_interrupted([&] { return ftruncate(fd, 0); }) == 0) return 0;
   return errno == EINVAL ? 0 : last_error();  // a pipe or a device: there is nothing to empty
+}
+
+// ---- Replacements -------------------------------------------------------------------------------
+//
+// The name of a replacement is a lock: whoever has created the file, and holds the claim of it
+// while the name leads to it, has the name. Without the claim nobody renames or removes it. So a
+// process that opened the file of another, which then was renamed, finds the name gone behind its
+// claim.
+
+constexpr mode_t kOwnerOnly = 0600;
+constexpr int kReplacementFlags = O_CLOEXEC | O_NOCTTY | O_NOFOLLOW | O_NONBLOCK;
+
+// Others may read what has taken the name of the replaced file.
+OpenOptions replacement_options() {
+  OpenOptions options;
+  options.write = true;
+  options.deny_write = true;
+  return options;
+}
+
+// A file that may be read only, as the replaced one, and that nobody holds any more.
+int open_unwritable(const char *path) {
+  const int fd = open_above_standard(path, O_RDONLY | kReplacementFlags, 0);
+  if (fd == -1) return -1;
+  Error error = 0;
+  if (another_holds(fd, lock_request(F_WRLCK, kWritingZone, kZoneBytes))) {
+    error = kSharingViolationCode;
+  }
+  if (error == 0) error = check_name(fd, path);
+  if (error == 0 && retry_interrupted([&] { return fchmod(fd, kOwnerOnly); }) == -1) {
+    error = last_error();
+  }
+  close(fd);
+  if (error != 0) set_last_error(error);
+  return error != 0 ? -1 : open_above_standard(path, O_RDWR | kReplacementFlags, 0);
+}
+
+// Where there are no locks, nobody can tell whether the file is still being written, and it stays.
+Error remove_claimed(int fd, const char *path) {
+  const Error error = set_claims(fd, claims_of(replacement_options()));
+  if (error == kLockViolationCode || locks_are_missing(error)) return kSharingViolationCode;
+  if (error != 0) return error;
+  const Error moved = check_name(fd, path);
+  if (moved != 0) return moved;
+  return retry_interrupted([&] { return unlink(path); }) == 0 ? 0 : last_error();
+}
+
+// Removes the file that a killed process left.
+Error remove_abandoned(const char *path) {
+  struct stat status = {};
+  if (retry_interrupted([&] { return lstat(path, &status); }) == -1) {
+    return errno == ENOENT ? 0 : last_error();
+  }
+  if (!S_ISREG(status.st_mode)) return EEXIST;
+  int fd = open_above_standard(path, O_RDWR | kReplacementFlags, 0);
+  if (fd == -1 && errno == EACCES) fd = open_unwritable(path);
+  if (fd == -1) return errno == ENOENT ? 0 : last_error();
+  const Error error = remove_claimed(fd, path);
+  close(fd);
+  return error;
+}
+
+// Owner and group as far as the process may give them, and permissions that let nobody do what he
+// could not do before. Without the group, those of the file's new group were others, and others
+// may have been of the old group. Permissions that run a file as its owner stay with the owner.
+Error take_over_access(int fd, const struct stat &model) {
+  constexpr mode_t kSetIdBits = S_ISUID | S_ISGID;
+  constexpr mode_t kNotOwner = S_IRWXG | S_IRWXO;
+  constexpr auto kSameOwner = static_cast<uid_t>(-1);
+  const auto give = [fd](uid_t owner, gid_t group) {
+    return retry_interrupted([&] { return fchown(fd, owner, group); }) == 0;
+  };
+  mode_t bits = model.st_mode & 07777;
+  if (!give(model.st_uid, model.st_gid)) {
+    bits &= ~kSetIdBits;
+    if (!give(kSameOwner, model.st_gid)) {
+      const mode_t both = (bits >> 3) & bits & S_IRWXO;
+      bits = (bits & ~kNotOwner) | both << 3 | both;
+    }
+  }
+  return retry_interrupted([&] { return fchmod(fd, bits); }) == 0 ? 0 : last_error();
+}
+
+Error settle_replacement(int fd, const char *path, const struct stat &model) {
+  Error error = claim_sharing(fd, replacement_options());
+  if (error == 0) error = check_name(fd, path);
+  if (error != 0) return error;  // the name is another's, or will be found abandoned
+  error = take_over_access(fd, model);
+  if (error != 0) retry_interrupted([&] { return unlink(path); });
+  return error;
 }
 
 // ---- Transfers ----------------------------------------------------------------------------------
@@ -334,9 +438,10 @@ Error file_open(const char *name, const OpenOptions &options, File *file) {
   NameBuffer buffer;
   const char *path = system_name(name, buffer);
   if (path == nullptr) return last_error();
-  const int fd = open_above_standard(path, open_flags(options));
+  constexpr mode_t kEveryone = 0666;
+  const int fd = open_above_standard(path, open_flags(options), kEveryone);
   if (fd == -1) return last_error();
-  const Error error = settle_open(fd, options);
+  const Error error = settle_open(fd, path, options);
   if (error != 0) {
     close(fd);
     return fail(error);
@@ -345,6 +450,38 @@ Error file_open(const char *name, const OpenOptions &options, File *file) {
   file->handle = fd;
   if (!options.read) file->traits |= kNotReadable;
   if (!options.write) file->traits |= kNotWritable;
+  return 0;
+}
+
+Error file_create_replacement(const char *name, const char *replaced, File *file) {
+  NameBuffer buffer;
+  NameBuffer replaced_buffer;
+  const char *path = system_name(name, buffer);
+  const char *replaced_path = system_name(replaced, replaced_buffer);
+  if (path == nullptr || replaced_path == nullptr) return last_error();
+  struct stat model = {};
+  if (retry_interrupted([&] { return stat(replaced_path, &model); }) == -1) return last_error();
+  if (!S_ISREG(model.st_mode)) return fail(EINVAL);
+  constexpr int kFlags = O_RDWR | O_CREAT | O_EXCL | kReplacementFlags;
+  const Error before = last_error();
+  int fd = open_above_standard(path, kFlags, kOwnerOnly);
+  if (fd == -1 && errno == EEXIST) {
+    const Error error = remove_abandoned(path);
+    if (error != 0) return fail(error);
+    fd = open_above_standard(path, kFlags, kOwnerOnly);
+    // Somebody was faster.
+    if (fd == -1 && errno == EEXIST) return fail(kSharingViolationCode);
+  }
+  if (fd == -1) return last_error();
+  const Error error = settle_replacement(fd, path, model);
+  if (error != 0) {
+    close(fd);
+    return fail(error);
+  }
+  set_last_error(before);
+  *file = File{};
+  file->handle = fd;
+  file->traits = kNotReadable;
   return 0;
 }
 
@@ -453,7 +590,7 @@ Error file_size(const File &file, int64_t *size) {
     return 0;
   }
   struct stat status = {};
-  if (fstat(fd, &status) == -1) return last_error();
+  if (retry_interrupted([&] { return fstat(fd, &status); }) == -1) return last_error();
   if (!S_ISREG(status.st_mode)) return fail(ESPIPE);
   *size = status.st_size;
   return 0;
@@ -505,6 +642,7 @@ Error file_status(const char *name, FileStatus *status) {
   status->size = answer.st_size;
   status->modified_seconds = answer.st_mtime;
   status->is_directory = S_ISDIR(answer.st_mode);
+  status->is_regular = S_ISREG(answer.st_mode);
   return 0;
 }
 
@@ -527,6 +665,9 @@ Condition file_condition(Error error) {
       return Condition::kSharingViolation;
     case ENOMEM:
       return Condition::kShortOfMemory;
+    case EMFILE:
+    case ENFILE:
+      return Condition::kShortOfHandles;
     case ENOBUFS:
       return Condition::kTooLargeForSystem;
     case EEXIST:

@@ -7,6 +7,7 @@
 // posix.h comes before every system header.
 #include <fcntl.h>
 #include <stdio.h>
+#include <stdlib.h>
 #include <sys/stat.h>
 #include <sys/syscall.h>
 #include <time.h>
@@ -38,7 +39,8 @@ bool find(const Place &place, struct stat *status) {
 }
 
 Error remove_file(const Place &place) {
-  return unlinkat(place.directory, place.path, 0) == 0 ? 0 : last_error();
+  const int removed = retry_interrupted([&] { return unlinkat(place.directory, place.path, 0); });
+  return removed == 0 ? 0 : last_error();
 }
 
 // Takes the old name from a file that has got the new one; or, failing that, the new one again.
@@ -55,11 +57,16 @@ bool has_no_second_names(Error error) {
   return error == EPERM || error == EMLINK || error == ENOSYS || error == EOPNOTSUPP;
 }
 
+Error rename_replacing(const Place &from, const Place &to) {
+  const int renamed =
+      retry_interrupted([&] { return renameat(from.directory, from.path, to.directory, to.path); });
+  return renamed == 0 ? 0 : last_error();
+}
+
 Error rename_after_look(const Place &from, const Place &to) {
   struct stat there = {};
   if (find(to, &there)) return fail(EEXIST);
-  if (errno != ENOENT) return last_error();
-  return renameat(from.directory, from.path, to.directory, to.path) == 0 ? 0 : last_error();
+  return errno == ENOENT ? rename_replacing(from, to) : last_error();
 }
 
 // For kernels and file systems (network and user-space ones) that cannot rename without replacing.
@@ -74,9 +81,9 @@ Error rename_in_steps(const Place &from, const Place &to) {
   struct stat status = {};
   if (!find(from, &status)) return last_error();
   if (S_ISDIR(status.st_mode)) return rename_after_look(from, to);
-  if (linkat(from.directory, from.path, to.directory, to.path, 0) == 0) {
-    return finish_renaming(from, to);
-  }
+  const int linked = retry_interrupted(
+      [&] { return linkat(from.directory, from.path, to.directory, to.path, 0); });
+  if (linked == 0) return finish_renaming(from, to);
   const Error error = last_error();
   return has_no_second_names(error) ? rename_after_look(from, to) : error;
 }
@@ -88,10 +95,6 @@ Error rename_without_replacing(const Place &from, const Place &to) {
   if (renamed == 0) return 0;
   // A directory that would get inside itself is invalid too, and meets the same answer again.
   return errno == EINVAL || errno == ENOSYS ? rename_in_steps(from, to) : last_error();
-}
-
-Error rename_replacing(const Place &from, const Place &to) {
-  return renameat(from.directory, from.path, to.directory, to.path) == 0 ? 0 : last_error();
 }
 
 // ---- The directory around a name ----------------------------------------------------------------
@@ -112,14 +115,20 @@ class Surroundings {
   Place place(const char *name) const { return {directory_, name}; }
   Place last() const { return place(last_); }
 
-  // Makes the names in the directory durable, where the file system can.
+  // Makes the names in the directory durable, where the file system can and the process may read
+  // the directory.
   Error sync() const {
-    if (retry_interrupted([&] { return fsync(directory_); }) == 0) return 0;
-    return errno == EINVAL || errno == EOPNOTSUPP ? 0 : last_error();
+    LastErrorKeeper keeper;
+    if (is_readable_ && retry_interrupted([&] { return fsync(directory_); }) == -1 &&
+        errno != EINVAL && errno != EOPNOTSUPP) {
+      return last_error();
+    }
+    return 0;
   }
 
  private:
   int directory_ = -1;
+  bool is_readable_ = true;
   const char *last_ = nullptr;
 };
 
@@ -137,7 +146,10 @@ Error Surroundings::open_for(const char *path) {
   constexpr int kFlags = O_DIRECTORY | O_CLOEXEC;
   directory_ = retry_interrupted([&] { return open(directory, O_RDONLY | kFlags); });
   // One that may be used but not read can be used, though not synced.
-  if (directory_ == -1 && errno == EACCES) directory_ = open(directory, O_PATH | kFlags);
+  if (directory_ == -1 && errno == EACCES) {
+    is_readable_ = false;
+    directory_ = retry_interrupted([&] { return open(directory, O_PATH | kFlags); });
+  }
   return directory_ == -1 ? last_error() : 0;
 }
 
@@ -194,11 +206,12 @@ mode_t permissions(const struct stat &model, bool same_owner) {
 void copy_attributes(int from, int to) {
   LastErrorKeeper keeper;
   struct stat model = {};
-  if (fstat(from, &model) == -1) return;
-  const bool same_owner = fchown(to, model.st_uid, model.st_gid) == 0;
-  fchmod(to, permissions(model, same_owner));
+  if (retry_interrupted([&] { return fstat(from, &model); }) == -1) return;
+  const bool same_owner =
+      retry_interrupted([&] { return fchown(to, model.st_uid, model.st_gid); }) == 0;
+  retry_interrupted([&] { return fchmod(to, permissions(model, same_owner)); });
   const timespec times[] = {model.st_atim, model.st_mtim};
-  futimens(to, times);
+  retry_interrupted([&] { return futimens(to, times); });
 }
 
 // Content, attributes and their way to the disk. Closes the copy whatever happens.
@@ -210,16 +223,14 @@ Error fill_copy(File *from, int to) {
   return error;
 }
 
-using Rename = Error (*)(const Place &from, const Place &to);
-
 // The copy stands under its name, durable but for the name itself, or nowhere.
-Error place_copy(File *from, const Surroundings &around, Rename rename_copy) {
+Error place_copy(File *from, const Surroundings &around) {
   TemporaryName temporary;
   int fd = -1;
   Error error = create_temporary(around, temporary, &fd);
   if (error != 0) return error;
   error = fill_copy(from, fd);
-  if (error == 0) error = rename_copy(around.place(temporary), around.last());
+  if (error == 0) error = rename_without_replacing(around.place(temporary), around.last());
   if (error == 0) return 0;
   remove_file(around.place(temporary));
   return fail(error);
@@ -248,7 +259,7 @@ Error rename_across(const char *old_path, const char *new_path) {
   File file;
   error = open_for_move(from, &file);
   if (error != 0) return error;
-  error = place_copy(&file, around, rename_without_replacing);
+  error = place_copy(&file, around);
   if (error == 0) {
     error = around.sync();
     if (error != 0) remove_file(around.last());
@@ -258,35 +269,21 @@ Error rename_across(const char *old_path, const char *new_path) {
   return error == 0 ? 0 : fail(error);
 }
 
-// From the new name on the replacement is made, and the old name is of no matter.
-Error replace_across(const char *old_path, const Surroundings &around) {
-  const Place from = {AT_FDCWD, old_path};
-  File file;
-  Error error = open_for_move(from, &file);
-  if (error != 0) return error;
-  error = place_copy(&file, around, rename_replacing);
-  if (error == 0) {
-    around.sync();
-    remove_file(from);
-  }
-  file_close(&file);
-  return error == 0 ? 0 : fail(error);
-}
-
-// Gives the replacement the owner and the permissions of what it replaces, so that a file that was
-// kept from others stays so.
-void take_over_permissions(const char *replacement, const Place &replaced) {
-  LastErrorKeeper keeper;
-  struct stat model = {};
-  if (!find(replaced, &model) || !S_ISREG(model.st_mode)) return;
-  const bool same_owner = lchown(replacement, model.st_uid, model.st_gid) == 0;
-  chmod(replacement, permissions(model, same_owner));
-}
-
-bool status_of(const char *name, struct stat *status) {
+// What a name leads to; *found tells whether it leads anywhere.
+Error status_of(const char *name, struct stat *status, bool *found) {
   NameBuffer buffer;
   const char *path = system_name(name, buffer);
-  return path != nullptr && retry_interrupted([&] { return stat(path, status); }) == 0;
+  if (path == nullptr) return last_error();
+  *found = retry_interrupted([&] { return stat(path, status); }) == 0;
+  if (*found || errno == ENOENT || errno == ENOTDIR || errno == ELOOP) return 0;
+  return last_error();
+}
+
+Error copy_name(const char *name, char *buffer, size_t size) {
+  const size_t bytes = strlen(name) + 1;
+  if (bytes > size) return fail(ERANGE);
+  memcpy(buffer, name, bytes);
+  return 0;
 }
 
 }  // namespace
@@ -301,11 +298,36 @@ bool names_are_equal(const char *first, const char *second) {
   return false;
 }
 
-bool names_lead_to_same_file(const char *first, const char *second) {
+Error names_lead_to_same_file(const char *first, const char *second, bool *same) {
   struct stat one = {};
   struct stat other = {};
-  if (!status_of(first, &one) || !status_of(second, &other)) return false;
-  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+  bool is_one = false;
+  bool is_other = false;
+  Error error = status_of(first, &one, &is_one);
+  if (error == 0) error = status_of(second, &other, &is_other);
+  if (error != 0) return error;
+  *same = is_one && is_other && one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+  return 0;
+}
+
+// A target whose real name holds a backslash cannot be told: the library would take it for a
+// separator.
+Error link_target(const char *name, char *buffer, size_t size) {
+  NameBuffer name_buffer;
+  const char *path = system_name(name, name_buffer);
+  if (path == nullptr) return last_error();
+  struct stat status = {};
+  if (!find({AT_FDCWD, path}, &status)) return last_error();
+  if (!S_ISLNK(status.st_mode)) return copy_name(name, buffer, size);
+  NameBuffer target;
+  const char *resolved = nullptr;
+  const int before = errno;
+  do {
+    errno = before;
+    resolved = realpath(path, target);
+  } while (resolved == nullptr && errno == EINTR);
+  if (resolved == nullptr) return last_error();
+  return strchr(resolved, '\\') != nullptr ? fail(EINVAL) : copy_name(resolved, buffer, size);
 }
 
 Error file_remove(const char *name) {
@@ -333,11 +355,11 @@ Error file_replace(const char *old_name, const char *new_name) {
   Surroundings around;
   Error error = around.open_for(new_path);
   if (error != 0) return error;
-  take_over_permissions(old_path, around.last());
   error = rename_replacing({AT_FDCWD, old_path}, around.last());
-  if (error == EXDEV) return replace_across(old_path, around);
-  if (error == 0) around.sync();
-  return error;
+  if (error != 0) return error;
+  const Error unsynced = around.sync();
+  if (unsynced != 0) set_last_error(unsynced);
+  return 0;
 }
 
 }  // namespace psp::os

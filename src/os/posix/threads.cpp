@@ -188,19 +188,27 @@ namespace {
 
 // Enough for what thread-local storage and the C runtime may take of any stack.
 constexpr size_t kAmpleStackBytes = size_t{1} << 20;
+// Enough for the functions of the library.
+constexpr size_t kLeastStackBytes = size_t{64} << 10;
 
 // The kernel schedules threads of the ordinary class by their nice values, which Linux keeps for
 // each thread: a step of ten gives or takes nine tenths of a processor that two threads contend
 // for, as two steps of another system's priorities do, and starves nobody. The real-time classes
 // would: a thread of theirs that does not sleep stops all others. Going down wants no right, going
-// up, be it back to normal, wants one.
-constexpr int kLowestNice = 10;
-constexpr int kNormalNice = 0;
-constexpr int kHighestNice = -10;
+// up, be it back to normal, wants one. Normal is what the process was started with, or its first
+// thread has now.
+constexpr int kNiceStep = 10;
+constexpr int kLeastNice = -20;
+constexpr int kGreatestNice = 19;
 
-int nice_value(ThreadPriority priority) {
-  if (priority == ThreadPriority::kLowest) return kLowestNice;
-  return priority == ThreadPriority::kHighest ? kHighestNice : kNormalNice;
+Error nice_value(ThreadPriority priority, int *value) {
+  LastErrorKeeper keeper;
+  errno = 0;  // -1 may be an answer
+  *value = getpriority(PRIO_PROCESS, static_cast<id_t>(getpid()));
+  if (*value == -1 && errno != 0) return last_error();
+  if (priority == ThreadPriority::kLowest) *value = std::min(*value + kNiceStep, kGreatestNice);
+  if (priority == ThreadPriority::kHighest) *value = std::max(*value - kNiceStep, kLeastNice);
+  return 0;
 }
 
 struct Start {
@@ -239,7 +247,7 @@ int create_detached(size_t stack_bytes, void *(*run)(void *), void *place) {
   if (error != 0) return error;
   pthread_attr_setdetachstate(&attributes, PTHREAD_CREATE_DETACHED);
   size_t size = stack_bytes;
-  if (size != 0) size = std::max(size, static_cast<size_t>(PTHREAD_STACK_MIN));
+  if (size != 0) size = std::max({size, kLeastStackBytes, static_cast<size_t>(PTHREAD_STACK_MIN)});
   pthread_t thread;
   for (;;) {
     if (size != 0) error = pthread_attr_setstacksize(&attributes, size);
@@ -293,7 +301,10 @@ Error thread_set_priority(uintptr_t handle, ThreadPriority priority) {
   if (handle == 0 || !fits<pid_t>(handle)) return fail(ESRCH);
   const auto id = static_cast<pid_t>(handle);
   if (syscall(SYS_tgkill, getpid(), id, 0) == -1) return last_error();
-  const int result = setpriority(PRIO_PROCESS, static_cast<id_t>(id), nice_value(priority));
+  int value = 0;
+  const Error error = nice_value(priority, &value);
+  if (error != 0) return fail(error);
+  const int result = setpriority(PRIO_PROCESS, static_cast<id_t>(id), value);
   return result == -1 ? last_error() : 0;
 }
 
