@@ -5,7 +5,7 @@
  *
  * Reading order: status codes and life of the library, then the families in the order of the
  * layers (memory, sync objects, text, files by handle and by name, paths, streams, channels and
- * log, INI configuration, threads, time and process).
+ * log, typed buffers, INI configuration, threads, time and process).
  *
  * Rules that hold everywhere:
  * - A process calls psp_init before it uses the library and psp_term when it is done. Functions
@@ -97,7 +97,7 @@ typedef int32_t psp_status;
 #define PSP_ERR_NOMEMORY (-904)    /* an allocation failed */
 #define PSP_ERR_NOFILE (-905)      /* a file could not be opened */
 #define PSP_ERR_REPLACEFILE (-919) /* a rewritten INI file could not take its place */
-#define PSP_ERR_INVARG (-924)      /* a required pointer was null */
+#define PSP_ERR_INVARG (-924)      /* a required pointer was null, or a size out of range */
 #define PSP_ERR_BUFFERFULL (-932)  /* an INI result did not fit and was cut */
 
 /* ---- Life of the library ----------------------------------------------------------------------
@@ -1104,6 +1104,183 @@ PSP_API void psp_log_chunk_end(psp_logChunk *chunk, const char *format, ...);
 
 /** Flushes all three channels. */
 PSP_API void psp_log_flush(void);
+
+/* ---- Typed buffers ----------------------------------------------------------------------------
+ * An input buffer hands out characters, integers, floats, strings and bytes from a byte transport,
+ * an output buffer sends them. The transport is the caller's: functions that are called with the
+ * caller's context when the buffer of 5000 bytes is empty or full, once a block and not once a
+ * value. They and the context must stay valid for the buffer's life.
+ *
+ * On the wire: a character is 1 byte; integers and IEEE 754 floats are their 2, 4 or 8 bytes in the
+ * machine's order, or reversed if the buffer was made with swap; a string is its length, sent as an
+ * unsigned 32-bit integer, and its bytes without a terminator; a null string is the length
+ * 0xFFFFFFFF alone. Both ends must agree on order and types; nothing on the wire tells them.
+ *
+ * Results: PSP_OKAY; a failed transport function's status, unchanged; PSP_ERR_INVARG when a pointer
+ * is null that must not be, and then nothing has been done; others where told. A value that meets a
+ * failure may have been taken or put in part, so the peers no longer agree on where a value starts:
+ * unless the failure fell between two values, give the connection up.
+ *
+ * A transport function may use the library and other buffers. It may also be left by an
+ * out-of-memory jump: the buffer then stays as after a transport that failed.
+ *
+ * One thread at a time for each buffer; different buffers may be used at the same time. */
+
+/** Fills the buffer from the transport; waits until there is at least one byte, or fails.
+ *
+ *  @param context   as given at the creation.
+ *  @param buffer    where to store the bytes.
+ *  @param capacity  the most to store.
+ *  @param filled    where to tell how many were stored; more than capacity counts as capacity. 0
+ *                   with success has the function called again.
+ *  @return 0; anything else is a failure, which delivers nothing whatever filled tells. */
+typedef int32_t (*psp_transportRead)(void *context, void *buffer, uint32_t capacity,
+                                     uint32_t *filled);
+/** psp_transportRead with a limit of time, whose unit and meaning are the caller's own. */
+typedef int32_t (*psp_transportReadTimed)(void *context, void *buffer, uint32_t capacity,
+                                          uint32_t *filled, uint32_t timeout);
+/** Sends all the bytes.
+ *
+ *  @return 0; anything else is a failure, after which the bytes of a buffer go on waiting and are
+ *          sent again by the next write. */
+typedef int32_t (*psp_transportWrite)(void *context, const void *data, uint32_t count);
+
+typedef struct psp_inputBuff psp_inputBuff;   /* a buffer to get values from */
+typedef struct psp_outputBuff psp_outputBuff; /* a buffer to put values into */
+
+/** Makes an input buffer.
+ *
+ *  @param read        fills it; not null.
+ *  @param timed_read  fills it for a psp_inputBuffGetInt32Timeout; null: read does.
+ *  @param context     handed to the two.
+ *  @param swap        not 0: values arrive in the order opposite to the machine's.
+ *  @param buff        where to store the buffer, ended by psp_inputBuffDestroy; not null.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; PSP_ERR_NOMEMORY when memory is short or the library is not
+ *          started. On failure *buff is unchanged. The memory is the default tag's. Any thread. */
+PSP_API psp_status psp_inputBuffCreate(psp_transportRead read, psp_transportReadTimed timed_read,
+                                       void *context, uint16_t swap,
+                                       psp_inputBuff **buff) PSP_MUST_USE;
+/** Ends an input buffer; bytes not handed out are dropped. Null does nothing. */
+PSP_API void psp_inputBuffDestroy(psp_inputBuff *buff);
+
+/** Takes a character.
+ *
+ *  @param buff   the buffer; not null.
+ *  @param value  where to store it; null takes the character off the stream and drops it.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status. */
+PSP_API psp_status psp_inputBuffGetChar(psp_inputBuff *buff, char *value);
+/** Takes a 16-bit integer. As psp_inputBuffGetChar; a failure may leave the value partly stored. */
+PSP_API psp_status psp_inputBuffGetInt16(psp_inputBuff *buff, int16_t *value);
+/** Takes a 32-bit integer. As psp_inputBuffGetInt16. */
+PSP_API psp_status psp_inputBuffGetInt32(psp_inputBuff *buff, int32_t *value);
+/** Takes a 32-bit integer with a limit of time. As psp_inputBuffGetInt16.
+ *
+ *  @param timeout  handed to the timed read function at each call that is needed; 0, or a buffer
+ *                  without such a function, has the plain read function called. */
+PSP_API psp_status psp_inputBuffGetInt32Timeout(psp_inputBuff *buff, int32_t *value,
+                                                uint32_t timeout);
+/** Takes a 64-bit integer. As psp_inputBuffGetInt16. */
+PSP_API psp_status psp_inputBuffGetInt64(psp_inputBuff *buff, int64_t *value);
+/** Takes a float; its bits arrive as they were sent, NaNs included. As psp_inputBuffGetInt16. */
+PSP_API psp_status psp_inputBuffGetFloat32(psp_inputBuff *buff, float *value);
+/** Takes a double. As psp_inputBuffGetFloat32. */
+PSP_API psp_status psp_inputBuffGetFloat64(psp_inputBuff *buff, double *value);
+
+/** Takes a string with its length as a new string.
+ *
+ *  @param buff   the buffer; not null.
+ *  @param value  where to store the string, ended by a zero byte (zero bytes sent within it stay);
+ *                null for a null string and on failure. Released with psp_freeMem(string, NULL). A
+ *                null value takes the string off the stream and drops it.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status; PSP_ERR_NOMEMORY, and then the length
+ *          and perhaps a part of the bytes are taken.
+ *  A sender that lies about the length costs 1 MiB at first; beyond that memory is taken as the
+ *  bytes arrive. There is no other limit: use psp_inputBuffGetStringWithLength to have one. */
+PSP_API psp_status psp_inputBuffGetString(psp_inputBuff *buff, char **value) PSP_MUST_USE;
+
+/** Takes a string with its length into a given space.
+ *
+ *  @param buff         the buffer; not null.
+ *  @param destination  where to store the string, ended by a zero byte; a null string is stored as
+ *                      an empty one; on a transport's failure what had arrived. Null takes the
+ *                      string off the stream and drops it.
+ *  @param size         bytes at destination, at least 1.
+ *  @return PSP_OKAY; PSP_ERR_TRUNCATED when the string did not fit: its first size - 1 bytes are
+ *          stored and the whole string is taken; PSP_ERR_INVARG, also for size 0; the transport's
+ *          status. */
+PSP_API psp_status psp_inputBuffGetStringWithLength(psp_inputBuff *buff, char *destination,
+                                                    uint32_t size);
+
+/** Takes bytes as they are.
+ *
+ *  @param destination  where to store them; null drops them. A failure keeps those that arrived.
+ *  @param count        bytes; 0 does nothing.
+ *  @return PSP_OKAY; PSP_ERR_INVARG for a null buffer; the transport's status. */
+PSP_API psp_status psp_inputBuffGetBytes(psp_inputBuff *buff, void *destination, uint32_t count);
+
+/** Drops the bytes that the buffer holds; the next value is asked of the transport. */
+PSP_API void psp_inputBuffReset(psp_inputBuff *buff);
+
+/** Makes an output buffer.
+ *
+ *  @param write    sends its bytes; not null.
+ *  @param context  handed to it.
+ *  @param swap     not 0: values are sent in the order opposite to the machine's.
+ *  @param buff     where to store the buffer, ended by psp_outputBuffDestroy; not null.
+ *  @return as psp_inputBuffCreate. Any thread. */
+PSP_API psp_status psp_outputBuffCreate(psp_transportWrite write, void *context, uint16_t swap,
+                                        psp_outputBuff **buff) PSP_MUST_USE;
+/** Ends an output buffer WITHOUT sending the bytes that wait in it: call psp_outputBuffFlush first.
+ *  Null does nothing. */
+PSP_API void psp_outputBuffDestroy(psp_outputBuff *buff);
+
+/** Puts a character. It is sent when the buffer is full and more bytes come, or by a flush.
+ *
+ *  @param buff  the buffer; not null.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status, and then all bytes that were in the
+ *          buffer go on waiting, perhaps with the first bytes of this value behind them. */
+PSP_API psp_status psp_outputBuffPutChar(psp_outputBuff *buff, char value);
+/** Puts a 16-bit integer. As psp_outputBuffPutChar. */
+PSP_API psp_status psp_outputBuffPutInt16(psp_outputBuff *buff, int16_t value);
+/** Puts a 32-bit integer. As psp_outputBuffPutChar. */
+PSP_API psp_status psp_outputBuffPutInt32(psp_outputBuff *buff, int32_t value);
+/** Puts a 64-bit integer. As psp_outputBuffPutChar. */
+PSP_API psp_status psp_outputBuffPutInt64(psp_outputBuff *buff, int64_t value);
+/** Puts a float. As psp_outputBuffPutChar. */
+PSP_API psp_status psp_outputBuffPutFloat32(psp_outputBuff *buff, float value);
+/** Puts a double. As psp_outputBuffPutChar. */
+PSP_API psp_status psp_outputBuffPutFloat64(psp_outputBuff *buff, double value);
+
+/** Puts the bytes of a string, which is not null, without length and terminator. As
+ *  psp_outputBuffPutChar. */
+PSP_API psp_status psp_outputBuffPutString(psp_outputBuff *buff, const char *string);
+
+/** Puts a string with its length.
+ *
+ *  @param string  the string, shorter than 4 GiB - 1; null is sent as a null string.
+ *  @return as psp_outputBuffPutChar; PSP_ERR_INVARG, with nothing put, for a longer string. */
+PSP_API psp_status psp_outputBuffPutStringWithLength(psp_outputBuff *buff, const char *string);
+
+/** Puts bytes as they are. As psp_outputBuffPutChar.
+ *
+ *  @param data   the bytes; may be null if there are none.
+ *  @param count  how many; 0 does nothing. */
+PSP_API psp_status psp_outputBuffPutBytes(psp_outputBuff *buff, const void *data, uint32_t count);
+
+/** Sends the bytes that wait, if there are any, in one call of the write function.
+ *
+ *  @return PSP_OKAY; PSP_ERR_INVARG for a null buffer; the transport's status, and then the bytes
+ *          go on waiting. */
+PSP_API psp_status psp_outputBuffFlush(psp_outputBuff *buff);
+
+/** Sends the bytes that wait and then, in one more call of the write function and without a copy,
+ *  the caller's own: the way for large blocks.
+ *
+ *  @param data   the bytes; may be null if there are none.
+ *  @param count  how many; 0 does nothing and sends nothing.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; the status of the transport. If sending the waiting bytes
+ *          failed they go on waiting and the others have not been touched. */
+PSP_API psp_status psp_outputBuffSendDirect(psp_outputBuff *buff, const void *data, uint32_t count);
 
 /* ---- INI configuration ------------------------------------------------------------------------
  * A file is read once into a process-wide store and answers lookups from there; an update rewrites
