@@ -4,8 +4,9 @@
  * comments are the authoritative description from which the reference is made.
  *
  * Reading order: status codes and life of the library, then the families in the order of the
- * layers (memory, sync objects, text, files by handle and by name, paths, streams, channels and
- * log, typed buffers, INI configuration, threads, time and process).
+ * layers (memory and pools, sync objects, text, random numbers, files by handle and by name, paths,
+ * streams, channels and log, typed buffers, INI configuration, threads, message queues, time and
+ * process, services, the parser engine).
  *
  * Rules that hold everywhere:
  * - A process calls psp_init before it uses the library and psp_term when it is done. Functions
@@ -263,6 +264,60 @@ PSP_API int32_t psp_memCmp(const void *first, const void *second, size_t length)
 #define psp_wcsdup(text, tag) \
   ((psp_wchar *)psp_getMem(0, (tag), PSP_MEM_WSTRDUP, (text), __FILE__, __LINE__))
 
+/* ---- Memory pools -----------------------------------------------------------------------------
+ * A pool recycles memory of one purpose: chunks that are given back wait, up to 1000 of them, and
+ * are handed out again, the last one first. The pool and all its chunks are blocks of the pool's
+ * tag; releasing the tag releases them too.
+ *
+ * A thread-safe pool may be used by any thread, if its tag is thread-safe; another pool by one
+ * thread at a time. */
+
+typedef struct psp_pool psp_pool;
+
+/** Makes a pool.
+ *
+ *  @param tag          the owner of the pool and its chunks; null is the default tag.
+ *  @param fixed_size   not 0: every request will ask for the same size, and no chunk is checked for
+ *                      its size. 0: a waiting chunk that is too small is released and a new one
+ *                      obtained.
+ *  @param thread_safe  not 0 gives the pool a lock. A lock that cannot be made, which is logged, is
+ *                      left out.
+ *  @return the pool; null when the library is not started or memory is short.
+ *  Ended by psp_zFreePool, or with its tag; then its lock lasts until the last psp_term. */
+PSP_API psp_pool *psp_allocPool(psp_tag *tag, uint16_t fixed_size,
+                                uint32_t thread_safe) PSP_MUST_USE;
+
+/** Obtains a chunk, aligned for any type.
+ *
+ *  @param size    bytes.
+ *  @param pool    the pool; null gives null.
+ *  @param mode    PSP_MEM_ZERO clears size bytes; PSP_MEM_COPY copies size bytes from source; any
+ *                 other value leaves the content as it is.
+ *  @param source  what PSP_MEM_COPY copies; null gives null there.
+ *  @param file,line  the caller's source position, as in psp_getMem.
+ *  @return the chunk; null when the library is not started or memory is short, after the message of
+ *          psp_getMem; an armed tag jumps instead.
+ *  Given back by psp_putInPool, or released with the tag. Thread rule of the pool. */
+PSP_API void *psp_getMemFromPool(size_t size, psp_pool *pool, uint32_t mode, const void *source,
+                                 const char *file, uint32_t line) PSP_MUST_USE;
+
+/** Gives a chunk back; it is released when 1000 wait already.
+ *
+ *  @param pointer  a chunk; null does nothing. "Attempting to put a memory chunk into a pool that
+ *                  didn't create it" is logged for anything but a chunk that this pool handed out:
+ *                  another pool's chunk becomes one of this pool and its tag, a chunk that waits
+ *                  already is left alone.
+ *  @param pool     the pool; null does nothing.
+ *  Thread rule of the pool. */
+PSP_API void psp_putInPool(void *pointer, psp_pool *pool);
+
+/** Ends a pool with its waiting chunks. Those handed out stay blocks of the tag and must not be
+ *  given back any more.
+ *
+ *  @param pool  the variable that holds the pool; set to null. Null, there or in it, does nothing.
+ *  Nobody may use the pool meanwhile or afterwards. */
+PSP_API void psp_zFreePool(psp_pool **pool);
+
 /* ---- Sync objects -----------------------------------------------------------------------------
  * A sync object is an exclusive lock or a gate, made by psp_syncCreate_check and ended by
  * psp_syncDelete. All functions may be called by any thread, except that nobody may use an object
@@ -389,6 +444,39 @@ PSP_API char *psp_makeString(const char *format, ...) PSP_MUST_USE;
 /** psp_makeStr with the source position that an out-of-memory message names. */
 PSP_API char *psp_makeStrVA(const char *file, uint32_t line, psp_tag *tag, const char *format,
                             ...) PSP_MUST_USE;
+
+/* ---- Random numbers ---------------------------------------------------------------------------
+ * Independent pseudo-random generators (MT19937). A seed gives the published sequence of that
+ * generator on every platform. They are for tests and simulations, not for secrets. A generator is
+ * used by one thread at a time; drawing needs no started library, but a generator lives no longer
+ * than the last psp_term. */
+
+typedef struct psp_rand psp_rand;
+
+/** Makes a generator.
+ *
+ *  @param seed  its seed; 0 stands for 2381394812.
+ *  @return the generator; null when the library is not started or memory is short.
+ *  Ended by psp_randDestroy. */
+PSP_API psp_rand *psp_randCreate(uint32_t seed) PSP_MUST_USE;
+
+/** Ends a generator; null does nothing. */
+PSP_API void psp_randDestroy(psp_rand *generator);
+
+/** Starts the generator's sequence anew.
+ *
+ *  @param seed  the seed as it stands, 0 included. */
+PSP_API void psp_randResetSeed(psp_rand *generator, uint32_t seed);
+
+/** The low 15 bits of the next number: 0 to 32767. The generator of this and the functions below is
+ *  not null. */
+PSP_API int32_t psp_randGet(psp_rand *generator);
+/** The next number: 0 to 2^32 - 1. */
+PSP_API uint32_t psp_randGetUInt32(psp_rand *generator);
+/** The next two numbers: the first in the high 32 bits, the second in the low ones. */
+PSP_API uint64_t psp_randGetUInt64(psp_rand *generator);
+/** The next number divided by 2^32 - 1: 0 to 1, both included. */
+PSP_API double psp_randGetDouble(psp_rand *generator);
 
 /* ---- UTF-8 and UTF-16 -------------------------------------------------------------------------
  * The buffer functions store into a destination, or only measure when it is null. Their result
@@ -1454,6 +1542,94 @@ PSP_API psp_status psp_threadJoin(psp_threadHandle thread);
 
 /** The platform's identifier of the calling thread. */
 PSP_API uint32_t psp_threadId(void);
+
+/* ---- Message queues ---------------------------------------------------------------------------
+ * Queues carry small messages, three words each, between the threads of the process. A queue has a
+ * name, under which another thread finds it. Messages are read in the order in which they were
+ * written; an urgent one goes in front of all others.
+ *
+ * The module is started and stopped by its users, inside psp_init and psp_term: psp_queueInit,
+ * psp_queueTerm. All functions may be called by any thread. Readers of one queue take turns: while
+ * one waits for a message, the others wait for their turn without a time limit.
+ *
+ * A queue must not be deleted while another call on it is under way. A call is over for this rule
+ * as soon as its effect is seen: whoever has read a message, or found the queue closed, may delete
+ * the queue though the writer or closer has not returned yet. One reader may be waiting: a queue
+ * that is deleted is closed first, and the reader leaves with PSP_QUEUE_CLOSED.
+ *
+ * A null queue is reported as "Invalid queue handle" and nothing else is done. A queue that got no
+ * name for lack of memory is reported so by each write, read and purge, and works. */
+
+typedef struct psp_queue psp_queue;
+
+#define PSP_QUEUE_URGENT 0x2u                       /* psp_queueWrite: in front of all others */
+#define PSP_QUEUE_CLOSED 3                          /* psp_queueRead: the queue is closed */
+#define PSP_QUEUE_ALL_TYPES ((psp_word)UINTPTR_MAX) /* psp_queuePurge: every message */
+
+/** Starts the module, if it is not started.
+ *
+ *  @param reset  not 0: end all queues that exist first, as psp_queueTerm(1).
+ *  @return PSP_OKAY; PSP_FAILED when the library is not started or memory is short. */
+PSP_API psp_status psp_queueInit(int16_t reset) PSP_MUST_USE;
+
+/** Stops the module. It must run before the last psp_term.
+ *
+ *  @param force  0 does nothing while queues exist; anything else deletes them, under the rule of
+ *                psp_queueDelete. */
+PSP_API void psp_queueTerm(int16_t force);
+
+/** Makes a queue.
+ *
+ *  @param name  its name, which is copied; null is "". Names need not be unique.
+ *  @return the queue; null when the module is not started or memory is short. A name that finds no
+ *          memory is left out: such a queue is never found and lasts until psp_queueTerm.
+ *  Ended by psp_queueDelete or psp_queueTerm. */
+PSP_API psp_queue *psp_queueCreate(const char *name) PSP_MUST_USE;
+
+/** Deletes a queue with its messages, closing it first.
+ *
+ *  @param queue  the queue; null does nothing. One that does not exist (any more) is not touched;
+ *                "Deleted too many queues" is logged.
+ *  No other call on the queue may be under way, except one waiting psp_queueRead. */
+PSP_API void psp_queueDelete(psp_queue *queue);
+
+/** Finds a queue by its name, byte for byte.
+ *
+ *  @return the queue of that name that was made last; null when there is none or the name is null.
+ *          It is not protected against its deletion. */
+PSP_API psp_queue *psp_queueFind(const char *name);
+
+/** Writes a message. It is dropped when the queue is closed, and when memory is short (after the
+ *  message "Out of memory").
+ *
+ *  @param data,extra,type  the message; only psp_queuePurge looks at type.
+ *  @param flags            PSP_QUEUE_URGENT or 0; other bits are ignored. */
+PSP_API void psp_queueWrite(psp_queue *queue, psp_word data, psp_word extra, psp_word type,
+                            uint32_t flags);
+
+/** Takes the first message, waiting for one.
+ *
+ *  @param data   receives the message's data; not null.
+ *  @param extra,type  receive the rest; each may be null. All three are stored on PSP_OKAY only.
+ *  @param limit  the longest wait in milliseconds, counted from the reader's turn; 0 does not wait
+ *                for a message, PSP_NO_LIMIT waits as long as it takes.
+ *  @return PSP_OKAY; PSP_TIMEOUT; PSP_QUEUE_CLOSED, messages or not; PSP_FAILED when the queue is
+ *          empty and limit is 0, when the queue or data is null, and when the queue was emptied by
+ *          a purge between the wake-up and the look ("unexpected empty queue on NAME" is logged).
+ */
+PSP_API psp_status psp_queueRead(psp_queue *queue, psp_word *data, psp_word *extra, psp_word *type,
+                                 uint32_t limit) PSP_MUST_USE;
+
+/** Removes messages. A closed queue keeps what it has.
+ *
+ *  @param type  the type of those that go; PSP_QUEUE_ALL_TYPES removes every message. */
+PSP_API void psp_queuePurge(psp_queue *queue, psp_word type);
+
+/** Closes a queue for good: later and waiting reads give PSP_QUEUE_CLOSED, writes are dropped. */
+PSP_API void psp_queueClose(psp_queue *queue);
+
+/** The number of messages in the queue, closed or not; 0 for null. */
+PSP_API uint32_t psp_queueCount(psp_queue *queue);
 
 /* ---- Time, environment and process ------------------------------------------------------------
  * Thin wrappers. They work without a start and in any thread. */

@@ -35,17 +35,28 @@ namespace psp::core {
 // store's files and directories, which a client may hold (sync_begin).
 enum class LockRank : uint8_t {
   kClient,
-  kGlobal,      // psp_enterCritSec: start, stop, one-time set-ups
-  kProcess,     // the interrupt handler, the wide answers of the environment
-  kIni,         // the store of INI files, for each whole lookup or update
-  kChannel,     // a channel's outputs; two channels' locks are never held together
-  kStoreCache,  // the in-memory store's open files and directories and their pages
-  kHeapList,    // the table of that store's heaps
-  kTag,         // a tag's blocks; two tags' locks are never held together
-  kTagList,     // the list of tags
-  kSyncTable,   // the table of sync objects
+  kGlobal,         // psp_enterCritSec: start, stop, one-time set-ups
+  kProcess,        // the interrupt handler, the wide answers of the environment
+  kIni,            // the store of INI files, for each whole lookup or update
+  kQueueRegistry,  // the list of message queues, and the queues' tags
+  kQueueReader,    // the turn to read a queue, a wait included
+  kQueue,          // a queue's messages; two queues' locks are never held together
+  kChannel,        // a channel's outputs; two channels' locks are never held together
+  kStoreCache,     // the in-memory store's open files and directories and their pages
+  kHeapList,       // the table of that store's heaps
+  kPool,           // a memory pool's free chunks; two pools' locks are never held together
+  kTag,            // a tag's blocks; two tags' locks are never held together
+  kTagList,        // the list of tags
+  kSyncTable,      // the table of sync objects
   kCount,
 };
+
+// Whether a lock of the rank may be released by a store; see above. A client may end a lock as soon
+// as it holds it, while the thread that released it is still on its way out; and whoever reads the
+// last message of a queue, or finds it closed, may end the queue with its locks.
+constexpr bool may_store_at_release(LockRank rank) {
+  return rank != LockRank::kClient && rank != LockRank::kQueueReader && rank != LockRank::kQueue;
+}
 
 // What a thread remembers of its locks. Its address is the thread's identity as an owner.
 struct ThreadLocks {

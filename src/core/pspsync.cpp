@@ -184,9 +184,7 @@ psp_sync sync_create(int16_t kind, LockRank rank, const char *file, uint32_t lin
     }
     return PSP_SYNC_NONE;
   }
-  // A client may end a lock as soon as it holds it, while the thread that released it is still on
-  // its way out.
-  slot->lock.reset(rank, rank != LockRank::kClient && state.barrier_works);
+  slot->lock.reset(rank, may_store_at_release(rank) && state.barrier_works);
   slot->gate.word.store(Gate::kOpen, std::memory_order_relaxed);
   slot->kind = kind;
   return slot;
@@ -259,26 +257,12 @@ psp_status psp_syncWait(psp_sync object, uint32_t milliseconds) {
 }
 
 void psp_syncStart(psp_sync object) {
-  if (!is_sync_object(object) || object->kind != PSP_SYNC_EVENT) return;
-  std::atomic<uint32_t> &gate = object->gate.word;
-  uint32_t word = gate.load(std::memory_order_relaxed);
-  // seq_cst: a queue's reader closes the gate and then looks for messages; a writer puts a message
-  // and then opens. One of the two must see the other.
-  while (Gate::is_open(word) &&
-         !gate.compare_exchange_weak(word, word & ~Gate::kOpen, std::memory_order_seq_cst)) {
-  }
+  if (is_sync_object(object) && object->kind == PSP_SYNC_EVENT) object->gate.close();
 }
 
 void psp_syncResume(psp_sync object) {
   if (!is_sync_object(object) || object->kind != PSP_SYNC_EVENT) return;
-  std::atomic<uint32_t> &gate = object->gate.word;
-  uint32_t word = gate.load(std::memory_order_seq_cst);
-  uint32_t opened;
-  do {
-    if (Gate::is_open(word)) return;  // whoever opened it wakes the waiters
-    opened = ((word & ~Gate::kSleepers) + Gate::kTurn) | Gate::kOpen;
-  } while (!gate.compare_exchange_weak(word, opened, std::memory_order_seq_cst));
-  if ((word & Gate::kSleepers) != 0) os::wake_all(gate);
+  if (object->gate.open()) os::wake_all(object->gate.word);
 }
 
 void psp_enterCritSec(void) PSP_UNCHECKED { state.global_section.enter(); }

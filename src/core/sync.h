@@ -18,7 +18,8 @@ namespace psp::core {
 // A gate is one word: whether it is open, whether somebody may sleep in front of it while it is
 // closed, and how often it was opened. A waiter that finds the count changed knows that the gate
 // was opened, even if it is closed again. Whoever opens it learns in the same step whether to wake,
-// and touches the gate no more: a waiter that it lets through may end it at once.
+// and touches the gate no more: a waiter that it lets through may end it at once. The wake-up wants
+// the word's address only.
 struct Gate {
   static constexpr uint32_t kOpen = 1;
   static constexpr uint32_t kSleepers = 2;
@@ -27,6 +28,26 @@ struct Gate {
   std::atomic<uint32_t> word{kOpen};
 
   static bool is_open(uint32_t word) { return (word & kOpen) != 0; }
+
+  // True: there may be sleepers, and the caller must os::wake_all at the word's address.
+  bool open() {
+    uint32_t old = word.load(std::memory_order_seq_cst);
+    uint32_t opened;
+    do {
+      if (is_open(old)) return false;  // whoever opened it wakes the waiters
+      opened = ((old & ~kSleepers) + kTurn) | kOpen;
+    } while (!word.compare_exchange_weak(old, opened, std::memory_order_seq_cst));
+    return (old & kSleepers) != 0;
+  }
+
+  // seq_cst: whoever closes the gate and then looks for what it waits for, and whoever provides
+  // that and then opens, are in one order: one of the two sees the other.
+  void close() {
+    uint32_t old = word.load(std::memory_order_relaxed);
+    while (is_open(old) &&
+           !word.compare_exchange_weak(old, old & ~kOpen, std::memory_order_seq_cst)) {
+    }
+  }
 };
 
 }  // namespace psp::core

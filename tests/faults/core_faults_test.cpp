@@ -102,20 +102,10 @@ FAULT_TEST(MemoryFaults, FailedGrowthLeavesTheBlockInItsTag) {
 
 // ---- Sync objects -------------------------------------------------------------------------------
 
-// Uses up the slots of the table's first block, so that the next object needs memory.
-void fill_slot_block() {
-  EXPECT_EQ(psp_stdout_open(""), PSP_OKAY);  // swallows the message
-  arm({.kind = Kind::kAllocation, .times = kFromThereOn});
-  while (psp_syncCreate(PSP_SYNC_EVENT) != PSP_SYNC_NONE) {
-  }
-  disarm();
-  psp_stdout_close();
-}
-
 FAULT_TEST(SyncFaults, ObjectThatNeedsANewSlotBlock) {
   static psp_sync object;
   Scenario scenario{.sweeps = kAllocations | kJumps, .kept_blocks = 1};
-  scenario.prepare = fill_slot_block;
+  scenario.prepare = [] { leave_sync_slots(0); };
   scenario.act = [] {
     object = PSP_SYNC_NONE;
     object = psp_syncCreate(PSP_SYNC_EXCL);
@@ -129,7 +119,7 @@ FAULT_TEST(SyncFaults, ObjectThatNeedsANewSlotBlock) {
 FAULT_TEST(SyncFaults, TagWithAndWithoutALockThatNeedsANewSlotBlock) {
   static psp_tag *plain;
   Scenario scenario{.sweeps = kAllocations | kJumps, .kept_blocks = 1};
-  scenario.prepare = fill_slot_block;
+  scenario.prepare = [] { leave_sync_slots(0); };
   scenario.act = [] {
     plain = tag = PSP_TAG_FAILED;
     plain = psp_createTag(0);

@@ -187,6 +187,7 @@ void expect_locks_free() {
     psp_freeMem(psp_alloc(1, nullptr), nullptr);
     psp_freeTagMemory(psp_createTag(PSP_TAG_THREADSAFE), 1);
     psp_fileClose(psp_fileOpen("/nonexistent", PSP_OPEN_READ, 0));
+    psp_queueDelete(psp_queueCreate(""));  // nothing where the module is not started
     psp_log_flush();
     passed.set_value();
   });
@@ -198,15 +199,16 @@ void expect_locks_free() {
 }
 
 // Notes the places that ran out of memory. Whether one of them belongs to a tag that is armed in
-// the sweep of jumps: file handles have a tag of their own, and each heap of the store has one.
+// the sweep of jumps: file handles, message queues and the heaps of the store have their own.
 bool note_places(const std::string &output) {
   constexpr std::string_view kBefore = "Called from ";
   bool of_armed_tag = false;
   for (size_t at = output.find(kBefore); at != output.npos; at = output.find(kBefore, at)) {
     at += kBefore.size();
     const std::string place = output.substr(at, output.find_first_of("\r\n", at) - at);
-    const bool has_own_tag =
-        place.starts_with("pspfile.cpp") || place.starts_with("pspshmheap.cpp");
+    const bool has_own_tag = place.starts_with("pspfile.cpp") ||
+                             place.starts_with("pspqueue.cpp") ||
+                             place.starts_with("pspshmheap.cpp");
     if (!has_own_tag) of_armed_tag = true;
     report.places.insert(place);
   }
@@ -336,6 +338,20 @@ std::set<std::string> allocation_places(const char *sources) {
 }
 
 }  // namespace
+
+void leave_sync_slots(size_t count) {
+  std::vector<psp_sync> objects;
+  EXPECT_EQ(psp_stdout_open(""), PSP_OKAY);  // swallows the message
+  arm({.kind = Kind::kAllocation, .times = kFromThereOn});
+  for (psp_sync object; (object = psp_syncCreate(PSP_SYNC_EVENT)) != PSP_SYNC_NONE;) {
+    disarm();
+    objects.push_back(object);
+    arm({.kind = Kind::kAllocation, .times = kFromThereOn});
+  }
+  disarm();
+  psp_stdout_close();
+  for (size_t index = 0; index < count; ++index) psp_syncDelete(objects[index]);
+}
 
 const char *scratch_path(const char *name) {
   static const ScratchFolder folder;

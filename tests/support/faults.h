@@ -102,6 +102,9 @@ const char *scratch_path(const char *name);
 void put_file(const char *path, std::string_view content);
 std::string get_file(const char *path);
 
+// Uses up the slots for sync objects but so many: the next object after those needs memory.
+void leave_sync_slots(size_t count);
+
 // A fault test is a GoogleTest test and stands in the list of the test that runs them all.
 struct FaultTest {
   FaultTest(const char *name, void (*body)());

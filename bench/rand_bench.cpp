@@ -1,0 +1,70 @@
+// Random numbers beside GLib's and the C++ library's generators of the same sequence.
+#include <glib.h>
+
+#include <random>
+
+#include "bench.h"
+#include "psp.h"
+
+namespace {
+
+using benchmark::State;
+
+constexpr uint32_t kSeed = 5489;
+
+uint64_t psp_draw(State &state) {
+  psp_rand *generator = psp_randCreate(kSeed);
+  uint64_t sum = 0;
+  for (auto _ : state) sum += psp_randGetUInt32(generator);
+  psp_randDestroy(generator);
+  return sum;
+}
+
+// GLib's sequence is the same; it seeds from one word likewise.
+uint64_t glib_draw(State &state) {
+  GRand *generator = g_rand_new_with_seed(kSeed);
+  uint64_t sum = 0;
+  for (auto _ : state) sum += g_rand_int(generator);
+  g_rand_free(generator);
+  return sum;
+}
+
+uint64_t std_draw(State &state) {
+  std::mt19937 generator(kSeed);
+  uint64_t sum = 0;
+  for (auto _ : state) sum += generator();
+  return sum;
+}
+
+// With the first draw: the peer renews its state only there.
+uint64_t psp_seed_and_draw(State &state) {
+  psp_rand *generator = psp_randCreate(kSeed);
+  uint32_t seed = 0;
+  uint64_t sum = 0;
+  for (auto _ : state) {
+    psp_randResetSeed(generator, ++seed);
+    sum += psp_randGetUInt32(generator);
+  }
+  psp_randDestroy(generator);
+  return sum;
+}
+
+uint64_t std_seed_and_draw(State &state) {
+  std::mt19937 generator;
+  uint32_t seed = 0;
+  uint64_t sum = 0;
+  for (auto _ : state) {
+    generator.seed(++seed);
+    sum += generator();
+  }
+  return sum;
+}
+
+const psp_bench::Registration registration([] {
+  psp_bench::add_case("rand/draw 32 bits",
+                      {{"psp", psp_draw}, {"GRand", glib_draw, 1.0}, {"std::mt19937", std_draw}});
+  psp_bench::add_case("rand/seed and draw once",
+                      {{"psp", psp_seed_and_draw}, {"std::mt19937", std_seed_and_draw, 0.5}});
+});
+
+}  // namespace

@@ -1,0 +1,110 @@
+// Faults under message queues.
+#include <gtest/gtest.h>
+
+#include "support/faults.h"
+
+namespace {
+
+using namespace psp::faults;
+
+psp_queue *queue;
+
+FAULT_TEST(QueueFaults, StartThatFindsNoMemoryIsRepeated) {
+  Scenario scenario{.sweeps = kAllocations | kJumps, .kept_blocks = 1};
+  scenario.prepare = [] { leave_sync_slots(0); };
+  scenario.act = [] { return psp_queueInit(0) == PSP_OKAY; };
+  scenario.judge = [](const Run &run) {
+    psp_queue *made = psp_queueCreate("q");
+    EXPECT_EQ(made != nullptr, run.worked);
+    psp_queueDelete(made);
+  };
+  scenario.clean = [] { psp_queueTerm(0); };
+  sweep(scenario);
+}
+
+FAULT_TEST(QueueFaults, CreationGivesAQueueOrNothing) {
+  static size_t free_slots;
+  for (free_slots = 0; free_slots < 4; ++free_slots) {
+    Scenario scenario{.sweeps = kAllocations, .kept_blocks = free_slots < 3 ? 1 : 0};
+    if (free_slots < 3) scenario.sweeps |= kJumps;
+    scenario.prepare = [] {
+      EXPECT_EQ(psp_queueInit(0), PSP_OKAY);
+      leave_sync_slots(free_slots);
+    };
+    scenario.act = [] {
+      queue = nullptr;
+      queue = psp_queueCreate("q");
+      return queue != nullptr && psp_queueFind("q") == queue;
+    };
+    scenario.judge = [](const Run &run) {
+      EXPECT_EQ(psp_queueFind("q") != nullptr, run.worked);
+      if (queue == nullptr || run.worked) return;
+      // Without its name: told each time, and it works.
+      psp_word data = 0;
+      testing::internal::CaptureStdout();
+      psp_queueWrite(queue, 5, 0, 0, 0);
+      EXPECT_EQ(psp_queueRead(queue, &data, nullptr, nullptr, 0), PSP_OKAY);
+      psp_queueDelete(queue);
+      psp_log_flush();
+      EXPECT_EQ(testing::internal::GetCapturedStdout(), "Invalid queue handleInvalid queue handle");
+      EXPECT_EQ(data, 5u);
+    };
+    scenario.clean = [] { EXPECT_EQ(psp_queueInit(1), PSP_OKAY); };
+    scenario.finish = [] { psp_queueTerm(1); };
+    sweep(scenario);
+  }
+}
+
+FAULT_TEST(QueueFaults, MessageWithoutMemoryIsDroppedAlone) {
+  static constexpr uint32_t kMessages = 100;
+  Scenario scenario;
+  scenario.act = [] {
+    for (psp_word index = 0; index < kMessages; ++index) psp_queueWrite(queue, index, 0, 0, 0);
+    return psp_queueCount(queue) == kMessages;
+  };
+  scenario.prepare = [] {
+    EXPECT_EQ(psp_queueInit(0), PSP_OKAY);
+    queue = psp_queueCreate("q");
+  };
+  scenario.judge = [](const Run &run) {
+    psp_word newest = 0, data = 0;
+    const uint32_t count = psp_queueCount(queue);
+    EXPECT_EQ(count == kMessages, run.worked);
+    for (uint32_t index = 0; index < count; ++index, newest = data) {
+      EXPECT_EQ(psp_queueRead(queue, &data, nullptr, nullptr, 0), PSP_OKAY);
+      EXPECT_TRUE(index == 0 || data > newest);
+    }
+  };
+  scenario.clean = [] {
+    psp_queueDelete(queue);
+    queue = psp_queueCreate("q");
+  };
+  scenario.finish = [] { psp_queueTerm(1); };
+  sweep(scenario);
+}
+
+FAULT_TEST(QueueFaults, WaitThatThePlatformRefusesFails) {
+  static psp_status status;
+  Scenario scenario{.sweeps = kCalls};
+  scenario.prepare = [] {
+    EXPECT_EQ(psp_queueInit(0), PSP_OKAY);
+    queue = psp_queueCreate("q");
+    psp_queueWrite(queue, 1, 0, 0, 0);  // obtains the nodes
+    psp_queuePurge(queue, PSP_QUEUE_ALL_TYPES);
+  };
+  scenario.act = [] {
+    psp_word data;
+    return (status = psp_queueRead(queue, &data, nullptr, nullptr, 1)) == PSP_TIMEOUT;
+  };
+  scenario.judge = [](const Run &run) {
+    EXPECT_TRUE(run.worked || status == PSP_FAILED);
+    EXPECT_TRUE(run.worked || run.output.ends_with("unexpected empty queue on q")) << run.output;
+    psp_queueWrite(queue, 1, 0, 0, 0);
+    psp_word data = 0;
+    EXPECT_EQ(psp_queueRead(queue, &data, nullptr, nullptr, 0), PSP_OKAY);
+  };
+  scenario.finish = [] { psp_queueTerm(1); };
+  sweep(scenario);
+}
+
+}  // namespace
