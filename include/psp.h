@@ -1704,6 +1704,79 @@ PSP_API const psp_wchar *psp_setlocaleW(int32_t category, const psp_wchar *name)
  *  @return PSP_OKAY; PSP_FAILED when the platform refuses, and then nothing is changed. */
 PSP_API psp_status psp_handleInterrupt(void (*handler)(void));
 
+/* ---- Parser engine ----------------------------------------------------------------------------
+ * An LALR(1) parser that runs over the tables of a classic yacc. The client brings the tables, a
+ * lexer and an action for each rule; tools/make_parser_tables makes a header with the tables from
+ * a grammar. The engine keeps nothing between parses and no state of its own.
+ *
+ * A grammar recovers from a syntax error where it has a rule with the token "error": the engine
+ * goes back to the latest place that such a rule fits, takes "error" for a token that stood there,
+ * and drops tokens until one fits. A parse that finds no such place is abandoned. Let a token
+ * follow "error" in its rule: a rule found behind an error ends the dropping, and one that needs no
+ * token for that can be found again and again, for the same token that does not fit. */
+
+/** What a yacc writes for a grammar. The engine trusts the tables: they belong together and are
+ *  whole. Only the pointers to them may not be null. */
+typedef struct {
+  int16_t errorToken;    /* number of the token "error" (YYERRCODE) */
+  int16_t actionLength;  /* entries of yyact (YYLAST) */
+  const int16_t *yyexca; /* exceptions: -1, state, then pairs of token and action up to a negative
+                            token with the default action */
+  const int16_t *yyact;  /* next states */
+  const int16_t *yypact; /* per state: offset into yyact for tokens; -1000: default action only */
+  const int16_t *yypgo;  /* per nonterminal: offset into yyact for states */
+  const int16_t *yyr1;   /* per rule: its nonterminal */
+  const int16_t *yyr2;   /* per rule: its number of symbols */
+  const int16_t *yychk;  /* per state: the symbol that leads there, nonterminals negative */
+  const int16_t *yydef;  /* per state: rule to reduce by default; 0: syntax error, -2: yyexca */
+} psp_yyTables;
+
+/** One parse. The engine reads it and changes nothing in it.
+ *
+ *  The functions are called with no lock held and may use the whole library, parse included. One
+ *  that leaves by longjmp leaves the memory of a parse without a tag to the last psp_term: give
+ *  such a parse a tag of its own. */
+typedef struct {
+  /** Bytes of one semantic value; 0 where there are none. Values are moved as bytes. They stand
+   *  behind each other in an array that is aligned for any type. */
+  uint32_t valueSize;
+  /** Handed to the functions. */
+  void *context;
+  const psp_yyTables *tables;
+  /** Gives the next token.
+   *  @param value  receives the token's value; it holds the last one's.
+   *  @return the token's number, of which the lower 16 bits count; negative or 0 at the end of
+   *          input. */
+  int32_t (*lexer)(void *context, void *value);
+  /** Called for each rule that was found, after the rules of its parts.
+   *  @param last    value of the last symbol of the rule; the values of the symbols before it stand
+   *                 directly below. Valid during the call.
+   *  @param rule    the rule's number, from 1, in the order of the grammar.
+   *  @param result  the rule's own value, which is that of its first symbol unless the function
+   *                 changes it; for a rule without symbols it is unspecified until then.
+   *  @return 0 to go on; anything else ends the parse with this result. */
+  int16_t (*action)(void *context, void *last, int16_t rule, void *result);
+  /** Called once if the parse is abandoned, when a private tag is gone already; may be null. */
+  void (*error)(void *context);
+  /** Owner of the parse's memory; null: a private tag, made only when memory is needed and gone
+   *  when the parse ends. A tag keeps four blocks (states, values, result, lookahead) for the
+   *  client to release with it. Used by parses of several threads, it must be thread-safe. */
+  psp_tag *tag;
+} psp_yyContext;
+
+/** Parses one input. Its depth is limited by memory alone.
+ *
+ *  @param context  the parse.
+ *  @return 0 when the input was accepted;
+ *          3 when a syntax error was met that no rule takes (after error was called), or the input
+ *          ended while one was being recovered from (error is not called);
+ *          PSP_NOMEMORY, the same number, when memory is short: everything taken, from a client's
+ *          tag too, has been given back, and error is not called;
+ *          PSP_ERR_INVARG when context, tables, lexer or action is null;
+ *          else what action returned.
+ *  Any thread; the context, and a tag without a lock, by one at a time. */
+PSP_API int16_t psp_yyparse(const psp_yyContext *context);
+
 #if defined(__cplusplus)
 }
 #endif
