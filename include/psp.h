@@ -1704,6 +1704,69 @@ PSP_API const psp_wchar *psp_setlocaleW(int32_t category, const psp_wchar *name)
  *  @return PSP_OKAY; PSP_FAILED when the platform refuses, and then nothing is changed. */
 PSP_API psp_status psp_handleInterrupt(void (*handler)(void));
 
+/* ---- Services ---------------------------------------------------------------------------------
+ * A program with one main function that runs from a console or as a service of the system's manager
+ * (systemd on Linux, the service control manager on Windows). Whether a name is installed is a
+ * counter that psp_serviceInstall raises and psp_serviceUninstall lowers, on Linux a file under
+ * /var/lib. A process can be one service at a time. */
+
+/* What a service does: it calls psp_serviceStarted when it is ready, polls its stop flag, calls
+ * psp_serviceDone and returns. Both calls are due on every way out of it, failures included: the
+ * manager waits for them. */
+typedef int32_t (*psp_serviceMain)(psp_word first, psp_word second);
+
+/** Runs the main function: as a service on a thread of its own if the name is installed and the
+ *  manager started this process, otherwise at once in the calling thread. Needs no start.
+ *
+ *  As a service, a stop or a shutdown sets the stop flag; on Linux that is SIGTERM, which then
+ *  reaches no handler of psp_handleInterrupt until the service has ended, and does what it did
+ *  before after that. The log functions write to the log alone from then on.
+ *
+ *  @param name      the counter's name; it must last until the return.
+ *  @param stopFlag  set to 1 by a stop, from another thread; may be null.
+ *  @param first     handed to main, as is second.
+ *  @param main      the main function.
+ *  @return 0 after a service, be it that it could not be run; otherwise what main returned;
+ *          PSP_FAILED for a null main. */
+PSP_API int32_t psp_serviceStart(const char *name, uint16_t *stopFlag, psp_word first,
+                                 psp_word second, psp_serviceMain main);
+
+/** Tells the manager that the service is ready. Does nothing outside a service. Any thread. */
+PSP_API void psp_serviceStarted(void);
+
+/** Tells the manager that the service is about to end; it has ended when main returns. Does nothing
+ *  outside a service. Any thread. */
+PSP_API void psp_serviceDone(void);
+
+/** Installs a service that starts with the system, and starts it. Waits for no start.
+ *
+ *  On Linux it writes the unit /etc/systemd/system/NAME.service. Characters that a unit's name
+ *  cannot hold are escaped there; slashes, backslashes and control characters are refused, as are
+ *  control characters in the command line. A unit of that name, wherever it lies, is never
+ *  changed. Processes may install and uninstall at the same time. The service is told of stops
+ *  only if it calls psp_serviceStart with the counter's name.
+ *
+ *  @param counterName       the name that the program gives to psp_serviceStart.
+ *  @param serviceName       the name by which the manager knows the service.
+ *  @param displayName       its title.
+ *  @param description       more about it; null for none.
+ *  @param programPath       the program, with an absolute path; quotes around it are dropped.
+ *  @param programArguments  separated by blanks; double quotes keep blanks inside an argument, and
+ *                           a backslash before a double quote makes it a character. Null is none.
+ *  @return PSP_OKAY, even if the service could not be counted or started; PSP_NOACCESS when the
+ *          caller may not manage services; PSP_FAILED for anything else (no manager, the name is
+ *          taken, a text is refused or not UTF-8, memory), and then nothing is left behind. */
+PSP_API psp_status psp_serviceInstall(const char *counterName, const char *serviceName,
+                                      const char *displayName, const char *description,
+                                      const char *programPath, const char *programArguments);
+
+/** Stops and removes a service. Waits for its end where the manager tells it (on Linux it does).
+ *  Needs no start.
+ *
+ *  @return PSP_OKAY; PSP_NOSERVICE when there is no such service; PSP_NOACCESS; PSP_FAILED for
+ *          anything else. The counter is lowered on PSP_OKAY alone. */
+PSP_API psp_status psp_serviceUninstall(const char *counterName, const char *serviceName);
+
 /* ---- Parser engine ----------------------------------------------------------------------------
  * An LALR(1) parser that runs over the tables of a classic yacc. The client brings the tables, a
  * lexer and an action for each rule; tools/make_parser_tables makes a header with the tables from

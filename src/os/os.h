@@ -88,6 +88,9 @@ void sleep_milliseconds(uint32_t milliseconds);
 Error thread_start(void (*function)(void *), void *argument, size_t stack_bytes, uintptr_t *handle);
 // Ends the calling thread, with its exit hook.
 [[noreturn]] void thread_end();
+// The same for a thread that thread_wait_end waits for, once, in whichever way it ends.
+Error thread_start_awaited(void (*function)(void *), void *argument, uintptr_t *thread);
+void thread_wait_end(uintptr_t thread);
 // Relative to the priority of the process.
 enum class ThreadPriority { kLowest, kNormal, kHighest };
 Error thread_set_priority(uintptr_t handle, ThreadPriority priority);
@@ -184,6 +187,7 @@ enum class Condition {
   kAlreadyExists,      // the name is taken
   kNotFound,           // the name, or a directory on the way to it, does not exist
   kBufferTooSmall,     // the answer wants more room
+  kAccessDenied,       // the caller lacks the right
 };
 
 Condition file_condition(Error error);
@@ -272,5 +276,62 @@ const char *thousands_separator();
 // interrupts did before, waits for no running handler, and may be called inside one.
 Error install_interrupt_handler(void (*handler)());
 Error remove_interrupt_handler();
+
+// ---- Services -----------------------------------------------------------------------------------
+
+// Installation counters, which outlive the process and the machine's restart: how often the service
+// of a name is installed. Reading one that was never written fails.
+Error service_counter_read(const char *name, uint32_t *count);
+// Adds to a counter, which never gets below 0; one that cannot be read counts as 0. Whatever
+// happens, the counter has the old value or the new one, and no addition of another process is
+// lost.
+Error service_counter_add(const char *name, int32_t change);
+
+enum class ServiceRun { kFailed, kNotStartedByManager, kEnded };
+
+// Serves the manager that started this process: calls service_main with its argument, on a thread
+// of the platform's choice, and returns after that. Fails while another call serves.
+ServiceRun service_run(const char *name, void (*service_main)(void *), void *argument);
+
+enum class ServiceControl { kStop, kOther };  // a shutdown is a stop
+
+// Inside service_main, before any report: from now on, until service_main returns, each control of
+// the manager calls control, on a thread of the platform's own, one call at a time.
+Error service_register(const char *name, void (*control)(ServiceControl control));
+
+enum class ServiceState { kStopped, kStartPending, kStopPending, kRunning };
+
+struct ServiceStatus {
+  ServiceState state;
+  bool accepts_stop;
+  uint32_t check_point;
+  uint32_t wait_hint_milliseconds;
+};
+
+// Waits a few seconds at the most for a manager that does not listen.
+Error service_report(const ServiceStatus &status);
+
+// Whether there is a manager that this process may manage services with; kAccessDenied tells that
+// the right is missing. The functions below want this to have succeeded.
+Error service_manager_open();
+
+struct ServiceSetup {
+  const char *name;
+  const char *display_name;
+  const char *description;   // null: none
+  const char *command_line;  // the program, a blank, its arguments
+  size_t program_bytes;      // how many bytes of it are the program
+};
+
+// Makes a service that starts with the system. It exists whole or not at all; an existing one is
+// never changed.
+Error service_create(const ServiceSetup &setup);
+// Asks for the start; waits for nothing.
+Error service_start(const char *name);
+// kNotFound tells that there is no such service.
+Error service_find(const char *name);
+// Sends the stop control. Waits for the end of the service where the manager tells it.
+Error service_stop(const char *name);
+Error service_delete(const char *name);
 
 }  // namespace psp::os

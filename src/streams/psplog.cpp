@@ -316,7 +316,9 @@ int32_t log(Channel *target, const char *format, va_list arguments) {
 
 }  // namespace
 
-void set_running_as_service() { state.running_as_service.store(true, std::memory_order_relaxed); }
+void set_running_as_service(bool running) {
+  state.running_as_service.store(running, std::memory_order_relaxed);
+}
 
 }  // namespace psp::streams
 

@@ -35,9 +35,9 @@ enum class LineResult { kRead, kFileEnd, kFailed, kNoMemory };
 // zero bytes are counted, and a failed read, or memory that runs out, is told from the end.
 LineResult read_whole_line(psp_stream *stream, Line *line);
 
-// From now on the log functions write nothing to the standard output and standard error channels:
-// a service has no console. The log is still written.
-void set_running_as_service();
+// While true, the log functions write nothing to the standard output and standard error channels: a
+// service has no console. The log is still written.
+void set_running_as_service(bool running);
 
 }  // namespace psp::streams
 

@@ -50,7 +50,22 @@
   X(locale_wide, WideAnswer, (int category, const psp_wchar *name, const char *name_utf8),         \
     category, name, name_utf8)                                                                     \
   X(install_interrupt_handler, Error, (void (*handler)()), handler)                                \
-  X(remove_interrupt_handler, Error, ())
+  X(remove_interrupt_handler, Error, ())                                                           \
+  X(thread_start_awaited, Error, (void (*function)(void *), void *argument, uintptr_t *thread),    \
+    function, argument, thread)                                                                    \
+  X(service_counter_read, Error, (const char *name, uint32_t *count), name, count)                 \
+  X(service_counter_add, Error, (const char *name, int32_t change), name, change)                  \
+  X(service_run, ServiceRun, (const char *name, void (*service_main)(void *), void *argument),     \
+    name, service_main, argument)                                                                  \
+  X(service_register, Error, (const char *name, void (*control)(ServiceControl control)), name,    \
+    control)                                                                                       \
+  X(service_report, Error, (const ServiceStatus &status), status)                                  \
+  X(service_manager_open, Error, ())                                                               \
+  X(service_create, Error, (const ServiceSetup &setup), setup)                                     \
+  X(service_start, Error, (const char *name), name)                                                \
+  X(service_find, Error, (const char *name), name)                                                 \
+  X(service_stop, Error, (const char *name), name)                                                 \
+  X(service_delete, Error, (const char *name), name)
 
 #define PSP_OS_TRANSFERS(X)                                                                      \
   X(file_read, Error, (File * file, void *buffer, uint32_t count, uint32_t *done), file, buffer, \
@@ -73,6 +88,7 @@
   X(wake_one, void, (const std::atomic<uint32_t> &word), word)                     \
   X(wake_all, void, (const std::atomic<uint32_t> &word), word)                     \
   X(remove_thread_exit_hook, void, ())                                             \
+  X(thread_wait_end, void, (uintptr_t thread), thread)                             \
   X(thread_id, uint32_t, ())                                                       \
   X(directory_close, void, (Directory * directory), directory)                     \
   X(yield_thread, void, ())                                                        \

@@ -676,6 +676,9 @@ Condition file_condition(Error error) {
       return Condition::kNotFound;
     case ERANGE:
       return Condition::kBufferTooSmall;
+    case EACCES:
+    case EPERM:
+      return Condition::kAccessDenied;
     default:
       return Condition::kOther;
   }

@@ -62,4 +62,17 @@ inline const char *system_name(const char *name, NameBuffer &buffer) {
   return buffer;
 }
 
+// ---- Shared by files of this folder ------------------------------------------------------------
+
+// While installed, SIGTERM calls control, on a thread of its own, and no interrupt handler,
+// whichever of the two was installed first. Removing waits for a running call, so it must not be
+// made inside one. One thread makes the calls one after the other.
+Error install_stop_control(void (*control)());
+void remove_stop_control();
+
+// Runs a program in silence: arguments[0] is its path, null ends the arguments. Its exit status, or
+// -1 when it could not be run or was killed. The caller's handling of ended children meets nothing
+// of it, and no process is left behind.
+int run_command(const char *const *arguments);
+
 }  // namespace psp::os

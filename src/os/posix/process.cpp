@@ -1,11 +1,13 @@
 // Clocks, local time, process identity, environment, locale and interrupts, for POSIX systems.
 //
-// Owns the seconds last told, and the state of the interrupt handler: what stood before it, and the
-// thread that calls it ("watcher"). The caller runs installs and removals one at a time. Signal
-// handlers only count into an atomic word and wake the watcher, which sleeps on that word: no
-// descriptor is used, so none can run short, and a forked child shares nothing with its parent
-// through which its signals could be taken for the parent's.
-
+// Owns the seconds last told, and the state of the interrupt handler and of a service's stop
+// control, which are two users of the same signals: what stood before them, and the threads that
+// call them ("watcher" is the handler's). The caller runs installs and removals of each one at a
+// time; a mutex guards what the two share. Signal handlers only count into an atomic word and wake
+// the thread that sleeps on it: no descriptor is used, so none can run short, and a forked child
+// shares nothing with its parent through which its signals could be taken for the parent's.
+#include "os/posix/posix.h"
+// posix.h comes before every system header.
 #include <errno.h>
 #include <langinfo.h>
 #include <pthread.h>
@@ -20,7 +22,6 @@
 #include <new>
 
 #include "core/checked.h"
-#include "os/os.h"
 
 namespace psp::os {
 
@@ -139,22 +140,46 @@ struct Watcher {
   std::atomic<Phase> phase{Phase::kWaiting};
 };
 
+// Those who want a signal, as bits.
+constexpr uint8_t kHandlerUser = 1;
+constexpr uint8_t kStopUser = 2;
+
 struct Interrupts {
   std::atomic<uint32_t> pending{0};
   std::atomic<void (*)()> handler{nullptr};  // not null while installed
-  std::atomic<pid_t> process{0};             // in which the watcher runs
+  std::atomic<pid_t> process{0};             // in which the watcher and the stop thread run
   // A bit for each signal whose disposition a removal left to the client, which had set its own
   // over ours and may still call ours. Never cleared, for nobody tells when that ends.
   std::atomic<uint32_t> covered{0};
 
-  // Used by installs and removals, and by a forked child's signal handlers.
+  // The stop control: a count of stops and kWatched, which takes SIGTERM while it is set.
+  std::atomic<uint32_t> stops{0};
+  void (*control)() = nullptr;
+  pthread_t stop_thread = {};
+
+  // What stood before the first user, until the last one goes. Changed under the mutex, and read by
+  // a forked child's signal handlers.
+  pthread_mutex_t mutex = PTHREAD_MUTEX_INITIALIZER;
   struct sigaction previous[kSignalCount] = {};
+  uint8_t users[kSignalCount] = {};
+
   Watcher *watcher = nullptr;
 };
 
 constinit Interrupts interrupts;
 
 bool in_forked_child() { return interrupts.process.load(std::memory_order_relaxed) != getpid(); }
+
+// False when there is no stop control.
+bool count_stop() {
+  uint32_t word = interrupts.stops.load(std::memory_order_relaxed);
+  do {
+    if ((word & kWatched) == 0) return false;
+  } while (!interrupts.stops.compare_exchange_weak(word, word + 1, std::memory_order_release,
+                                                   std::memory_order_relaxed));
+  wake_one(interrupts.stops);
+  return true;
+}
 
 // False when nobody takes what would be counted.
 bool count_interrupt(size_t index) {
@@ -197,6 +222,7 @@ void note_interrupt(int signal) {
   while (index < kSignalCount && kSignals[index] != signal) ++index;
   if (index == kSignalCount) return;
   const bool forked = in_forked_child();
+  if (!forked && signal == SIGTERM && count_stop()) return;
   if (forked || !count_interrupt(index)) pass_on_unwatched(index, forked);
 }
 
@@ -252,7 +278,7 @@ void *run_watcher(void *argument) {
 
 // Starts a thread that no signal interrupts, save those that a fault of its own raises: blocked,
 // they would end the process past the client's crash handler.
-Error start_watcher(Watcher *watcher) {
+Error start_quiet_thread(pthread_t *thread, void *(*run)(void *), void *argument) {
   sigset_t blocked;
   sigset_t kept;
   sigfillset(&blocked);
@@ -260,7 +286,7 @@ Error start_watcher(Watcher *watcher) {
     sigdelset(&blocked, fault);
   }
   pthread_sigmask(SIG_SETMASK, &blocked, &kept);
-  const int error = pthread_create(&watcher->thread, nullptr, run_watcher, watcher);
+  const int error = pthread_create(thread, nullptr, run, argument);
   pthread_sigmask(SIG_SETMASK, &kept, nullptr);
   return static_cast<Error>(error);
 }
@@ -282,20 +308,26 @@ void end_watcher(bool forked) {
   std::free(watcher);
 }
 
-void take_signals() {
+void take_signal(size_t index, uint8_t user) {
   struct sigaction action = {};
   action.sa_handler = note_interrupt;
   action.sa_flags = SA_RESTART | SA_ONSTACK;
   sigemptyset(&action.sa_mask);
   for (const int signal : kSignals) sigaddset(&action.sa_mask, signal);
-  for (size_t index = 0; index < kSignalCount; ++index) {
-    sigaction(kSignals[index], &action, &interrupts.previous[index]);
-  }
+  pthread_mutex_lock(&interrupts.mutex);
+  struct sigaction before = {};
+  sigaction(kSignals[index], &action, &before);
+  if (!is_ours(before) || interrupts.users[index] == 0) interrupts.previous[index] = before;
+  interrupts.users[index] |= user;
+  pthread_mutex_unlock(&interrupts.mutex);
 }
 
-// A disposition that the client has set over ours since the install stays.
-void give_signals_back() {
-  for (size_t index = 0; index < kSignalCount; ++index) {
+// The last user restores what stood before. A disposition that the client has set over ours since
+// then stays.
+void give_signal_back(size_t index, uint8_t user) {
+  pthread_mutex_lock(&interrupts.mutex);
+  interrupts.users[index] &= static_cast<uint8_t>(~user);
+  if (interrupts.users[index] == 0) {
     struct sigaction now = {};
     sigaction(kSignals[index], nullptr, &now);
     if (is_ours(now)) {
@@ -304,19 +336,68 @@ void give_signals_back() {
       interrupts.covered.fetch_or(1u << index, std::memory_order_relaxed);
     }
   }
+  pthread_mutex_unlock(&interrupts.mutex);
+}
+
+constexpr size_t kStopIndex = 1;
+static_assert(kSignals[kStopIndex] == SIGTERM);
+
+// Each stop that was counted calls the control, until the word is 0.
+void *run_stop_thread(void *) {
+  for (;;) {
+    uint32_t word = interrupts.stops.load(std::memory_order_acquire);
+    if (word == 0) return nullptr;
+    if (word == kWatched) {
+      wait_on_address(interrupts.stops, word, kNoTimeLimit);
+    } else if (interrupts.stops.compare_exchange_strong(word, word - 1,
+                                                        std::memory_order_acquire)) {
+      interrupts.control();
+    }
+  }
+}
+
+// A forked child begins without what its parent had installed, which has no threads here.
+void forget_parent() {
+  if (interrupts.process.load(std::memory_order_relaxed) == 0 || !in_forked_child()) return;
+  remove_interrupt_handler();
+  remove_stop_control();
 }
 
 }  // namespace
 
+// A stop that nobody was called for yet is forgotten: the service has ended.
+Error install_stop_control(void (*control)()) {
+  forget_parent();
+  interrupts.process.store(getpid(), std::memory_order_relaxed);
+  interrupts.control = control;
+  interrupts.stops.store(kWatched, std::memory_order_release);
+  const Error error = start_quiet_thread(&interrupts.stop_thread, run_stop_thread, nullptr);
+  if (error != 0) {
+    interrupts.stops.store(0, std::memory_order_relaxed);
+    return fail(error);
+  }
+  take_signal(kStopIndex, kStopUser);
+  return 0;
+}
+
+void remove_stop_control() {
+  if (interrupts.stops.load(std::memory_order_relaxed) == 0) return;
+  const LastErrorKeeper keeper;
+  const bool forked = in_forked_child();
+  give_signal_back(kStopIndex, kStopUser);
+  interrupts.stops.store(0, std::memory_order_release);
+  if (forked) return;
+  wake_all(interrupts.stops);
+  pthread_join(interrupts.stop_thread, nullptr);
+}
+
 // In a forked child, whose parent had installed a handler, this installs afresh. Until then the
 // child's interrupts do what they did before the parent's install.
 Error install_interrupt_handler(void (*handler)()) {
+  forget_parent();
   if (interrupts.handler.load(std::memory_order_relaxed) != nullptr) {
-    if (!in_forked_child()) {
-      interrupts.handler.store(handler, std::memory_order_release);
-      return 0;
-    }
-    remove_interrupt_handler();
+    interrupts.handler.store(handler, std::memory_order_release);
+    return 0;
   }
   void *place = std::malloc(sizeof(Watcher));
   if (place == nullptr) {
@@ -327,7 +408,8 @@ Error install_interrupt_handler(void (*handler)()) {
   interrupts.process.store(getpid(), std::memory_order_relaxed);
   interrupts.handler.store(handler, std::memory_order_release);
   interrupts.pending.store(kWatched, std::memory_order_release);
-  if (const Error error = start_watcher(watcher); error != 0) {
+  const Error error = start_quiet_thread(&watcher->thread, run_watcher, watcher);
+  if (error != 0) {
     interrupts.pending.store(0, std::memory_order_relaxed);
     interrupts.handler.store(nullptr, std::memory_order_relaxed);
     std::free(watcher);
@@ -336,7 +418,7 @@ Error install_interrupt_handler(void (*handler)()) {
   }
   // Nothing fails from here on.
   interrupts.watcher = watcher;
-  take_signals();
+  for (size_t index = 0; index < kSignalCount; ++index) take_signal(index, kHandlerUser);
   return 0;
 }
 
@@ -346,7 +428,7 @@ Error remove_interrupt_handler() {
   if (interrupts.handler.load(std::memory_order_relaxed) == nullptr) return 0;
   const LastErrorKeeper keeper;
   const bool forked = in_forked_child();
-  give_signals_back();
+  for (size_t index = 0; index < kSignalCount; ++index) give_signal_back(index, kHandlerUser);
   interrupts.handler.store(nullptr, std::memory_order_release);
   const uint32_t left = interrupts.pending.exchange(0, std::memory_order_acq_rel);
   end_watcher(forked);

@@ -21,6 +21,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <bit>
 #include <cstdlib>
 #include <new>
 
@@ -292,6 +293,22 @@ Error thread_start(void (*function)(void *), void *argument, size_t stack_bytes,
   set_last_error(error != 0 ? error : static_cast<Error>(before));
   return error;
 }
+
+Error thread_start_awaited(void (*function)(void *), void *argument, uintptr_t *thread) {
+  void *place = std::malloc(sizeof(Start));
+  if (place == nullptr) return fail(ENOMEM);
+  pthread_t identity = {};
+  const int error =
+      pthread_create(&identity, nullptr, run_start, new (place) Start{function, argument});
+  if (error != 0) {
+    std::free(place);
+    return fail(static_cast<Error>(error));
+  }
+  *thread = std::bit_cast<uintptr_t>(identity);
+  return 0;
+}
+
+void thread_wait_end(uintptr_t thread) { pthread_join(std::bit_cast<pthread_t>(thread), nullptr); }
 
 void thread_end() { pthread_exit(nullptr); }
 
