@@ -114,9 +114,10 @@ inline Page *SegmentedFile::held_page(uint32_t number) const {
 bool SegmentedFile::grow_held(uint32_t number) {
   if (number < held_capacity_) return true;
   const uint32_t capacity = std::max(number + 1, held_capacity_ + held_capacity_ / 2);
-  const size_t new_bytes = size_t{capacity - held_capacity_} * sizeof(Page *);
+  constexpr size_t kPointerBytes = sizeof(void *);
+  const size_t new_bytes = size_t{capacity - held_capacity_} * kPointerBytes;
   size_t bytes = 0;
-  if (!checked_multiply(size_t{capacity}, sizeof(Page *), &bytes)) return false;
+  if (!checked_multiply(size_t{capacity}, kPointerBytes, &bytes)) return false;
   Page **was = held_ == held_inline_ ? nullptr : held_;
   auto *grown = static_cast<Page **>(
       psp_extendMem(was, bytes, nullptr, 1, was == nullptr ? bytes : new_bytes, kSource, __LINE__));

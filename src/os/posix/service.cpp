@@ -71,8 +71,7 @@ void close_socket() {
 
 // The manager kills nothing that takes long as long as it is asked for more time.
 int format_message(const ServiceStatus &status, char (&message)[kMessageBytes]) {
-  const auto more_time =
-      static_cast<unsigned long long>(status.wait_hint_milliseconds * kMicrosecondsPerMillisecond);
+  const unsigned long long more_time = status.wait_hint_milliseconds * kMicrosecondsPerMillisecond;
   switch (status.state) {
     case ServiceState::kStartPending:
       return snprintf(message, kMessageBytes,
