@@ -1,14 +1,18 @@
 // INI files: the reader against a list of lines, updates against their examples, and files that
 // are never lost.
 #include <gtest/gtest.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
+#include <atomic>
 #include <filesystem>
 #include <fstream>
+#include <new>
 #include <random>
 #include <sstream>
 #include <string>
@@ -238,14 +242,21 @@ string numbered(int number) {
 TEST_F(Ini, KilledUpdateLeavesOldOrNewFile) {
   std::mt19937 random(13);
   put(numbered(0));
+  void *shared = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
+  auto &updates = *new (shared) std::atomic<int>(0);  // of all children
   int inside = 0, changed = 0;
   for (int round = 0; round < 300; ++round) {
     const string before = content();
     const pid_t child = fork();
     if (child == 0) {
-      for (int number = before == numbered(0);; number ^= 1) set("s", "n", number == 0 ? "0" : "1");
+      for (int number = before == numbered(0);; number ^= 1) {
+        set("s", "n", number == 0 ? "0" : "1");
+        ++updates;
+      }
     }
-    const size_t spins = random() % 6000000;
+    // However slow the machine is, the child is at work when it dies.
+    for (const int begun = updates; updates == begun;) sched_yield();
+    const size_t spins = random() % 300'000;
     for (size_t spin = 0; spin < spins; ++spin) asm volatile("");
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
