@@ -45,6 +45,10 @@ struct CallState {
 
 extern constinit thread_local CallState call_state;
 
+// Whether a jump will take the place of this call's result: what it would hand out is to be given
+// back, for nobody will see it.
+inline bool result_is_lost() { return call_state.jump_wanted != nullptr; }
+
 // Logs the failure that waits for its report.
 void report_put_off_failure();
 

@@ -282,7 +282,9 @@ psp_tag *psp_createTagEx(jmp_buf *jump, uint32_t flags, const char *file, uint32
       tag->lock = sync_create(PSP_SYNC_EXCL, LockRank::kTag, kSource, __LINE__);
     }
     append_to_list(tag);
-    return tag;
+    if (!result_is_lost()) return tag;
+    destroy_tag(tag);
+    return PSP_TAG_FAILED;
   });
 }
 

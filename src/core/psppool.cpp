@@ -62,8 +62,8 @@ psp_pool *make_pool(psp_tag *tag, bool is_fixed, bool thread_safe) PSP_UNCHECKED
   pool->lock = PSP_SYNC_NONE;
   if (!thread_safe) return pool;
   pool->lock = sync_create(PSP_SYNC_EXCL, LockRank::kPool, kSource, __LINE__);
-  if (call_state.jump_wanted == nullptr) return pool;
-  // The memory of the lock was to come from an armed tag: the caller will not see the pool.
+  if (!result_is_lost()) return pool;
+  psp_syncDelete(pool->lock);
   psp_freeMem(pool, tag);
   return nullptr;
 }
