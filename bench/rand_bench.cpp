@@ -12,10 +12,16 @@ using benchmark::State;
 
 constexpr uint32_t kSeed = 5489;
 
+template <class Next>
+uint64_t draw(State &state, Next next) {
+  uint64_t sum = 0;
+  for (auto _ : state) sum += next();
+  return sum;
+}
+
 uint64_t psp_draw(State &state) {
   psp_rand *generator = psp_randCreate(kSeed);
-  uint64_t sum = 0;
-  for (auto _ : state) sum += psp_randGetUInt32(generator);
+  const uint64_t sum = draw(state, [&] { return psp_randGetUInt32(generator); });
   psp_randDestroy(generator);
   return sum;
 }
@@ -23,17 +29,14 @@ uint64_t psp_draw(State &state) {
 // GLib's sequence is the same; it seeds from one word likewise.
 uint64_t glib_draw(State &state) {
   GRand *generator = g_rand_new_with_seed(kSeed);
-  uint64_t sum = 0;
-  for (auto _ : state) sum += g_rand_int(generator);
+  const uint64_t sum = draw(state, [&] { return g_rand_int(generator); });
   g_rand_free(generator);
   return sum;
 }
 
 uint64_t std_draw(State &state) {
   std::mt19937 generator(kSeed);
-  uint64_t sum = 0;
-  for (auto _ : state) sum += generator();
-  return sum;
+  return draw(state, [&] { return generator(); });
 }
 
 // With the first draw: the peer renews its state only there.

@@ -465,7 +465,7 @@ PSP_API void psp_randDestroy(psp_rand *generator);
 
 /** Starts the generator's sequence anew.
  *
- *  @param seed  the seed as it stands, 0 included. */
+ *  @param seed  its seed; 0 stands for itself. */
 PSP_API void psp_randResetSeed(psp_rand *generator, uint32_t seed);
 
 /** The low 15 bits of the next number: 0 to 32767. The generator of this and the functions below is

@@ -32,6 +32,15 @@ Result with_narrow(const psp_wchar *name, Result failure, Work &&work) {
 // is closed (os::file_create_replacement). In the store: an empty file.
 PSP_FH open_replacement(const char *name, const char *replaced, uint16_t mode);
 
+// The bytes of a name up to and with its last separator, of either kind; 0 without one.
+inline size_t directory_bytes(const char *name) {
+  size_t bytes = 0;
+  for (size_t index = 0; name[index] != '\0'; ++index) {
+    if (name[index] == '\\' || name[index] == '/') bytes = index + 1;
+  }
+  return bytes;
+}
+
 // Gives the file `replacement` the name of the existing file `name`, which goes. Where the platform
 // can, in one step that survives a crash: the name leads to one of the two files at any moment.
 // Both are on the side (disk or store) that the mode word tells; on the disk the replacement may be

@@ -70,15 +70,6 @@ bool names_are_equal(const char *first, uint16_t first_mode, const char *second,
   return core::no_disk() || os::names_lead_to_same_file(source, destination, is_moved) == 0;
 }
 
-// The bytes of a name up to its last separator.
-size_t directory_bytes(const char *name) {
-  size_t bytes = 0;
-  for (size_t index = 0; name[index] != '\0'; ++index) {
-    if (fold(name[index]) == kSeparator) bytes = index + 1;
-  }
-  return bytes;
-}
-
 // Whether a rename would leave the file where the move is to bring it: one of the store looks at
 // the new name's last component only.
 bool may_be_renamed(const char *source, uint16_t source_mode, const char *destination) {

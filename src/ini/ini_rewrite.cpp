@@ -170,9 +170,7 @@ bool settle(const Output &output, const char *temporary, uint16_t mode) {
 // The name of the temporary file; null when memory is short. It must stand beside the file, on the
 // same file system, for the replacement to be one step: either separator counts.
 char *make_temporary_name(const char *file) {
-  const std::string_view name = file;
-  const size_t separator = name.find_last_of("\\/");
-  const size_t directory_bytes = separator == std::string_view::npos ? 0 : separator + 1;
+  const size_t directory_bytes = files::directory_bytes(file);
   size_t bytes = 0;
   if (!checked_add(directory_bytes, sizeof kTemporaryName, &bytes)) return nullptr;
   auto *temporary =

@@ -40,7 +40,7 @@ void free_handle(StoreFile *file) {
 bool open_contents(const char *path, bool creates, SegmentedFile *contents) {
   Entry entry;
   if (!entry.enter(path)) return false;
-  psp_status status = entry.find(entry.name(), Wanted::kFile);
+  psp_status status = entry.find_file(entry.name());
   if (status == PSP_NOTFOUND && creates) status = entry.create_file();
   return status == PSP_OKAY && contents->open(entry.heap(), 0);
 }
@@ -49,7 +49,7 @@ bool open_contents(const char *path, bool creates, SegmentedFile *contents) {
 int64_t query(const char *path, int64_t (*ask)(HeapId)) {
   const core::PutOffReports put_off;
   Entry entry;
-  if (!entry.enter(path) || entry.find(entry.name(), Wanted::kFile) != PSP_OKAY) return 0;
+  if (!entry.enter(path) || entry.find_file(entry.name()) != PSP_OKAY) return 0;
   return ask(entry.heap());
 }
 
@@ -72,7 +72,8 @@ StoreFile *mfile_open(const char *path, uint32_t flags) {
     free_handle(file);
     return nullptr;
   }
-  // Behind the directory's lock: a long cut need not hold up the whole folder.
+  // Behind the directory's lock: a long cut need not hold up the whole folder. It cannot fail where
+  // there is anything to cut.
   if ((flags & PSP_OPEN_TRUNCATE) != 0) file->contents.set_size(0);
   return file;
 }
@@ -151,7 +152,7 @@ psp_status mfile_remove(const char *path) {
   const core::PutOffReports put_off;
   Entry entry;
   if (!entry.enter(path)) return PSP_FAILED;
-  const psp_status status = entry.find(entry.name(), Wanted::kFile);
+  const psp_status status = entry.find_file(entry.name());
   if (status != PSP_OKAY) return status;
   entry.remove();
   shmcache_delete(entry.heap());
@@ -163,17 +164,17 @@ psp_status mfile_rename(const char *old_path, const char *new_path) {
   const std::string_view new_name = last_component(new_path);
   Entry entry;
   if (!entry.enter(old_path)) return PSP_FAILED;
-  const psp_status status = entry.find(entry.name(), Wanted::kAny);
+  const psp_status status = entry.find(entry.name());
   if (status != PSP_OKAY) return status;
   const HeapId heap = entry.heap();
   const EntryType type = entry.type();
-  if (entry.find(new_name, Wanted::kAny) != PSP_NOTFOUND) {
+  if (entry.find(new_name) != PSP_NOTFOUND) {
     files::refuse(os::Refusal::kAccessDenied);
     return PSP_FAILED;
   }
   if (entry.insert(new_name, heap, type) != PSP_OKAY) return PSP_FAILED;
   // From here on nothing can fail.
-  entry.find(entry.name(), Wanted::kAny);
+  entry.find(entry.name());
   entry.remove();
   return PSP_OKAY;
 }
@@ -183,14 +184,14 @@ psp_status mfile_replace(const char *replacement, const char *path) {
   const std::string_view new_contents = last_component(replacement);
   Entry entry;
   if (!entry.enter(path)) return PSP_FAILED;
-  psp_status status = entry.find(new_contents, Wanted::kFile);
+  psp_status status = entry.find_file(new_contents);
   if (status != PSP_OKAY) return status;
   const HeapId heap = entry.heap();
-  status = entry.find(entry.name(), Wanted::kFile);
+  status = entry.find_file(entry.name());
   if (status != PSP_OKAY || entry.heap() == heap) return status;
   const HeapId old_heap = entry.heap();
   entry.set_heap(heap);
-  entry.find(new_contents, Wanted::kFile);
+  entry.find_file(new_contents);
   entry.remove();
   shmcache_delete(old_heap);
   return PSP_OKAY;
@@ -213,7 +214,7 @@ int32_t mfile_validate(const char *path, uint32_t *is_directory) {
   const bool is_found_directory = leads_to_directory(path);
   if (!is_found_directory) {
     Entry entry;
-    if (!entry.enter(path) || entry.find(entry.name(), Wanted::kFile) != PSP_OKAY) return 0;
+    if (!entry.enter(path) || entry.find_file(entry.name()) != PSP_OKAY) return 0;
   }
   if (is_directory != nullptr) *is_directory = is_found_directory ? 1 : 0;
   return 1;

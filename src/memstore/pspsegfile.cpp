@@ -70,10 +70,7 @@ void raise(std::atomic<Value> *value, Value least) {
 
 }  // namespace
 
-psp_status segfile_start() {
-  uint32_t page_bytes = 0;
-  return shmcache_start(&page_bytes);
-}
+psp_status segfile_start() { return shmcache_start(); }
 
 void segfile_stop() { shmcache_stop(); }
 

@@ -23,7 +23,6 @@ namespace psp::memstore {
 struct SegmentRoot {
   std::atomic<int64_t> modified_seconds;  // since 1970-01-01 UTC; 0 until the first write
   std::atomic<uint32_t> segment_count;    // segments below it are in use; one may have no block yet
-  uint32_t page_bytes;
   alignas(8) std::atomic<uint64_t> length;
 };
 static_assert(sizeof(SegmentRoot) == 24);

@@ -112,8 +112,8 @@ Page *page_of(const Heap *heap, uint32_t number) {
 
 }  // namespace
 
-psp_status shmcache_start(uint32_t *page_bytes) {
-  const psp_status status = shmheap_start(page_bytes);
+psp_status shmcache_start() {
+  const psp_status status = shmheap_start();
   if (status != PSP_OKAY) return status;
   state.lock = core::sync_create(PSP_SYNC_EXCL, core::LockRank::kStoreCache, kSource, __LINE__);
   if (core::is_sync_object(state.lock)) return PSP_OKAY;

@@ -39,7 +39,7 @@ struct alignas(16) Page {
   unsigned char *bytes() { return reinterpret_cast<unsigned char *>(this + 1); }
 };
 
-psp_status shmcache_start(uint32_t *page_bytes);
+psp_status shmcache_start();
 void shmcache_stop();
 
 // ---- Heaps --------------------------------------------------------------------------------------

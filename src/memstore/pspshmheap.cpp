@@ -140,15 +140,12 @@ void release_chunks() PSP_UNCHECKED {
 
 }  // namespace
 
-psp_status shmheap_start(uint32_t *page_bytes) {
+psp_status shmheap_start() {
   state.list_lock = core::sync_create(PSP_SYNC_EXCL, core::LockRank::kHeapList, kSource, __LINE__);
   state.default_heap = core::is_sync_object(state.list_lock) ? shmheap_create() : kNoHeap;
-  if (state.default_heap == kNoHeap) {
-    shmheap_stop();
-    return PSP_FAILED;
-  }
-  *page_bytes = kPageBytes;
-  return PSP_OKAY;
+  if (state.default_heap != kNoHeap) return PSP_OKAY;
+  shmheap_stop();
+  return PSP_FAILED;
 }
 
 void shmheap_stop() {

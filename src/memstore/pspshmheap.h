@@ -46,8 +46,8 @@ struct Heap {
   bool is_deleted;   // to be destroyed by the last opener
 };
 
-// Starts the heaps with the default heap, which has no root yet, and tells the size of a page.
-psp_status shmheap_start(uint32_t *page_bytes);
+// Starts the heaps with the default heap, which has no root yet.
+psp_status shmheap_start();
 
 // Destroys every heap, whoever uses it.
 void shmheap_stop();

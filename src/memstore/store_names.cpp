@@ -92,13 +92,7 @@ bool normalise(char *path) {
   return true;
 }
 
-std::string_view last_component(const char *path) {
-  const char *name = path;
-  for (const char *place = path; *place != '\0'; ++place) {
-    if (*place == '\\' || *place == '/') name = place + 1;
-  }
-  return name;
-}
+std::string_view last_component(const char *path) { return path + files::directory_bytes(path); }
 
 // ---- Directories --------------------------------------------------------------------------------
 
@@ -159,9 +153,13 @@ bool Walk::descend(std::string_view name, bool creates) {
     files::refuse(os::Refusal::kNotFound);
   } else {
     const HeapId id = make_heap(EntryType::kDirectory);
-    is_open = id != kNoHeap && mdir_insert(&cursor, name, id, EntryType::kDirectory) == PSP_OKAY &&
-              child.open(id, 0);
-    if (id != kNoHeap && !is_open) drop_heap(id);
+    // Named last: an entry never leads to a heap that is dropped.
+    is_open = id != kNoHeap && child.open(id, 0) &&
+              mdir_insert(&cursor, name, id, EntryType::kDirectory) == PSP_OKAY;
+    if (id != kNoHeap && !is_open) {
+      child.close();
+      drop_heap(id);
+    }
   }
   parent.close();
   current_ = 1 - current_;
@@ -203,13 +201,19 @@ bool Entry::enter(const char *path) {
   return true;
 }
 
-psp_status Entry::find(std::string_view name, Wanted wanted) {
+psp_status Entry::find(std::string_view name) {
   const psp_status status = mdir_search(&cursor_, name);
-  if (status == PSP_NOTFOUND) files::refuse(os::Refusal::kNotFound);
-  if (status != PSP_OKAY) return status;
-  found_ = mdir_read(cursor_);
-  const bool is_directory = found_.type == EntryType::kDirectory;
-  if (wanted == Wanted::kAny || is_directory == (wanted == Wanted::kDirectory)) return PSP_OKAY;
+  if (status == PSP_OKAY) {
+    found_ = mdir_read(cursor_);
+  } else {
+    files::refuse(os::Refusal::kNotFound);
+  }
+  return status;
+}
+
+psp_status Entry::find_file(std::string_view name) {
+  const psp_status status = find(name);
+  if (status != PSP_OKAY || found_.type == EntryType::kFile) return status;
   files::refuse(os::Refusal::kAccessDenied);
   return PSP_FAILED;
 }

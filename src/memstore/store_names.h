@@ -71,8 +71,6 @@ class Walk {
   int current_ = 0;
 };
 
-enum class Wanted { kFile, kDirectory, kAny };
-
 // An entry in its directory, which stays locked for as long as the object lives.
 class Entry {
  public:
@@ -82,9 +80,10 @@ class Entry {
 
   std::string_view name() const { return name_; }
 
-  // PSP_OKAY with the entry found; PSP_NOTFOUND; PSP_FAILED for an entry of the wrong type. The
+  // PSP_OKAY with the entry found, or PSP_NOTFOUND; a file only: PSP_FAILED for a directory. The
   // last error tells which.
-  psp_status find(std::string_view name, Wanted wanted);
+  psp_status find(std::string_view name);
+  psp_status find_file(std::string_view name);
 
   // Behind a find.
   HeapId heap() const { return found_.heap; }

@@ -9,8 +9,11 @@
 
 #include "core/exported_call.h"
 #include "psp.h"
+#include "support/output.h"
 
 namespace {
+
+using psp::tests::output_of;
 
 constexpr char kDoubleRelease[] = "Attempting to free previously freed memory\n";
 constexpr size_t kTooMuch = SIZE_MAX;  // wraps with the header: fails under every allocator
@@ -20,15 +23,6 @@ class Memory : public testing::Test {
   void SetUp() override { ASSERT_EQ(psp_init(), PSP_OKAY); }
   void TearDown() override { psp_term(); }
 };
-
-// What the C runtime's standard output got while work ran.
-template <class Work>
-std::string output_of(Work work) {
-  testing::internal::CaptureStdout();
-  work();
-  psp_log_flush();
-  return testing::internal::GetCapturedStdout();
-}
 
 TEST_F(Memory, EachModeFillsItsBlock) {
   psp_tag *tag = psp_createTag(0);

@@ -8,8 +8,11 @@
 #include <vector>
 
 #include "psp.h"
+#include "support/output.h"
 
 namespace {
+
+using psp::tests::output_of;
 
 constexpr char kForeign[] =
     "Attempting to put a memory chunk into a pool that didn't create it\r\n";
@@ -34,14 +37,6 @@ class Pool : public testing::Test {
   psp_tag *tag = nullptr;
   psp_pool *pool = nullptr;
 };
-
-template <class Work>
-std::string reports_of(Work work) {
-  testing::internal::CaptureStdout();
-  work();
-  psp_log_flush();
-  return testing::internal::GetCapturedStdout();
-}
 
 // The free list as it must be: last in, first out, at most 1000, and what is too small goes.
 TEST_F(Pool, HandsOutWhatAModelHandsOut) {
@@ -105,13 +100,13 @@ TEST_F(Pool, TakesNoHarmFromWhatItDidNotHandOut) {
   pool = psp_allocPool(tag, 0, 0);
   char *twice = get(50);
   put(twice);
-  EXPECT_EQ(reports_of([&] { put(twice); }), kForeign);
+  EXPECT_EQ(output_of([&] { put(twice); }), kForeign);
   EXPECT_EQ(get(50), twice);
   EXPECT_NE(get(50), twice);
 
   auto *no_chunk = static_cast<char *>(psp_allocZero(200, tag));
   for (const size_t offset : {96, 100}) {
-    EXPECT_EQ(reports_of([&] { put(no_chunk + offset); }), kForeign);
+    EXPECT_EQ(output_of([&] { put(no_chunk + offset); }), kForeign);
     EXPECT_NE(get(1), no_chunk + offset);
   }
 
@@ -119,10 +114,10 @@ TEST_F(Pool, TakesNoHarmFromWhatItDidNotHandOut) {
   psp_tag *other_tag = psp_createTag(0);
   psp_pool *other = psp_allocPool(other_tag, 0, 0);
   void *chunk = psp_getMemFromPool(300, other, PSP_MEM_ALLOC, nullptr, "here.c", 7);
-  EXPECT_EQ(reports_of([&] { put(chunk); }), kForeign);
+  EXPECT_EQ(output_of([&] { put(chunk); }), kForeign);
   psp_freeTagMemory(other_tag, 1);
   EXPECT_EQ(get(300, PSP_MEM_ZERO), chunk);
-  EXPECT_EQ(reports_of([&] { put(chunk); }), "");
+  EXPECT_EQ(output_of([&] { put(chunk); }), "");
 
   put(nullptr);
   psp_putInPool(chunk, nullptr);

@@ -11,8 +11,11 @@
 #include <vector>
 
 #include "psp.h"
+#include "support/output.h"
 
 namespace {
+
+using psp::tests::output_of;
 
 class Queue : public testing::Test {
  protected:
@@ -29,15 +32,6 @@ using QueueRegistry = Queue;
 using QueueMessages = Queue;
 using QueueWait = Queue;
 using QueueEnd = Queue;
-
-// What the library reports meanwhile.
-template <class Work>
-std::string reports_of(Work work) {
-  testing::internal::CaptureStdout();
-  work();
-  psp_log_flush();
-  return testing::internal::GetCapturedStdout();
-}
 
 // The data of the next message; its limit is for tests that must not hang.
 psp_word next(psp_queue *queue, uint32_t limit = 60000) {
@@ -66,13 +60,13 @@ TEST_F(QueueRegistry, FindsTheNewestOfAName) {
 TEST_F(QueueRegistry, RefusesWhatIsNoQueue) {
   psp_queue *queue = psp_queueCreate("q");
   psp_queueDelete(queue);
-  EXPECT_EQ(reports_of([&] {
+  EXPECT_EQ(output_of([&] {
               psp_queueDelete(nullptr);
               psp_queueDelete(queue);
             }),
             "Deleted too many queues");
   psp_word data = 5;
-  EXPECT_EQ(reports_of([&] {
+  EXPECT_EQ(output_of([&] {
               psp_queueWrite(nullptr, 1, 2, 3, 0);
               EXPECT_EQ(psp_queueRead(nullptr, &data, nullptr, nullptr, 0), PSP_FAILED);
               psp_queuePurge(nullptr, 3);
