@@ -14,7 +14,6 @@ static const char kPackages[] = "\\packages";
 int move_into_memory(Settings *settings) {
   char encoding[kSettingBytes];
   psp_strncpyZ(encoding, settings->value[kReportEncoding], sizeof encoding);
-  psp_nodisk();
   int result = change_setting(kMemoryFolder, PSP_FILE_MEMORY, "report", "encoding", encoding);
   return result != 0 ? result : read_settings(settings, kMemoryFolder, PSP_FILE_MEMORY);
 }
@@ -40,11 +39,11 @@ static int keep_package(const Package *package, psp_tag *tag) {
   return kept ? 0 : kFailed;
 }
 
-int keep_packages(const Database *database) {
+int keep_packages(const Catalog *catalog, psp_tag *tag) {
   uint64_t start = psp_timeNanoSecs();
   int result = 0;
-  for (uint32_t i = 0; i < database->count && result == 0; ++i) {
-    result = keep_package(&database->packages[i], database->tag);
+  for (uint32_t i = 0; i < catalog->count && result == 0; ++i) {
+    result = keep_package(catalog->packages[i], tag);
   }
   if (result == 0) log_step("packages kept as files", start);
   return result;

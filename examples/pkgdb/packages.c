@@ -1,44 +1,40 @@
-/* Reading the package records: a text stream, line by line, into tagged memory.
+/* Reading the package records: a text stream, line by line, into tagged memory and a queue.
  *
  * The status file of Debian's package manager holds a record ("stanza") for each package: lines
  * "Field: value", some with continuation lines that start with a blank, and an empty line at the
- * end. All strings and the array of the packages belong to the database's tag and go with it. */
+ * end. All packages and their strings belong to the reader's tag and go with it. */
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 
 #include "pkgdb.h"
 
-/* The stanza under way. Its strings are in the database's tag already. */
+/* The stanza under way. Its strings are in the reader's tag already. */
 typedef struct {
   Package package;
   int has_fields;
   int installed;
 } Stanza;
 
-static int append_package(Database *database, const Package *package) {
-  if (database->count == database->capacity) {
-    uint32_t capacity = database->capacity == 0 ? 256 : 2 * database->capacity;
-    Package *packages = psp_extendMem(database->packages, capacity * sizeof *packages,
-                                      database->tag, 0, 0, __FILE__, __LINE__);
-    if (packages == NULL) return kFailed; /* the library has logged why */
-    database->packages = packages;
-    database->capacity = capacity;
-  }
-  database->packages[database->count++] = *package;
+static int send_package(Reader *reader, const Package *read) {
+  Package *package = psp_memdup(read, sizeof *read, reader->tag);
+  if (package == NULL) return kFailed; /* the library has logged why */
+  package->number = reader->count++;
+  psp_queueWrite(reader->packages, (psp_word)package, 0, kPackageMessage, 0);
   return 0;
 }
 
-static int finish_stanza(Database *database, Stanza *stanza, const char *path) {
+static int finish_stanza(Reader *reader, Stanza *stanza) {
   int result = 0;
   if (stanza->has_fields && stanza->package.name == NULL) {
-    psp_log_err("%s:%u: the record that ends here has no Package field\n", path, database->lines);
+    psp_log_err("%s:%u: the record that ends here has no Package field\n", reader->path,
+                reader->lines);
     return kBadInput;
   }
   if (stanza->has_fields && stanza->installed) {
-    result = append_package(database, &stanza->package);
+    result = send_package(reader, &stanza->package);
   } else if (stanza->has_fields) {
-    ++database->not_installed;
+    ++reader->not_installed;
   }
   memset(stanza, 0, sizeof *stanza);
   return result;
@@ -54,10 +50,9 @@ static int parse_kib(const char *text, uint32_t *kib) {
   return 1;
 }
 
-static int take_field(Database *database, Stanza *stanza, const char *path, const char *field,
-                      const char *value) {
+static int take_field(Reader *reader, Stanza *stanza, const char *field, const char *value) {
   Package *package = &stanza->package;
-  char **text = NULL;
+  const char **text = NULL;
   stanza->has_fields = 1;
   if (strcmp(field, "Package") == 0) {
     text = &package->name;
@@ -71,48 +66,48 @@ static int take_field(Database *database, Stanza *stanza, const char *path, cons
     stanza->installed =
         strcmp(value, "install ok installed") == 0 || strcmp(value, "hold ok installed") == 0;
   } else if (strcmp(field, "Installed-Size") == 0 && !parse_kib(value, &package->kib)) {
-    psp_log_err("%s:%u: \"%s\" is no size\n", path, database->lines, value);
+    psp_log_err("%s:%u: \"%s\" is no size\n", reader->path, reader->lines, value);
     return kBadInput;
   }
   if (text == NULL) return 0;
-  *text = psp_strdup(value, database->tag);
+  *text = psp_strdup(value, reader->tag);
   return *text != NULL ? 0 : kFailed;
 }
 
 /* One line without its line feed: "Field: value", a continuation, or the end of a record. */
-static int take_line(Database *database, Stanza *stanza, const char *path, char *line) {
-  if (line[0] == '\0') return finish_stanza(database, stanza, path);
+static int take_line(Reader *reader, Stanza *stanza, char *line) {
+  if (line[0] == '\0') return finish_stanza(reader, stanza);
   if (line[0] == ' ' || line[0] == '\t') return 0;
   char *colon = strchr(line, ':');
   if (colon == NULL || colon == line) {
-    psp_log_err("%s:%u: neither a field nor the rest of one\n", path, database->lines);
+    psp_log_err("%s:%u: neither a field nor the rest of one\n", reader->path, reader->lines);
     return kBadInput;
   }
   *colon = '\0';
-  return take_field(database, stanza, path, line, colon + 1 + strspn(colon + 1, " \t"));
+  return take_field(reader, stanza, line, colon + 1 + strspn(colon + 1, " \t"));
 }
 
-int read_records(Database *database, const char *path) {
-  psp_stream *stream = psp_fopen(path, "r", 0);
-  if (stream == NULL) return file_failed(path, "cannot be read", kNoInput);
+int read_records(Reader *reader) {
+  psp_stream *stream = psp_fopen(reader->path, "r", 0);
+  if (stream == NULL) return file_failed(reader->path, "cannot be read", kNoInput);
   Stanza stanza = {0};
   int result = 0;
   char *line = NULL; /* grows as lines want it; belongs to the default tag */
   uint32_t size = 0;
   while (result == 0 && psp_fGetLine(stream, &line, &size) != NULL) {
-    ++database->lines;
+    ++reader->lines;
     line[strcspn(line, "\n")] = '\0';
-    result = take_line(database, &stanza, path, line);
+    result = take_line(reader, &stanza, line);
     line[0] = '\0'; /* so that what stands here after the last call is its doing */
   }
   /* No line is the end, or memory was short for the rest of one, or a byte is no text. */
   if (result == 0 && ((line != NULL && line[0] != '\0') || psp_fgetc(stream) != -1)) {
-    psp_log_err("%s:%u: cannot be read on\n", path, database->lines);
+    psp_log_err("%s:%u: cannot be read on\n", reader->path, reader->lines);
     result = kBadInput;
   }
-  if (result == 0) result = finish_stanza(database, &stanza, path);
-  if (result == 0 && database->count == 0) {
-    psp_log_err("%s: no record of an installed package\n", path);
+  if (result == 0) result = finish_stanza(reader, &stanza);
+  if (result == 0 && reader->count == 0) {
+    psp_log_err("%s: no record of an installed package\n", reader->path);
     result = kBadInput;
   }
   psp_freeMem(line, NULL);

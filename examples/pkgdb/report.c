@@ -64,11 +64,11 @@ static char *report_line(const Package *package, psp_tag *tag) {
 }
 
 /* width: bytes of a unit; with two the stream writes UTF-16. */
-static int write_report(const Index *index, const char *path, uint32_t width, psp_tag *tag) {
-  psp_stream *stream = psp_fopenEx(path, "w", width, index->mode);
+static int write_report(const Catalog *catalog, const char *path, uint32_t width, psp_tag *tag) {
+  psp_stream *stream = psp_fopenEx(path, "w", width, catalog->mode);
   int written = stream != NULL;
-  for (uint32_t i = 0; written && i < index->database->count; ++i) {
-    char *line = report_line(index->order[i], tag);
+  for (uint32_t i = 0; written && i < catalog->count; ++i) {
+    char *line = report_line(catalog->packages[i], tag);
     written = line != NULL && psp_fputs(line, stream) >= 0;
     psp_freeMem(line, tag);
   }
@@ -79,13 +79,13 @@ static int write_report(const Index *index, const char *path, uint32_t width, ps
 
 /* The stream finds out by the mark that a file is UTF-16, and gives UTF-8. What the close could not
  * write shows here. */
-static int check_report(const Index *index, const char *path, psp_tag *tag) {
-  psp_stream *stream = psp_fopenEx(path, "r", 0, index->mode);
+static int check_report(const Catalog *catalog, const char *path, psp_tag *tag) {
+  psp_stream *stream = psp_fopenEx(path, "r", 0, catalog->mode);
   char *found = NULL;
-  uint32_t size = 0, lines = 0, count = index->database->count;
+  uint32_t size = 0, lines = 0, count = catalog->count;
   int same = stream != NULL;
   while (same && psp_fGetLine(stream, &found, &size) != NULL) {
-    char *expected = lines < count ? report_line(index->order[lines], tag) : NULL;
+    char *expected = lines < count ? report_line(catalog->packages[lines], tag) : NULL;
     same = expected != NULL && strcmp(expected, found) == 0;
     psp_freeMem(expected, tag);
     ++lines;
@@ -106,19 +106,19 @@ char *report_path(const Settings *settings, psp_tag *tag) {
   return data_path(settings->folder, name, tag);
 }
 
-int make_report(const Index *index, const Settings *settings, psp_tag *tag) {
+int make_report(const Catalog *catalog, const Settings *settings, psp_tag *tag) {
   char *path = report_path(settings, tag);
   if (path == NULL) return kFailed;
-  if (psp_fileValidateEx(path, index->mode, NULL)) {
+  if (psp_fileValidateEx(path, catalog->mode, NULL)) {
     psp_log_err("%s: is in the way and could not be moved\n", path);
     return kFailed;
   }
   uint64_t start = psp_timeNanoSecs();
-  int result = write_report(index, path, is_wide(settings) ? 2 : 1, tag);
+  int result = write_report(catalog, path, is_wide(settings) ? 2 : 1, tag);
   if (result == 0) {
     log_step("report written", start);
     start = psp_timeNanoSecs();
-    result = check_report(index, path, tag);
+    result = check_report(catalog, path, tag);
   }
   if (result == 0) log_step("report read back, the same", start);
   psp_freeMem(path, tag);
@@ -127,29 +127,32 @@ int make_report(const Index *index, const Settings *settings, psp_tag *tag) {
 
 /* ---- The table ------------------------------------------------------------------------------- */
 
+void print_heading(const char *title) {
+  psp_printf("%-32s %10s  %-12s %s\n", title, "KiB", "section", "summary");
+}
+
+void print_package(const Package *package) {
+  psp_printf("%-32s %10u  %-12s %s\n", package->name, package->kib, or_empty(package->section),
+             or_empty(package->summary));
+}
+
 static int larger_first(const void *left, const void *right) {
   const Package *a = *(const Package *const *)left, *b = *(const Package *const *)right;
   if (a->kib != b->kib) return a->kib < b->kib ? 1 : -1;
   return strcmp(a->name, b->name);
 }
 
-int print_largest(const Database *database) {
-  const Package **order = psp_alloc(database->count * sizeof *order, database->tag);
+int print_largest(const Catalog *catalog, psp_tag *tag) {
+  const Package **order = psp_memdup(catalog->packages, catalog->count * sizeof *order, tag);
   if (order == NULL) return kFailed;
   uint64_t total_kib = 0;
-  for (uint32_t i = 0; i < database->count; ++i) {
-    order[i] = &database->packages[i];
-    total_kib += order[i]->kib;
-  }
-  qsort(order, database->count, sizeof *order, larger_first);
-  psp_printf("\n%u packages installed, %u removed, %.1f MiB, %u lines read\n\n", database->count,
-             database->not_installed, (double)total_kib / 1024, database->lines);
-  psp_printf("%-32s %10s  %-12s %s\n", "largest packages", "KiB", "section", "summary");
-  for (uint32_t i = 0; i < database->count && i < kLargest; ++i) {
-    psp_printf("%-32s %10u  %-12s %s\n", order[i]->name, order[i]->kib, or_empty(order[i]->section),
-               or_empty(order[i]->summary));
-  }
+  for (uint32_t i = 0; i < catalog->count; ++i) total_kib += order[i]->kib;
+  qsort(order, catalog->count, sizeof *order, larger_first);
+  psp_printf("\n%u packages installed, %u removed, %.1f MiB, %u lines read\n\n", catalog->count,
+             catalog->reader.not_installed, (double)total_kib / 1024, catalog->reader.lines);
+  print_heading("largest packages");
+  for (uint32_t i = 0; i < catalog->count && i < kLargest; ++i) print_package(order[i]);
   psp_printf("\n");
-  psp_freeMem(order, database->tag);
+  psp_freeMem(order, tag);
   return 0;
 }

@@ -3,6 +3,7 @@
  *   [input]  file      the package records; default /var/lib/dpkg/status
  *   [report] encoding  utf-8 or utf-16; default utf-16
  *   [log]    file      a name that ends in .log, stdout, stderr or none; default pkgdb.log
+ *   [serve]  log       the same for the server, which runs beside other commands; default serve.log
  *
  * A table says what each setting may be. It judges what the file holds and what `pkgdb set` is
  * given, so that the one never writes what the other refuses. Names that are not fully qualified
@@ -39,6 +40,8 @@ static const Rule kRules[kSettingCount] = {
     [kReportEncoding] = {"report", "encoding", "utf-16", "utf-8 or utf-16", is_encoding},
     [kLogFile] = {"log", "file", "pkgdb.log", "a name that ends in .log, stdout, stderr or none",
                   is_log},
+    [kServeLog] = {"serve", "log", "serve.log", "a name that ends in .log, stdout, stderr or none",
+                   is_log},
 };
 
 static int refuse(const char *where, const Rule *rule, const char *value) {

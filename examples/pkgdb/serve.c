@@ -1,0 +1,242 @@
+/* The server, which answers queries from a named pipe, and its client.
+ *
+ * serve runs as a service if the system's manager started it, else in the foreground until an
+ * interrupt. Either way a flag, set by another thread, tells it to stop; it looks at the flag
+ * between two requests. Requests come by the pipe pkgdb.pipe of the data folder; an answer goes to
+ * the pipe that its client has made, reply-NUMBER.pipe. */
+#include <string.h>
+
+#include "pkgdb.h"
+
+enum { kPause = 200 }; /* milliseconds between two looks at the flag */
+
+static const char kServiceName[] = "pkgdb";
+static const char kRequestPipe[] = "pkgdb.pipe";
+static const char kLockFile[] = "pkgdb.lock";
+
+/* The interrupt handler has no argument; it runs on a thread of the library's own. */
+static volatile uint16_t stop_flag;
+static void on_interrupt(void) { stop_flag = 1; }
+
+static char *reply_path(const char *folder, int32_t client, psp_tag *tag) {
+  return psp_makeStr(tag, "%s\\reply-%d.pipe", folder, client);
+}
+
+/* ---- The server ------------------------------------------------------------------------------ */
+
+typedef struct {
+  const Settings *settings;
+  char *input; /* the records' file */
+  Catalog catalog;
+  int64_t read_time; /* when the records' file was changed that the catalog was made from */
+  Pipe requests;
+  psp_inputBuff *in;
+  uint32_t answered;
+} Server;
+
+static int load(Server *server) {
+  server->read_time = psp_fileModTimeStat(server->input, 0);
+  int result = load_catalog(&server->catalog, server->input);
+  if (result == 0) psp_log("%u packages read from %s\n", server->catalog.count, server->input);
+  return result;
+}
+
+/* Reads the records again if their file has changed; a reading that fails leaves what was there. */
+static void refresh(Server *server) {
+  if (psp_fileModTimeStat(server->input, 0) == server->read_time) return;
+  Catalog before = server->catalog;
+  if (load(server) == 0) {
+    end_catalog(&before);
+  } else {
+    end_catalog(&server->catalog);
+    server->catalog = before;
+  }
+}
+
+static psp_status send_answer(Server *server, const Answer *answer, int32_t client, psp_tag *tag) {
+  char *path = reply_path(server->settings->folder, client, tag);
+  Pipe reply;
+  if (path == NULL || !open_for_writing(&reply, path)) return PSP_FAILED;
+  psp_outputBuff *out = NULL;
+  psp_status status = psp_outputBuffCreate(write_pipe, &reply, 0, &out);
+  if (status == PSP_OKAY) status = put_answer(out, answer);
+  psp_outputBuffDestroy(out);
+  close_pipe(&reply);
+  return status;
+}
+
+/* Everything that a request needs goes with its tag, whatever happened. */
+static void serve_request(Server *server, const Request *request) {
+  psp_tag *tag = psp_createTag(0);
+  if (tag == PSP_TAG_FAILED) return;
+  Answer answer;
+  refresh(server);
+  answer_query(request->query, &server->catalog, tag, &answer);
+  psp_status status = send_answer(server, &answer, request->client, tag);
+  if (status == PSP_OKAY) {
+    ++server->answered;
+    psp_log("%d asked: %s: %u packages\n", request->client, request->query, answer.count);
+  } else {
+    psp_log_err("%d asked, and is not there for the answer\n", request->client);
+  }
+  psp_freeTagMemory(tag, 1);
+}
+
+/* After bytes that are no request everything that has arrived is dropped: nobody can tell where the
+ * next one starts. A client whose request was among it gets no answer, and says so. */
+static void serve_requests(Server *server) {
+  Request request;
+  while (!stop_flag) {
+    psp_status status = get_request(server->in, kPause, &request);
+    if (status == PSP_OKAY) {
+      serve_request(server, &request);
+    } else if (status != PSP_TIMEOUT) {
+      psp_log_err("something that is no request was dropped\n");
+      psp_inputBuffReset(server->in);
+    }
+  }
+}
+
+static int open_requests(Server *server) {
+  char *path = data_path(server->settings->folder, kRequestPipe, NULL);
+  int result = path != NULL ? make_pipe(path) : kFailed;
+  if (result == 0 && !open_for_reading(&server->requests, path)) {
+    result = file_failed(path, "cannot be opened", kFailed);
+  }
+  if (result == 0 && psp_inputBuffCreate(read_pipe, read_pipe_timed, &server->requests, 0,
+                                         &server->in) != PSP_OKAY) {
+    result = kFailed;
+  }
+  psp_freeMem(path, NULL);
+  return result;
+}
+
+/* What a service must do: say that it has started, look at its flag, say that it is done. */
+static int32_t run(psp_word settings, psp_word unused) {
+  Server server = {.settings = (const Settings *)settings, .requests = {.descriptor = -1}};
+  (void)unused;
+  server.input = data_path(server.settings->folder, server.settings->value[kInputFile], NULL);
+  int result = server.input != NULL ? load(&server) : kFailed;
+  if (result == 0) result = open_requests(&server);
+  psp_serviceStarted();
+  if (result == 0) {
+    psp_log("serving until interrupted\n");
+    serve_requests(&server);
+    psp_log("%u queries answered\n", server.answered);
+  }
+  psp_serviceDone();
+  psp_inputBuffDestroy(server.in);
+  close_pipe(&server.requests);
+  if (server.input != NULL) end_catalog(&server.catalog);
+  psp_freeMem(server.input, NULL);
+  return result;
+}
+
+/* A file that is held open and that no second server may write to. It comes before the log, which
+ * would lose what the first server has written. */
+static PSP_FH lock_folder(const char *folder) {
+  char *path = data_path(folder, kLockFile, NULL);
+  PSP_FH file = NULL;
+  if (path != NULL) {
+    file = psp_fileOpen(path, PSP_OPEN_WRITE | PSP_OPEN_CREATE, PSP_FILE_DENY_WRITE);
+    if (file == NULL) file_failed(path, "cannot be locked", kFailed);
+  }
+  psp_freeMem(path, NULL);
+  return file;
+}
+
+int serve(Settings *settings) {
+  PSP_FH lock = lock_folder(settings->folder);
+  if (lock == NULL) return kFailed;
+  int result = open_log(settings, kServeLog);
+  if (result == 0 && psp_handleInterrupt(on_interrupt) != PSP_OKAY) result = kFailed;
+  if (result == 0) {
+    result = psp_serviceStart(kServiceName, (uint16_t *)&stop_flag, (psp_word)settings, 0, run);
+    psp_handleInterrupt(NULL);
+  }
+  psp_log_close();
+  psp_fileClose(lock);
+  return result;
+}
+
+int install_service(const char *folder, const char *program) {
+  char *path = psp_fullpath(program), *data = psp_fullpath(folder);
+  char *arguments = data != NULL ? psp_makeString("--data \"%s\" serve", data) : NULL;
+  psp_status status = PSP_FAILED;
+  if (path != NULL && arguments != NULL) {
+    status = psp_serviceInstall(kServiceName, kServiceName, "pkgdb", "Answers queries for packages",
+                                path, arguments);
+  }
+  psp_freeMem(arguments, NULL);
+  psp_freeMem(data, NULL);
+  psp_freeMem(path, NULL);
+  if (status == PSP_OKAY) return 0;
+  psp_log_err("the service cannot be installed%s\n",
+              status == PSP_NOACCESS ? ": you may not manage services" : "");
+  return kFailed;
+}
+
+int uninstall_service(void) {
+  psp_status status = psp_serviceUninstall(kServiceName, kServiceName);
+  if (status == PSP_OKAY) return 0;
+  psp_log_err("the service cannot be removed%s\n", status == PSP_NOSERVICE ? ": it is not installed"
+                                                   : status == PSP_NOACCESS
+                                                       ? ": you may not manage services"
+                                                       : "");
+  return kFailed;
+}
+
+/* ---- The client ------------------------------------------------------------------------------ */
+
+static psp_status exchange(Pipe *requests, Pipe *reply, const char *query, psp_tag *tag,
+                           Answer *answer) {
+  psp_outputBuff *out = NULL;
+  psp_inputBuff *in = NULL;
+  psp_status status = psp_outputBuffCreate(write_pipe, requests, 0, &out);
+  if (status == PSP_OKAY) status = psp_inputBuffCreate(read_pipe, NULL, reply, 0, &in);
+  if (status == PSP_OKAY) status = put_request(out, query);
+  if (status == PSP_OKAY) status = get_answer(in, tag, answer);
+  psp_inputBuffDestroy(in);
+  psp_outputBuffDestroy(out);
+  return status;
+}
+
+static int ask_in_tag(const char *folder, const char *query, psp_tag *tag) {
+  char *request_path = data_path(folder, kRequestPipe, tag);
+  char *path = reply_path(folder, psp_get_pid(), tag);
+  Pipe requests, reply;
+  Answer answer;
+  if (request_path == NULL || path == NULL) return kFailed;
+  if (strlen(query) > kMostQueryBytes) {
+    psp_log_err("query:1:1: a query has at most %d bytes\n", kMostQueryBytes);
+    return kBadQuery;
+  }
+  if (!open_for_writing(&requests, request_path)) {
+    return file_failed(request_path, "no server reads it", kNoServer);
+  }
+  int result = make_pipe(path);
+  if (result == 0 && !open_for_reading(&reply, path)) {
+    result = file_failed(path, "cannot be opened", kFailed);
+  }
+  if (result == 0) {
+    psp_status status = exchange(&requests, &reply, query, tag, &answer);
+    if (status == PSP_OKAY) {
+      result = print_answer(&answer);
+    } else {
+      psp_log_err("the server gives no answer%s\n", status == PSP_TIMEOUT ? " in time" : "");
+      result = kNoServer;
+    }
+    close_pipe(&reply);
+  }
+  psp_fileRemove(path);
+  close_pipe(&requests);
+  return result;
+}
+
+int ask(const char *folder, const char *query) {
+  psp_tag *tag = psp_createTag(0);
+  if (tag == PSP_TAG_FAILED) return kFailed;
+  int result = ask_in_tag(folder, query, tag);
+  psp_freeTagMemory(tag, 1);
+  return result;
+}
