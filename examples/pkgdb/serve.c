@@ -14,8 +14,9 @@ static const char kServiceName[] = "pkgdb";
 static const char kRequestPipe[] = "pkgdb.pipe";
 static const char kLockFile[] = "pkgdb.lock";
 
-/* The interrupt handler has no argument; it runs on a thread of the library's own. */
-static volatile uint16_t stop_flag;
+/* Set by a thread of the library's own, as a service or in the handler, which has no argument. An
+ * atomic word looks like a plain one to the library. */
+static _Atomic uint16_t stop_flag;
 static void on_interrupt(void) { stop_flag = 1; }
 
 static char *reply_path(const char *folder, int32_t client, psp_tag *tag) {
@@ -75,7 +76,8 @@ static void serve_request(Server *server, const Request *request) {
   psp_status status = send_answer(server, &answer, request->client, tag);
   if (status == PSP_OKAY) {
     ++server->answered;
-    psp_log("%d asked: %s: %u packages\n", request->client, request->query, answer.count);
+    psp_log("%d asked: %s: %u packages%s%s\n", request->client, request->query, answer.count,
+            answer.result != 0 ? ", " : "", answer.message);
   } else {
     psp_log_err("%d asked, and is not there for the answer\n", request->client);
   }

@@ -74,6 +74,35 @@ expect_failure() {  # expect_failure STATUS MESSAGE ARGUMENT...
   [[ $found == *"$message"* ]] || fail "pkgdb $* should say \"$message\", said" "$found"
 }
 
+names_of() { output_of ./pkgdb --data asked "$@" | sed '1d;$d' | cut -d' ' -f1 | xargs; }
+
+# Each query alone and through the server, which drops what is no request and ends when told.
+check_queries() {
+  ./pkgdb --data asked set input file "$expected/status" > console.txt
+  expect_failure 8 "no server reads it" --data asked ask 'size > 1'
+  ./pkgdb --data asked serve > console.txt 2>&1 &
+  local server=$! tries=100 word
+  until grep -q serving console.txt || ((--tries == 0)); do sleep 0.05; done
+  expect_failure 5 "cannot be locked" --data asked serve
+  echo "no request" > asked/pkgdb.pipe
+  for word in query ask; do
+    expect "$word" "equal-a equal-b last" "$(names_of $word 'section = "misc" order by size desc')"
+    expect "$word" "held equal-a equal-b" \
+      "$(names_of $word $'not (size < 5 or section = "fonts")\norder by section desc limit 3')"
+    expect "$word" "bare" "$(names_of $word 'version = ""')"
+    expect_failure 7 'query:2:3: "und" does not fit here' --data asked $word $'name = "é"\n  und size > 3'
+    expect_failure 7 'query:1:15: "colour" is no field' --data asked $word 'name = "é" or colour = 1'
+    expect_failure 7 'query:1:7: the query ends too early' --data asked $word 'size >'
+    expect_failure 7 'query:1:8: the string has no end' --data asked $word 'name = "'
+    expect_failure 7 'query:1:8: size is compared with a number' --data asked $word 'size = "1"'
+    expect_failure 7 'a query has at most 3000 bytes' --data asked $word "$(printf '(%.0s' {1..3001})"
+  done
+  kill -TERM "$server"
+  wait "$server" || fail "the server's exit status is $?"
+  grep -q '^\[.*\]  [0-9]* queries answered' asked/serve.log || fail "the server has not logged its end"
+  expect "files of the server" "pkgdb.ini pkgdb.lock pkgdb.pipe serve.log" "$(cd asked && echo *)"
+}
+
 # Works in a folder of its own; what does not change from run to run is compared: the table on the
 # console, the reports, the names of all files.
 step_pkgdb() {
@@ -136,6 +165,8 @@ step_pkgdb() {
   expect_failure 6 '[report] encoding is "latin-1", but should be utf-8 or utf-16' report
   printf '[report]\nencoding = utf-16\n' > $out/pkgdb.ini
   expect_failure 6 'encoding stays "utf-16"' set report encoding utf-8
+
+  check_queries
 
   local bad
   printf '[input]\nfile = bad\n' > $out/pkgdb.ini
