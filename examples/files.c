@@ -17,7 +17,7 @@ static int change(PSP_FH file) {
   }
   Record second = {2, 25};
   if (psp_fileSeekWrite(file, kSize, &second, sizeof second) != kSize) return 1;
-  errno = 0; /* psp_fileSync tells a failure by the platform's error code alone */
+  errno = 0; /* a failed sync is told by the error code alone; on Windows SetLastError(0) */
   psp_fileSync(file);
   if (psp_errno() != 0) return 1;
 

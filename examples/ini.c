@@ -5,15 +5,12 @@
 
 static const char kFile[] = "server.ini";
 
-/* No blank stands before the "=": a lookup would drop it, but psp_iniSet would not find the name.
- */
-static int write_first_settings(void) {
+/* Lookups drop a blank before the "="; psp_iniSet would not find the name that it follows. */
+static psp_status write_first_settings(void) {
   psp_stream *out = psp_fopen(kFile, "w", 1);
-  if (out == NULL) return 1;
-  int failed = psp_fputs("; settings\n[server]\nport=4000\nname=main\n", out) < 0;
-  failed |= psp_fflush(out) != 0;
-  psp_fclose(out);
-  return failed;
+  int32_t written = psp_fputs("; settings\n[server]\nport=4000\nname=main\n", out);
+  psp_fclose(out); /* a null stream fails above and does nothing here */
+  return written < 0 ? PSP_ERR_NOFILE : PSP_OKAY;
 }
 
 /* A setting that is missing keeps the default. */
@@ -36,7 +33,7 @@ static psp_status show_keys(void) {
 
 int main(void) {
   if (psp_init() != PSP_OKAY) return 1;
-  psp_status status = write_first_settings() == 0 ? PSP_OKAY : PSP_ERR_NOFILE;
+  psp_status status = write_first_settings();
   if (status == PSP_OKAY) {
     psp_printf("port %d, limit %d\n", number("port", 80), number("limit", 16));
     status = psp_iniSet(kFile, "server", "port", "4001");

@@ -9,53 +9,43 @@ typedef struct {
   int64_t result;
 } Calculation;
 
+/* Numbers have one digit. */
 static int32_t next_token(void *context, void *value) {
   Calculation *calculation = context;
   while (*calculation->rest == ' ') ++calculation->rest;
   char c = *calculation->rest;
   if (c == 0) return 0; /* the end of the input */
-  if (c < '0' || c > '9') {
-    ++calculation->rest;
-    return c == '+'   ? CALCULATOR_TOKEN_PLUS
-           : c == '*' ? CALCULATOR_TOKEN_TIMES
-                      : INT16_MAX; /* a token that fits nowhere */
-  }
-  int64_t number = 0;
-  for (; (c = *calculation->rest) >= '0' && c <= '9'; ++calculation->rest) {
-    if (number > 100000) return INT16_MAX;
-    number = 10 * number + (c - '0');
-  }
-  *(int64_t *)value = number;
+  ++calculation->rest;
+  if (c == '+') return CALCULATOR_TOKEN_PLUS;
+  if (c == '*') return CALCULATOR_TOKEN_TIMES;
+  if (c < '0' || c > '9') return INT16_MAX; /* a token that fits nowhere */
+  *(int64_t *)value = c - '0';
   return CALCULATOR_TOKEN_NUMBER;
 }
 
-/* Of "left + right" the operands' values lie at last[-2] and last[0]. */
+/* Of "left + right" the values lie at last[-2] and last[0]. A number keeps its own. */
 static int16_t reduce(void *context, void *last, int16_t rule, void *result) {
-  int64_t *value = last, *sum = result;
-  if (rule == CALCULATOR_RULE_ADD) *sum = value[-2] + value[0];
-  if (rule == CALCULATOR_RULE_MULTIPLY) *sum = value[-2] * value[0];
-  ((Calculation *)context)->result = *sum;
+  int64_t *value = last, *own = result;
+  if (rule == CALCULATOR_RULE_ADD) *own = value[-2] + value[0];
+  if (rule == CALCULATOR_RULE_MULTIPLY) *own = value[-2] * value[0];
+  ((Calculation *)context)->result = *own;
   return 0;
 }
 
 static void calculate(const char *text) {
   Calculation calculation = {text, 0};
-  psp_yyContext parse = {.valueSize = sizeof(int64_t),
-                         .context = &calculation,
-                         .tables = &calculator_tables,
-                         .lexer = next_token,
-                         .action = reduce};
+  psp_yyContext parse = {
+      sizeof(int64_t), &calculation, &calculator_tables, next_token, reduce, NULL, NULL};
   if (psp_yyparse(&parse) == 0) {
     psp_printf("%s = %lld\n", text, calculation.result);
-  } else {
-    psp_printf("%s: an error at \"%s\"\n", text, calculation.rest);
+  } else { /* a syntax error, or no memory */
+    psp_printf("%s: cannot go on at \"%s\"\n", text, calculation.rest);
   }
 }
 
 int main(void) {
   if (psp_init() != PSP_OKAY) return 1;
   calculate("2 + 3 * 4");
-  calculate("10 * 10 * 10 + 1");
   calculate("2 + * 3");
   psp_term();
   return 0;

@@ -1,6 +1,5 @@
 /* Message queues: a worker takes jobs from one queue and answers in another. Messages come in the
- * order in which they were written. Whoever has read the worker's last one may delete the queues.
- */
+ * order in which they were written. Once the worker's last one is read, the queues may go. */
 #include <psp.h>
 
 enum { kSquare = 1, kQuit = 2 }; /* types of messages */

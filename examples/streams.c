@@ -1,5 +1,6 @@
 /* Text streams: a UTF-16 file with a byte-order mark, written and read in UTF-8, lines of any
  * length. In the file a line ends with carriage return and line feed, in the program with "\n". */
+#include <errno.h>
 #include <psp.h>
 #include <string.h>
 
@@ -11,7 +12,8 @@ static int write_names(const char *file) {
                         "Ren\xC3\xA9"
                         "e",
                         1961) < 0;
-  failed |= psp_fflush(out) != 0;
+  errno = 0; /* what the disk did not take is told by the error code alone */
+  failed |= psp_fflush(out) != 0 || psp_errno() != 0;
   psp_fclose(out);
   return failed;
 }

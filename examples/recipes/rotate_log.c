@@ -4,30 +4,20 @@
 #include <psp.h>
 #include <string.h>
 
-enum { kKept = 2, kLimit = 100 };
-static const char kLog[] = "server.log";
+static const char *const kLogs[] = {"server.log", "server.log.1", "server.log.2"};
+enum { kCount = 3, kLimit = 100 /* bytes */ };
 
-static char *old_log(int age) {
-  return age == 0 ? psp_strdup(kLog, NULL) : psp_makeString("%s.%d", kLog, age);
-}
-
-/* No other thread may log meanwhile: a server does it where it has none at work, or under the lock
- * that all its messages take. After a failure the log stays as it is and messages go to the console
- * alone. */
+/* No other thread may log meanwhile, and the library itself logs when memory is short: a server
+ * rotates where none of its threads is at work. After a failure the old logs are kept and messages
+ * go to the console alone. */
 static psp_status rotate(void) {
   psp_log_close(); /* lets go of the file */
-  psp_status status = PSP_OKAY;
-  for (int age = kKept; age > 0 && status == PSP_OKAY; --age) {
-    char *from = old_log(age - 1), *to = old_log(age);
-    if (from == NULL || to == NULL) {
-      status = PSP_NOMEMORY;
-    } else if (psp_fileValidate(from)) {
-      status = psp_fileMove(from, to); /* replaces the older one */
-    }
-    psp_freeMem(from, NULL);
-    psp_freeMem(to, NULL);
+  for (int age = kCount - 1; age > 0; --age) {
+    if (!psp_fileValidate(kLogs[age - 1])) continue;
+    psp_status status = psp_fileMove(kLogs[age - 1], kLogs[age]); /* replaces what is there */
+    if (status != PSP_OKAY) return status;
   }
-  return status == PSP_OKAY ? psp_log_open(kLog) : status;
+  return psp_log_open(kLogs[0]);
 }
 
 int main(void) {
@@ -35,16 +25,13 @@ int main(void) {
   psp_status status = rotate();
   for (int request = 1; request <= 8 && status == PSP_OKAY; ++request) {
     psp_log("request %d done\n", request);
-    if (psp_fileLengthStat(kLog, 0) >= kLimit) status = rotate();
+    if (psp_fileLengthStat(kLogs[0], 0) >= kLimit) status = rotate();
   }
+  if (status != PSP_OKAY) psp_log_err("log: %s\n", strerror((int)psp_errno()));
   psp_log_close();
-  for (int age = 0; age <= kKept && status == PSP_OKAY; ++age) {
-    char *name = old_log(age);
-    if (name == NULL) status = PSP_NOMEMORY;
-    if (name != NULL) psp_printf("%s: %lld bytes\n", name, psp_fileLengthStat(name, 0));
-    psp_freeMem(name, NULL);
+  for (int age = 0; age < kCount; ++age) {
+    psp_printf("%s: %lld bytes\n", kLogs[age], psp_fileLengthStat(kLogs[age], 0));
   }
-  if (status != PSP_OKAY) psp_log_err("%s: %s\n", kLog, strerror((int)psp_errno()));
   psp_term();
   return status == PSP_OKAY ? 0 : 1;
 }

@@ -2,19 +2,20 @@
  * The tag is armed: where memory is short, control comes back to the one place that handles it, and
  * the code between checks no allocation. */
 #include <psp.h>
+#include <string.h>
 
 typedef struct {
   const char *user;
-  size_t rows;
+  size_t size;
 } Request;
 
 /* None of these allocations gives null. The jump leaves functions in the middle, though: nothing
  * that wants more than its tag's release (a file, a lock) may be open across an allocation. */
 static void answer(const Request *request, psp_tag *tag) {
-  char *title = psp_makeStr(tag, "%zu rows for %s", request->rows, request->user);
-  int64_t *rows = psp_allocZero(request->rows * sizeof *rows, tag);
-  for (size_t row = 0; row < request->rows; ++row) rows[row] = (int64_t)row;
-  psp_printf("%s, the last is %lld\n", title, rows[request->rows - 1]);
+  char *title = psp_makeStr(tag, "%zu bytes for %s", request->size, request->user);
+  char *page = psp_alloc(request->size, tag);
+  memset(page, '.', request->size);
+  psp_printf("%s: %.3s\n", title, page);
 }
 
 static psp_status handle(const Request *request) {
@@ -36,7 +37,7 @@ static psp_status handle(const Request *request) {
 
 int main(void) {
   if (psp_init() != PSP_OKAY) return 1;
-  const Request requests[] = {{"ann", 10}, {"ben", SIZE_MAX / 16}, {"cleo", 20}};
+  const Request requests[] = {{"ann", 10}, {"ben", SIZE_MAX / 2}, {"cleo", 20}};
   int failed = 0;
   for (int i = 0; i < 3; ++i) failed += handle(&requests[i]) != PSP_OKAY;
   psp_printf("requests that failed: %d\n", failed);

@@ -30,22 +30,21 @@ static psp_status task_wait(Task *task, uint32_t milliseconds) {
   return status;
 }
 
-static void wait_for_permission(void *permission) { psp_syncWait(permission, PSP_NO_LIMIT); }
+static void wait_for_gate(void *gate) { psp_syncWait(gate, PSP_NO_LIMIT); }
 
 int main(void) {
   if (psp_init() != PSP_OKAY) return 1;
-  psp_sync permission = psp_syncCreate(PSP_SYNC_EVENT);
-  psp_syncStart(permission);
+  psp_sync gate = psp_syncCreate(PSP_SYNC_EVENT);
+  psp_syncStart(gate);
   Task task;
-  int result =
-      permission == PSP_SYNC_NONE || task_begin(&task, wait_for_permission, permission) != PSP_OKAY;
-  if (result == 0) {
+  int failed = gate == PSP_SYNC_NONE || task_begin(&task, wait_for_gate, gate) != PSP_OKAY;
+  if (!failed) {
     psp_printf("at work: %d\n", task_wait(&task, 20) == PSP_TIMEOUT);
-    psp_syncResume(permission);
+    psp_syncResume(gate);
     while (task_wait(&task, PSP_NO_LIMIT) != PSP_OKAY) psp_sleep(1);
     psp_printf("over\n");
   }
-  psp_syncDelete(permission);
+  psp_syncDelete(gate);
   psp_term();
-  return result;
+  return failed;
 }
