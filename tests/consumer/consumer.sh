@@ -66,6 +66,22 @@ step_readme() {
     fail "README.md does not show tests/consumer/hello.c as it is"
 }
 
+# Each example works in a folder of its own; what it writes beside the output is not looked at.
+step_examples() {
+  local source name found=0 run=$PWD/consumer/examples
+  rm -rf consumer/examples
+  cd "$source_dir/examples"  # the name of the source is a part of one output
+  for source in *.c recipes/*.c; do
+    name=$(basename "$source" .c)
+    mkdir -p "$run/$name"
+    compile_c "$run/$name/program" "$source"
+    (cd "$run/$name" && output_of ./program) | diff "${source%.c}.out" - || fail "$source failed"
+    grep -q "(${source//./\\.})" README.md || fail "examples/README.md does not list $source"
+    found=$((found + 1))
+  done
+  expect "expected outputs" "$found" "$(find . -name '*.out' | wc -l)"
+}
+
 expect_failure() {  # expect_failure STATUS MESSAGE ARGUMENT...
   local status=0 expected=$1 message=$2 found
   shift 2
