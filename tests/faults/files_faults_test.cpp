@@ -39,13 +39,14 @@ FAULT_TEST(FileFaults, FailedOpenLeavesTheFileAlone) {
       [] { return psp_fileOpenW(wide, PSP_OPEN_READ, 0); },
   };
   for (const auto &open : opens) {
-    Scenario scenario{.sweeps = kAllocations | kCalls, .codes = {EIO, EACCES, EMFILE, ENOSPC}};
+    Scenario scenario{.sweeps = kAllocations | kCalls | kSystem,
+                      .codes = {EIO, EACCES, EMFILE, ENOSPC}};
     if (&open == &opens[3]) scenario.sweeps |= kJumps;  // the name is made in the default tag
     scenario.prepare = [] { put_file(path(), kOldData); };
     scenario.act = [&open] { return (file = open()) != nullptr; };
     scenario.judge = [](const Run &run) {
       EXPECT_TRUE(run.worked || get_file(path()) == kOldData);
-      EXPECT_TRUE(run.worked || run.error == (run.fault.error != 0 ? run.fault.error : ENOMEM));
+      EXPECT_TRUE(run.worked || run.error == expected_error(run));
     };
     scenario.clean = close_file;
     sweep(scenario);
@@ -89,13 +90,14 @@ void sweep_operation(const Operation &operation, unsigned sweeps) {
   };
   scenario.act = [&] { return (result = operation.call()) == operation.good; };
   scenario.judge = [&](const Run &run) {
-    const bool partly = run.fault.kind == Kind::kShortTransfer;
+    const bool partly =
+        run.fault.kind == Kind::kShortTransfer || run.fault.kind == Kind::kSystemShort;
     EXPECT_TRUE(run.worked || result == operation.bad || (partly && result > 0)) << result;
     const bool told = *operation.message != '\0' && result == operation.bad;
-    const std::string message = operation.message + std::to_string(run.fault.error);
+    const std::string message = operation.message + std::to_string(expected_error(run));
     EXPECT_EQ(run.output.find(message) != std::string::npos, told) << run.output;
     EXPECT_TRUE(told || run.output.empty()) << run.output;
-    EXPECT_TRUE(run.worked || partly || run.error == run.fault.error) << run.error;
+    EXPECT_TRUE(run.worked || partly || run.error == expected_error(run)) << run.error;
     // Beyond the reach of the transfers the old data stands, and behind them nothing but zeros.
     const std::string content = get_file(path());
     EXPECT_GE(content.size(), 25'000u);
@@ -114,9 +116,9 @@ void sweep_operation(const Operation &operation, unsigned sweeps) {
 
 FAULT_TEST(FileFaults, OperationGivesItsFailureAndTheHandleStaysUsable) {
   for (const Operation *operation : {&kRead, &kWrite, &kReadAt, &kWriteAt, &kGrow}) {
-    sweep_operation(*operation, kCalls | kShorts);
+    sweep_operation(*operation, kCalls | kShorts | kSystem);
   }
-  for (const Operation &operation : kOthers) sweep_operation(operation, kCalls);
+  for (const Operation &operation : kOthers) sweep_operation(operation, kCalls | kSystem);
 }
 
 FAULT_TEST(FileFaults, ConditionsOfPositionalTransfers) {

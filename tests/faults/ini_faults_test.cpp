@@ -18,7 +18,8 @@ FAULT_TEST(IniFaults, FileIsOldOrNewAndAFailedReadIsNoAnswer) {
   static const char *const path = scratch_path("a.ini");
   static const std::u16string wide_path(path, path + strlen(path));
   static psp_status found;
-  Scenario scenario{.sweeps = kAllocations | kJumps | kCalls | kShorts, .codes = kCommonCodes};
+  Scenario scenario{.sweeps = kAllocations | kJumps | kCalls | kShorts | kSystem,
+                    .codes = kCommonCodes};
   scenario.act = [] {
     put_file(path, old_file);
     psp_wchar text[10];

@@ -39,12 +39,12 @@ FAULT_TEST(StreamFaults, FailedOpenLeavesTheFileAlone) {
       [] { return psp_fopen_std("stdin"); },
   };
   for (const auto &open : opens) {
-    Scenario scenario{.sweeps = kAllocations | kJumps | kCalls, .codes = {EIO, EMFILE}};
+    Scenario scenario{.sweeps = kAllocations | kJumps | kCalls | kSystem, .codes = {EIO, EMFILE}};
     scenario.prepare = [] { put_file(path(), encoded("old", 2)); };
     scenario.act = [&open] { return (stream = open()) != nullptr; };
     scenario.judge = [](const Run &run) {
       EXPECT_TRUE(run.worked || get_file(path()) == encoded("old", 2));
-      EXPECT_TRUE(run.worked || run.error == (run.fault.error != 0 ? run.fault.error : ENOMEM));
+      EXPECT_TRUE(run.worked || run.error == expected_error(run));
     };
     scenario.clean = close_stream;
     sweep(scenario);
@@ -52,7 +52,7 @@ FAULT_TEST(StreamFaults, FailedOpenLeavesTheFileAlone) {
 }
 
 FAULT_TEST(StreamFaults, AppendingNeverOverwritesWhatIsThere) {
-  Scenario scenario{.sweeps = kAllocations | kCalls | kShorts};
+  Scenario scenario{.sweeps = kAllocations | kCalls | kShorts | kSystem};
   scenario.act = [] {
     put_file(path(), "old");
     stream = psp_fopen(path(), "a", 1);
@@ -69,7 +69,7 @@ FAULT_TEST(StreamFaults, LineIsNullOrItsBeginningOrWhole) {
   static char *line, *got;
   static uint32_t size;
   for (const uint32_t width : {1, 2}) {
-    Scenario scenario{.sweeps = kAllocations | kJumps | kCalls | kShorts};
+    Scenario scenario{.sweeps = kAllocations | kJumps | kCalls | kShorts | kSystem};
     scenario.prepare = [width] { put_file(path(), encoded(kLine, width)); };
     scenario.act = [] {
       line = got = nullptr;
@@ -94,7 +94,7 @@ FAULT_TEST(StreamFaults, LineIsNullOrItsBeginningOrWhole) {
 FAULT_TEST(StreamFaults, AcceptedCharactersOutliveAFailedWrite) {
   static std::string accepted;
   for (const uint32_t width : {1, 2}) {
-    Scenario scenario{.sweeps = kCalls | kShorts, .codes = {ENOSPC, EIO}};
+    Scenario scenario{.sweeps = kCalls | kShorts | kSystem, .codes = {ENOSPC, EIO}};
     scenario.prepare = [width] {
       accepted.clear();
       stream = psp_fopen(path(), "w", width);
@@ -153,7 +153,7 @@ void empty_files() {
 FAULT_TEST(ChannelFaults, FailedPushLeavesTheChannelAsItWas) {
   static const char *const kFolder = scratch_path("");
   static psp_status status;
-  Scenario scenario{.sweeps = kAllocations | kJumps | kCalls};
+  Scenario scenario{.sweeps = kAllocations | kJumps | kCalls | kSystem};
   scenario.prepare = [] { EXPECT_EQ(psp_log_open(scratch_path("log")), PSP_OKAY); };
   scenario.act = [] { return (status = psp_log_create(kFolder, "second")) == PSP_OKAY; };
   scenario.judge = [](const Run &run) {
@@ -169,7 +169,7 @@ FAULT_TEST(ChannelFaults, FailedPushLeavesTheChannelAsItWas) {
 }
 
 FAULT_TEST(ChannelFaults, FailingOutputKeepsTheMessageAndLeavesTheOtherItsOwn) {
-  Scenario scenario{.sweeps = kCalls | kShorts, .codes = {ENOSPC, EIO}};
+  Scenario scenario{.sweeps = kCalls | kShorts | kSystem, .codes = {ENOSPC, EIO}};
   scenario.prepare = push_files;
   scenario.act = [] { return psp_log("message %d\n", 1) == 10; };
   scenario.judge = [](const Run &run) {
@@ -183,7 +183,7 @@ FAULT_TEST(ChannelFaults, FailingOutputKeepsTheMessageAndLeavesTheOtherItsOwn) {
 
 // What a standard channel has taken cannot be taken back.
 FAULT_TEST(ChannelFaults, StandardOutputGetsEveryByteOnce) {
-  Scenario scenario{.sweeps = kCalls | kShorts};
+  Scenario scenario{.sweeps = kCalls | kShorts | kSystem};
   scenario.act = [] { return psp_log("message %d\n", 1) == 10; };
   scenario.judge = [](const Run &run) {
     EXPECT_TRUE(run.output.ends_with("message 1\r\n")) << run.output;

@@ -19,11 +19,11 @@ struct Operation {
 };
 
 const Operation kOperations[] = {
-    {kAllocations | kJumps | kCalls | kShorts,
+    {kAllocations | kJumps | kCalls | kShorts | kSystem,
      [] { return psp_fileCopy(from, to) == PSP_OKAY && psp_fileCmp(from, to) == PSP_OKAY; }, &to},
-    {kCalls, [] { return psp_fileMove(from, to) == PSP_OKAY; }, &to},
-    {kCalls, [] { return psp::files::replace_file(from, to, 0) == PSP_OKAY; }, &to},
-    {kAllocations | kJumps | kCalls,
+    {kCalls | kSystem, [] { return psp_fileMove(from, to) == PSP_OKAY; }, &to},
+    {kCalls | kSystem, [] { return psp::files::replace_file(from, to, 0) == PSP_OKAY; }, &to},
+    {kAllocations | kJumps | kCalls | kSystem,
      [] { return psp_dirMove(scratch_path("d"), scratch_path("e")) == PSP_OKAY; }, &moved}};
 
 FAULT_TEST(WholeFileFaults, FailureLosesNothingAndSuccessIsOne) {

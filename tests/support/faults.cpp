@@ -26,13 +26,14 @@ namespace {
 
 thread_local Fault armed;
 thread_local Counters counters;
+thread_local bool in_platform;
 std::atomic<int> live_blocks{0};
 std::atomic<int> live_regions{0};
 std::atomic<uint32_t> process_calls[kFunctions];
 
 struct Report {
   const char *running = "";      // the test that runs
-  uint32_t of_kind[4] = {};      // faults that it met, by kind
+  uint32_t of_kind[6] = {};      // faults that it met, by kind
   bool failed[kFallible] = {};   // functions that failed in any test
   std::set<std::string> places;  // FILE:LINE of the messages that memory is out
 };
@@ -107,6 +108,22 @@ bool shortens(Os function, uint32_t count) {
 }
 
 void note_pages(int change) { live_regions += change; }
+
+InPlatform::InPlatform() : before(in_platform) { in_platform = true; }
+InPlatform::~InPlatform() { in_platform = before; }
+
+bool system_call_fails() {
+  if (!in_platform || armed.kind != Kind::kSystemCall || !is_due(++counters.system_calls)) {
+    return false;
+  }
+  errno = static_cast<int>(armed.error);
+  return true;
+}
+
+size_t system_count(size_t count) {
+  if (!in_platform || armed.kind != Kind::kSystemShort || count < 2) return count;
+  return is_due(++counters.system_transfers) ? count / 2 : count;
+}
 
 }  // namespace psp::faults
 
@@ -280,6 +297,7 @@ void sweep_kind(const Scenario &scenario, Fault fault, bool jumps) {
   uint32_t met = 0;
   uint32_t jumped = 0;
   for (const uint32_t times : {1u, kFromThereOn}) {
+    if (fault.error == EINTR && fault.kind == Kind::kSystemCall && times != 1) break;  // tried on
     fault.times = times;
     for (fault.nth = 1;; ++fault.nth) {
       const uint32_t faults = run_once(scenario, fault, jumps, &jumped);
@@ -299,10 +317,17 @@ void sweep(const Scenario &scenario) {
   if ((scenario.sweeps & kAllocations) != 0) sweep_kind(scenario, allocation, false);
   if ((scenario.sweeps & kJumps) != 0) sweep_kind(scenario, allocation, true);
   if ((scenario.sweeps & kShorts) != 0) sweep_kind(scenario, {.kind = Kind::kShortTransfer}, false);
-  if ((scenario.sweeps & kCalls) == 0) return;
-  for (const os::Error code : scenario.codes) {
-    sweep_kind(scenario, {.kind = Kind::kCall, .error = code}, false);
+  if ((scenario.sweeps & kCalls) != 0) {
+    for (const os::Error code : scenario.codes) {
+      sweep_kind(scenario, {.kind = Kind::kCall, .error = code}, false);
+    }
   }
+  // The linker wraps the names that the C library's functions have where off_t is wide anyway.
+  if ((scenario.sweeps & kSystem) == 0 || sizeof(void *) == 4) return;
+  for (const os::Error code : scenario.system_codes) {
+    sweep_kind(scenario, {.kind = Kind::kSystemCall, .error = code}, false);
+  }
+  if ((scenario.sweeps & kShorts) != 0) sweep_kind(scenario, {.kind = Kind::kSystemShort}, false);
 }
 
 // ---- Tests --------------------------------------------------------------------------------------
@@ -379,11 +404,12 @@ void FaultTest::run() const {
 }
 
 std::vector<std::string> run_all_and_list_unfailed(const char *sources) {
-  std::printf("%12s %8s %8s  failed in\n", "allocations", "calls", "shorts");
+  std::printf("%12s %8s %8s %8s %8s  failed in\n", "allocations", "calls", "shorts", "system",
+              "shorts");
   for (const FaultTest *test : all_tests()) {
     test->run();
     const auto &met = report.of_kind;
-    std::printf("%12u %8u %8u  %s\n", met[1], met[2], met[3], test->name);
+    std::printf("%12u %8u %8u %8u %8u  %s\n", met[1], met[2], met[3], met[4], met[5], test->name);
   }
   std::vector<std::string> unfailed;
 #define PSP_LIST(name, ...) \

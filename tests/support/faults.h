@@ -26,7 +26,7 @@ inline constexpr int kFallible = static_cast<int>(Os::last_error);  // the other
 
 // ---- Single faults ------------------------------------------------------------------------------
 
-enum class Kind { kNone, kAllocation, kCall, kShortTransfer };
+enum class Kind { kNone, kAllocation, kCall, kShortTransfer, kSystemCall, kSystemShort };
 
 inline constexpr uint32_t kFromThereOn = UINT32_MAX;
 
@@ -43,6 +43,8 @@ struct Counters {
   uint32_t faults = 0;
   uint32_t allocations = 0;
   uint32_t transfers = 0;  // that could have been short
+  uint32_t system_calls = 0;
+  uint32_t system_transfers = 0;
   uint32_t calls[kFunctions] = {};
   uint32_t failed_calls[kFallible] = {};
 };
@@ -61,6 +63,7 @@ enum Sweeps : unsigned {
   kJumps = 2,        // the same in an armed tag: control must come back by the jump
   kCalls = 4,        // each call of the platform fails
   kShorts = 8,       // each file transfer moves half of what it should
+  kSystem = 16,      // kCalls, and kShorts if chosen, for what the layer calls of the C library
 };
 
 // One run, as its judge sees it.
@@ -74,6 +77,15 @@ struct Run {
 
 // What a broken or full disk, missing rights, a signal and a missing file bring about.
 inline const std::vector<os::Error> kCommonCodes = {EIO, ENOSPC, EACCES, EINTR, ENOENT};
+// What calls of the C library fail with in a sweep: for some the layer has another way.
+inline const std::vector<os::Error> kSystemCodes = {EINTR, EIO, EACCES, EINVAL, ENOENT, EEXIST};
+
+// The error that a failed act should leave. A call of the platform may tell a failure of the C
+// library's in a code of its own.
+inline os::Error expected_error(const Run &run) {
+  if (run.fault.kind == Kind::kSystemCall && run.error != 0) return run.error;
+  return run.fault.error != 0 ? run.fault.error : ENOMEM;
+}
 
 struct Scenario {
   unsigned sweeps = kAllocations;
@@ -85,10 +97,11 @@ struct Scenario {
   std::function<void()> clean = [] {};   // gives back what act left
   std::function<void()> finish = [] {};  // undoes prepare
   std::vector<os::Error> codes = {5};    // with which calls fail
-  psp_tag **armed_tag = nullptr;         // for kJumps; null: the default tag
-  int kept_blocks = 0;                   // that act may leave until the library stops
-  bool keeps_any_blocks = false;         // as many as it likes
-  bool started = true;                   // the library is started around the run
+  std::vector<os::Error> system_codes = kSystemCodes;
+  psp_tag **armed_tag = nullptr;  // for kJumps; null: the default tag
+  int kept_blocks = 0;            // that act may leave until the library stops
+  bool keeps_any_blocks = false;  // as many as it likes
+  bool started = true;            // the library is started around the run
 };
 
 // Runs the scenario with fault 1, 2, 3 ... until a run meets none, each as one failure and as one
@@ -130,5 +143,17 @@ void count_call(Os function);
 bool fails(Os function, os::Error *error);   // the call fails, with this error
 bool shortens(Os function, uint32_t count);  // the transfer moves half
 void note_pages(int change);                 // reserved (1) or released (-1)
+
+// Marks the time that the thread spends in the platform layer.
+struct InPlatform {
+  InPlatform();
+  ~InPlatform();
+  const bool before;
+};
+
+// ---- What system_calls.cpp asks at each call ----------------------------------------------------
+
+bool system_call_fails();           // it fails, with errno set
+size_t system_count(size_t count);  // bytes that a transfer may move
 
 }  // namespace psp::faults

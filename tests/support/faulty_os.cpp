@@ -40,6 +40,7 @@ Result call(Result (*)(Parameters...), std::type_identity_t<Parameters>... argum
       return failure<Result>(error);
     }
   }
+  const InPlatform inside;
   if constexpr (kFunction == Os::reserve_pages) {
     Result pages = real(arguments...);
     if (pages != nullptr) note_pages(1);
