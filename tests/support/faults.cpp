@@ -17,7 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <future>
+#include <semaphore>
 #include <set>
 #include <thread>
 
@@ -194,25 +194,29 @@ Held held() {
   return {live_blocks, live_regions, static_cast<int>(std::distance(begin(descriptors), {}))};
 }
 
-// Another thread passes through every lock of the library. There is no way on from a lock that is
-// still held.
+// Another thread, which lasts for the process, passes through every lock of the library. There is
+// no way on from a lock that is still held.
 void expect_locks_free() {
-  std::promise<void> passed;
-  std::thread other([&] {
-    psp_enterCritSec();
-    psp_exitCritSec();
-    psp_freeMem(psp_alloc(1, nullptr), nullptr);
-    psp_freeTagMemory(psp_createTag(PSP_TAG_THREADSAFE), 1);
-    psp_fileClose(psp_fileOpen("/nonexistent", PSP_OPEN_READ, 0));
-    psp_queueDelete(psp_queueCreate(""));  // nothing where the module is not started
-    psp_log_flush();
-    passed.set_value();
-  });
-  if (passed.get_future().wait_for(std::chrono::seconds(30)) != std::future_status::ready) {
-    std::fprintf(stderr, "a lock of the library is still held\n");
-    std::abort();
-  }
-  other.join();
+  static std::binary_semaphore asked{0}, passed{0};
+  [[maybe_unused]] static const bool started = [] {
+    std::thread([] {
+      for (;; passed.release()) {
+        asked.acquire();
+        psp_enterCritSec();
+        psp_exitCritSec();
+        psp_freeMem(psp_alloc(1, nullptr), nullptr);
+        psp_freeTagMemory(psp_createTag(PSP_TAG_THREADSAFE), 1);
+        psp_fileClose(psp_fileOpen("/nonexistent", PSP_OPEN_READ, 0));
+        psp_queueDelete(psp_queueCreate(""));  // nothing where the module is not started
+        psp_log_flush();
+      }
+    }).detach();
+    return true;
+  }();
+  asked.release();
+  if (passed.try_acquire_for(std::chrono::seconds(30))) return;
+  std::fprintf(stderr, "a lock of the library is still held\n");
+  std::abort();
 }
 
 // Notes the places that ran out of memory. Whether one of them belongs to a tag that is armed in

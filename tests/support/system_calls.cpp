@@ -11,8 +11,6 @@
 #include <sys/syscall.h>
 #include <unistd.h>
 
-#include <cstdarg>
-
 #include "support/faults.h"
 
 using psp::faults::system_call_fails;
@@ -88,32 +86,16 @@ int __wrap_close(int fd) {
   return -1;
 }
 
-// Those with a parameter that may be missing; it is handed on as a word.
-#define PSP_WRAP_WITH_REST(name, result, parameters, last, ...) \
-  result __real_##name parameters;                              \
-  result __wrap_##name parameters {                             \
-    va_list rest;                                               \
-    va_start(rest, last);                                       \
-    const long word = va_arg(rest, long);                       \
-    va_end(rest);                                               \
-    if (system_call_fails()) return -1;                         \
-    return __real_##name(__VA_ARGS__, word);                    \
-  }
-PSP_WRAP_WITH_REST(open64, int, (const char *name, int flags, ...), flags, name, flags)
-PSP_WRAP_WITH_REST(openat64, int, (int at, const char *name, int flags, ...), flags, at, name,
-                   flags)
-PSP_WRAP_WITH_REST(fcntl64, int, (int fd, int command, ...), command, fd, command)
-PSP_WRAP_WITH_REST(ioctl, int, (int fd, unsigned long request, ...), request, fd, request)
+// Those whose last parameters may be missing: as words, which the caller's convention leaves where
+// they are looked for. Of the calls by number only the rename can fail here.
+PSP_WRAP(open64, -1, int, (const char *name, int flags, long mode), name, flags, mode)
+PSP_WRAP(openat64, -1, int, (int at, const char *name, int flags, long mode), at, name, flags, mode)
+PSP_WRAP(fcntl64, -1, int, (int fd, int command, long word), fd, command, word)
+PSP_WRAP(ioctl, -1, int, (int fd, unsigned long request, long word), fd, request, word)
 
-// Of the calls by number only the rename can fail here.
-long __real_syscall(long number, ...);
-long __wrap_syscall(long number, ...) {
-  va_list rest;
-  va_start(rest, number);
-  long words[6];
-  for (long &word : words) word = va_arg(rest, long);
-  va_end(rest);
+long __real_syscall(long number, long, long, long, long, long, long);
+long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f) {
   if (number == SYS_renameat2 && system_call_fails()) return -1;
-  return __real_syscall(number, words[0], words[1], words[2], words[3], words[4], words[5]);
+  return __real_syscall(number, a, b, c, d, e, f);
 }
 }
