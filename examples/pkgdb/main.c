@@ -42,6 +42,12 @@ void log_step(const char *what, uint64_t start) {
   psp_log("%-34s %8.1f ms\n", what, (double)(psp_timeNanoSecs() - start) / 1e6);
 }
 
+void make_one_line(char *text) {
+  for (; *text != '\0'; ++text) {
+    if ((unsigned char)*text < ' ' || *text == '\x7f') *text = ' ';
+  }
+}
+
 int file_failed(const char *path, const char *what, int status) {
   psp_log_err("%s: %s: %s\n", path, what, strerror((int)psp_errno()));
   return status;

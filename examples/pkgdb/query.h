@@ -23,8 +23,8 @@ typedef struct {
   uint32_t limit; /* of the packages told */
 } Query;
 
-/* Reads the text; what the query refers to is in the tag. A failure's message says where and why,
- * "LINE:COLUMN: ...". */
+/* Reads the text; what the query refers to is in the tag. A message says what is wrong with it and
+ * where, "query:LINE:COLUMN: ..."; after a failure without one memory was short. */
 int parse_query(Query *query, const char *text, psp_tag *tag, char *message, uint32_t size);
 
 #endif

@@ -10,6 +10,7 @@
 #include "query_tables.h"
 
 enum { kEnd = 0, kNoToken = 3 }; /* kNoToken fits no rule */
+enum { kMostShownBytes = 40 };
 
 /* What the engine moves around for each symbol. */
 typedef struct {
@@ -22,12 +23,14 @@ typedef struct {
   const Condition *condition;
 } Value;
 
+/* One parse. */
 typedef struct {
   const char *next;
   uint32_t line, column; /* of the next character */
   uint32_t token_line, token_column;
   const char *token; /* the latest one, for a message */
   size_t token_length;
+  int is_memory_short;
   psp_tag *tag;
   Query *query;
   char *message;
@@ -48,14 +51,24 @@ static const struct {
 
 /* ---- Messages -------------------------------------------------------------------------------- */
 
-/* Only the first counts: what follows may be its consequence. */
+/* Only the first counts: what follows may be its consequence, as it is when memory is short. */
 static void complain(Parse *parse, uint32_t line, uint32_t column, const char *format, ...) {
   va_list arguments;
-  if (parse->message[0] != '\0') return;
-  int32_t head = psp_snprintf(parse->message, parse->message_bytes, "%u:%u: ", line, column);
+  if (parse->message[0] != '\0' || parse->is_memory_short) return;
+  int32_t head = psp_snprintf(parse->message, parse->message_bytes, "query:%u:%u: ", line, column);
   va_start(arguments, format);
   psp_vsnprintf(parse->message + head, parse->message_bytes - (uint32_t)head, format, arguments);
   va_end(arguments);
+  make_one_line(parse->message);
+}
+
+static int goes_on(char c) { return ((unsigned char)c & 0xC0) == 0x80; } /* a UTF-8 character */
+
+/* How many bytes of a text a message shows: not too many, and none but whole characters. */
+static int shown(const char *text, size_t length) {
+  if (length <= kMostShownBytes) return (int)length;
+  for (length = kMostShownBytes; length > 0 && goes_on(text[length]);) --length;
+  return (int)length;
 }
 
 static void on_syntax_error(void *context) {
@@ -64,13 +77,14 @@ static void on_syntax_error(void *context) {
     complain(parse, parse->token_line, parse->token_column, "the query ends too early");
   } else {
     complain(parse, parse->token_line, parse->token_column, "\"%.*s\" does not fit here",
-             (int)parse->token_length, parse->token);
+             shown(parse->token, parse->token_length), parse->token);
   }
 }
 
 /* ---- The lexer ------------------------------------------------------------------------------- */
 
-static int is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
+static char small(char c) { return c >= 'A' && c <= 'Z' ? (char)(c - 'A' + 'a') : c; }
+static int is_letter(char c) { return small(c) >= 'a' && small(c) <= 'z'; }
 static int is_digit(char c) { return c >= '0' && c <= '9'; }
 
 /* Steps over bytes; those that go on a UTF-8 character have no column of their own. */
@@ -79,14 +93,16 @@ static void step(Parse *parse, size_t count) {
     if (*parse->next == '\n') {
       ++parse->line;
       parse->column = 1;
-    } else if (((unsigned char)*parse->next & 0xC0) != 0x80) {
+    } else if (!goes_on(*parse->next)) {
       ++parse->column;
     }
   }
 }
 
 static const char *copy(Parse *parse, const char *text, size_t length) {
-  return psp_makeStr(parse->tag, "%.*s", (int)length, text);
+  const char *copied = psp_makeStr(parse->tag, "%.*s", (int)length, text);
+  if (copied == NULL) parse->is_memory_short = 1;
+  return copied;
 }
 
 static int take_string(Parse *parse, Value *value) {
@@ -112,20 +128,31 @@ static int take_number(Parse *parse, Value *value) {
   return QUERY_TOKEN_NUMBER;
 }
 
+/* Whether the text begins with the word, its letters small or capital. */
+static int begins_with(const char *text, const char *word) {
+  while (*word != '\0' && small(*text) == *word) ++text, ++word;
+  return *word == '\0';
+}
+
+static int take_no_token(Parse *parse) {
+  int length = 1;
+  while (length < 4 && goes_on(parse->next[length])) ++length;
+  complain(parse, parse->line, parse->column, "\"%.*s\" starts nothing that is known", length,
+           parse->next);
+  return kNoToken;
+}
+
 static int take_word(Parse *parse, Value *value) {
   size_t length = 0;
   while (is_letter(parse->next[length])) ++length;
   for (size_t i = 0; i < sizeof kWords / sizeof *kWords; ++i) {
     size_t bytes = strlen(kWords[i].text);
     if (length != 0 && bytes != length) continue;
-    if (strncmp(parse->next, kWords[i].text, bytes) != 0) continue;
+    if (!begins_with(parse->next, kWords[i].text)) continue;
     parse->token_length = bytes;
     return kWords[i].token;
   }
-  if (length == 0) {
-    complain(parse, parse->line, parse->column, "'%c' starts nothing that is known", *parse->next);
-    return kNoToken;
-  }
+  if (length == 0) return take_no_token(parse);
   parse->token_length = length;
   value->text = copy(parse, parse->next, length);
   return value->text != NULL ? QUERY_TOKEN_NAME : kNoToken;
@@ -152,12 +179,14 @@ static int32_t next_token(void *context, void *token_value) {
 
 static int16_t find_field(Parse *parse, const Value *name, Field *field) {
   for (int i = 0; i < kFieldCount; ++i) {
-    if (strcmp(name->text, kFieldNames[i]) != 0) continue;
+    if (strlen(name->text) != strlen(kFieldNames[i])) continue;
+    if (!begins_with(name->text, kFieldNames[i])) continue;
     *field = (Field)i;
     return 0;
   }
   complain(parse, name->line, name->column,
-           "\"%s\" is no field: name, version, section, summary or size", name->text);
+           "\"%.*s\" is no field: name, version, section, summary or size",
+           shown(name->text, strlen(name->text)), name->text);
   return kBadQuery;
 }
 
@@ -252,9 +281,6 @@ int parse_query(Query *query, const char *text, psp_tag *tag, char *message, uin
     complain(&parse, 1, 1, "a query has at most %d bytes", kMostQueryBytes);
     return kBadQuery;
   }
-  int16_t status = psp_yyparse(&context);
-  if (status == 0) return 0;
-  if (message[0] != '\0') return kBadQuery;
-  complain(&parse, parse.line, parse.column, "memory is short");
-  return kFailed;
+  if (psp_yyparse(&context) == 0) return 0;
+  return message[0] != '\0' ? kBadQuery : kFailed; /* without a message memory was short */
 }

@@ -8,7 +8,12 @@
 
 #include "pkgdb.h"
 
-enum { kPause = 200 }; /* milliseconds between two looks at the flag */
+/* In milliseconds. A client that does not take its answer must not use up the others' patience. */
+enum {
+  kPause = 200, /* between two looks at the flag */
+  kServerPatience = 1000,
+  kClientPatience = 5000
+};
 
 static const char kServiceName[] = "pkgdb";
 static const char kRequestPipe[] = "pkgdb.pipe";
@@ -29,22 +34,29 @@ typedef struct {
   const Settings *settings;
   char *input; /* the records' file */
   Catalog catalog;
-  int64_t read_time; /* when the records' file was changed that the catalog was made from */
+  int64_t changed; /* when the records' file was changed that the catalog was made from */
+  int64_t loaded;  /* when that was read */
   Pipe requests;
   psp_inputBuff *in;
   uint32_t answered;
 } Server;
 
 static int load(Server *server) {
-  server->read_time = psp_fileModTimeStat(server->input, 0);
+  int64_t changed = psp_fileModTimeStat(server->input, 0), loaded = psp_timeSecs();
   int result = load_catalog(&server->catalog, server->input);
-  if (result == 0) psp_log("%u packages read from %s\n", server->catalog.count, server->input);
-  return result;
+  if (result != 0) return result;
+  server->changed = changed;
+  server->loaded = loaded;
+  psp_log("%u packages read from %s\n", server->catalog.count, server->input);
+  return 0;
 }
 
-/* Reads the records again if their file has changed; a reading that fails leaves what was there. */
+/* Reads the records again if their file has changed; a reading that fails leaves what was there,
+ * and the next request tries again. A file changed in the very second in which it was read may have
+ * changed afterwards: its time cannot tell. */
 static void refresh(Server *server) {
-  if (psp_fileModTimeStat(server->input, 0) == server->read_time) return;
+  int64_t changed = psp_fileModTimeStat(server->input, 0);
+  if (changed == server->changed && changed != server->loaded) return;
   Catalog before = server->catalog;
   if (load(server) == 0) {
     end_catalog(&before);
@@ -57,7 +69,7 @@ static void refresh(Server *server) {
 static psp_status send_answer(Server *server, const Answer *answer, int32_t client, psp_tag *tag) {
   char *path = reply_path(server->settings->folder, client, tag);
   Pipe reply;
-  if (path == NULL || !open_for_writing(&reply, path)) return PSP_FAILED;
+  if (path == NULL || !open_for_writing(&reply, path, kServerPatience)) return PSP_FAILED;
   psp_outputBuff *out = NULL;
   psp_status status = psp_outputBuffCreate(write_pipe, &reply, 0, &out);
   if (status == PSP_OKAY) status = put_answer(out, answer);
@@ -67,42 +79,43 @@ static psp_status send_answer(Server *server, const Answer *answer, int32_t clie
 }
 
 /* Everything that a request needs goes with its tag, whatever happened. */
-static void serve_request(Server *server, const Request *request) {
+static void serve_request(Server *server, Request *request) {
   psp_tag *tag = psp_createTag(0);
   if (tag == PSP_TAG_FAILED) return;
   Answer answer;
   refresh(server);
   answer_query(request->query, &server->catalog, tag, &answer);
   psp_status status = send_answer(server, &answer, request->client, tag);
+  make_one_line(request->query);
   if (status == PSP_OKAY) {
     ++server->answered;
     psp_log("%d asked: %s: %u packages%s%s\n", request->client, request->query, answer.count,
             answer.result != 0 ? ", " : "", answer.message);
   } else {
-    psp_log_err("%d asked, and is not there for the answer\n", request->client);
+    psp_log_err("%d asked, but does not get the answer: gone, asleep, or memory is short\n",
+                request->client);
   }
   psp_freeTagMemory(tag, 1);
 }
 
-/* After bytes that are no request everything that has arrived is dropped: nobody can tell where the
- * next one starts. A client whose request was among it gets no answer, and says so. */
-static void serve_requests(Server *server) {
+static int serve_requests(Server *server) {
   Request request;
   while (!stop_flag) {
     psp_status status = get_request(server->in, kPause, &request);
+    if (request.has_rubbish) psp_log_err("something that is no request was dropped\n");
     if (status == PSP_OKAY) {
       serve_request(server, &request);
     } else if (status != PSP_TIMEOUT) {
-      psp_log_err("something that is no request was dropped\n");
-      psp_inputBuffReset(server->in);
+      return file_failed(kRequestPipe, "cannot be read on", kFailed);
     }
   }
+  return 0;
 }
 
 static int open_requests(Server *server) {
   char *path = data_path(server->settings->folder, kRequestPipe, NULL);
   int result = path != NULL ? make_pipe(path) : kFailed;
-  if (result == 0 && !open_for_reading(&server->requests, path)) {
+  if (result == 0 && !open_for_reading(&server->requests, path, 0)) {
     result = file_failed(path, "cannot be opened", kFailed);
   }
   if (result == 0 && psp_inputBuffCreate(read_pipe, read_pipe_timed, &server->requests, 0,
@@ -123,7 +136,7 @@ static int32_t run(psp_word settings, psp_word unused) {
   psp_serviceStarted();
   if (result == 0) {
     psp_log("serving until interrupted\n");
-    serve_requests(&server);
+    result = serve_requests(&server);
     psp_log("%u queries answered\n", server.answered);
   }
   psp_serviceDone();
@@ -151,7 +164,10 @@ int serve(Settings *settings) {
   PSP_FH lock = lock_folder(settings->folder);
   if (lock == NULL) return kFailed;
   int result = open_log(settings, kServeLog);
-  if (result == 0 && psp_handleInterrupt(on_interrupt) != PSP_OKAY) result = kFailed;
+  if (result == 0 && psp_handleInterrupt(on_interrupt) != PSP_OKAY) {
+    psp_log_err("interrupts cannot be handled\n");
+    result = kFailed;
+  }
   if (result == 0) {
     result = psp_serviceStart(kServiceName, (uint16_t *)&stop_flag, (psp_word)settings, 0, run);
     psp_handleInterrupt(NULL);
@@ -161,8 +177,17 @@ int serve(Settings *settings) {
   return result;
 }
 
+/* The manager starts programs in a folder of its own: names have to be whole. */
+static char *whole_name(const char *name) {
+  if (psp_pathIsFullyQualified(name)) return psp_strdup(name, NULL);
+  char *folder = psp_currdir();
+  char *whole = folder != NULL ? psp_makeString("%s/%s", folder, name) : NULL;
+  psp_freeMem(folder, NULL);
+  return whole;
+}
+
 int install_service(const char *folder, const char *program) {
-  char *path = psp_fullpath(program), *data = psp_fullpath(folder);
+  char *path = whole_name(program), *data = whole_name(folder);
   char *arguments = data != NULL ? psp_makeString("--data \"%s\" serve", data) : NULL;
   psp_status status = PSP_FAILED;
   if (path != NULL && arguments != NULL) {
@@ -213,11 +238,11 @@ static int ask_in_tag(const char *folder, const char *query, psp_tag *tag) {
     psp_log_err("query:1:1: a query has at most %d bytes\n", kMostQueryBytes);
     return kBadQuery;
   }
-  if (!open_for_writing(&requests, request_path)) {
+  if (!open_for_writing(&requests, request_path, kClientPatience)) {
     return file_failed(request_path, "no server reads it", kNoServer);
   }
   int result = make_pipe(path);
-  if (result == 0 && !open_for_reading(&reply, path)) {
+  if (result == 0 && !open_for_reading(&reply, path, kClientPatience)) {
     result = file_failed(path, "cannot be opened", kFailed);
   }
   if (result == 0) {
