@@ -60,6 +60,15 @@ int open_for_writing(Pipe *pipe, const char *path, uint32_t patience) {
   return open_pipe(pipe, path, O_WRONLY, patience);
 }
 
+int is_lost_pipe(const char *path) {
+  Pipe pipe;
+  if (open_for_writing(&pipe, path, 0)) {
+    close_pipe(&pipe);
+    return 0;
+  }
+  return errno == ENXIO;
+}
+
 void close_pipe(Pipe *pipe) {
   if (pipe->descriptor != -1) close(pipe->descriptor);
   pipe->descriptor = -1;

@@ -148,6 +148,9 @@ int open_for_reading(Pipe *pipe, const char *path, uint32_t patience);
 int open_for_writing(Pipe *pipe, const char *path, uint32_t patience);
 void close_pipe(Pipe *pipe);
 
+/* Whether it is a pipe that nobody reads. */
+int is_lost_pipe(const char *path);
+
 /* Transports of typed buffers; the context is a Pipe. */
 int32_t read_pipe(void *context, void *buffer, uint32_t capacity, uint32_t *filled);
 int32_t read_pipe_timed(void *context, void *buffer, uint32_t capacity, uint32_t *filled,
@@ -162,6 +165,10 @@ typedef struct {
   char query[kMostQueryBytes + 1];
 } Request;
 
+/* Where requests and answers go; in the tag, null when memory is short. */
+char *request_pipe(const char *folder, psp_tag *tag);
+char *reply_pipe(const char *folder, int32_t client, psp_tag *tag);
+
 psp_status put_request(psp_outputBuff *out, const char *query);
 
 /* PSP_TIMEOUT if none has begun within this time, or rubbish has come; else the pipe is broken. */
@@ -172,12 +179,14 @@ psp_status put_answer(psp_outputBuff *out, const Answer *answer);
 /* Everything that arrives is in the tag. */
 psp_status get_answer(psp_inputBuff *in, psp_tag *tag, Answer *answer);
 
-/* ---- serve.c: the server and its client ------------------------------------------------------ */
+/* ---- serve.c: the server --------------------------------------------------------------------- */
 
 /* Serves until stopped. */
 int serve(Settings *settings);
 int install_service(const char *folder, const char *program);
 int uninstall_service(void);
+
+/* ---- ask.c: its client ----------------------------------------------------------------------- */
 
 /* Asks the server of the data folder and prints its answer. */
 int ask(const char *folder, const char *query);
@@ -203,10 +212,14 @@ int open_log(const Settings *settings, int setting);
 /* Logs how long a step took that started at this psp_timeNanoSecs. */
 void log_step(const char *what, uint64_t start);
 
+/* A tag for one thread; PSP_TAG_FAILED, and logged, when memory is short. */
+psp_tag *make_tag(void);
+
 /* Makes blanks of line feeds and the like: a message is one line, whatever text it shows. */
 void make_one_line(char *text);
 
-/* Logs what could not be done with a file and the platform's reason; gives the status. */
+/* Logs what could not be done with a file and the platform's reason; gives the status, or kFailed
+ * where memory is short. */
 int file_failed(const char *path, const char *what, int status);
 
 #endif

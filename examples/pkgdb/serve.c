@@ -1,4 +1,4 @@
-/* The server, which answers queries from a named pipe, and its client.
+/* The server, which answers queries from a named pipe.
  *
  * serve runs as a service if the system's manager started it, else in the foreground until an
  * interrupt. Either way a flag, set by another thread, tells it to stop; it looks at the flag
@@ -11,24 +11,16 @@
 /* In milliseconds. A client that does not take its answer must not use up the others' patience. */
 enum {
   kPause = 200, /* between two looks at the flag */
-  kServerPatience = 1000,
-  kClientPatience = 5000
+  kPatience = 1000
 };
 
 static const char kServiceName[] = "pkgdb";
-static const char kRequestPipe[] = "pkgdb.pipe";
 static const char kLockFile[] = "pkgdb.lock";
 
 /* Set by a thread of the library's own, as a service or in the handler, which has no argument. An
  * atomic word looks like a plain one to the library. */
 static _Atomic uint16_t stop_flag;
 static void on_interrupt(void) { stop_flag = 1; }
-
-static char *reply_path(const char *folder, int32_t client, psp_tag *tag) {
-  return psp_makeStr(tag, "%s\\reply-%d.pipe", folder, client);
-}
-
-/* ---- The server ------------------------------------------------------------------------------ */
 
 typedef struct {
   const Settings *settings;
@@ -67,9 +59,9 @@ static void refresh(Server *server) {
 }
 
 static psp_status send_answer(Server *server, const Answer *answer, int32_t client, psp_tag *tag) {
-  char *path = reply_path(server->settings->folder, client, tag);
+  char *path = reply_pipe(server->settings->folder, client, tag);
   Pipe reply;
-  if (path == NULL || !open_for_writing(&reply, path, kServerPatience)) return PSP_FAILED;
+  if (path == NULL || !open_for_writing(&reply, path, kPatience)) return PSP_FAILED;
   psp_outputBuff *out = NULL;
   psp_status status = psp_outputBuffCreate(write_pipe, &reply, 0, &out);
   if (status == PSP_OKAY) status = put_answer(out, answer);
@@ -80,7 +72,7 @@ static psp_status send_answer(Server *server, const Answer *answer, int32_t clie
 
 /* Everything that a request needs goes with its tag, whatever happened. */
 static void serve_request(Server *server, Request *request) {
-  psp_tag *tag = psp_createTag(0);
+  psp_tag *tag = make_tag();
   if (tag == PSP_TAG_FAILED) return;
   Answer answer;
   refresh(server);
@@ -106,14 +98,14 @@ static int serve_requests(Server *server) {
     if (status == PSP_OKAY) {
       serve_request(server, &request);
     } else if (status != PSP_TIMEOUT) {
-      return file_failed(kRequestPipe, "cannot be read on", kFailed);
+      return file_failed("the requests", "cannot be read on", kFailed);
     }
   }
   return 0;
 }
 
 static int open_requests(Server *server) {
-  char *path = data_path(server->settings->folder, kRequestPipe, NULL);
+  char *path = request_pipe(server->settings->folder, NULL);
   int result = path != NULL ? make_pipe(path) : kFailed;
   if (result == 0 && !open_for_reading(&server->requests, path, 0)) {
     result = file_failed(path, "cannot be opened", kFailed);
@@ -126,6 +118,19 @@ static int open_requests(Server *server) {
   return result;
 }
 
+/* Clients that were killed have left their pipes. */
+static void remove_lost_replies(const char *folder) {
+  psp_pathIter *names = psp_pathOpen(folder, "reply-*.pipe");
+  const char *name;
+  uint32_t is_folder;
+  while (names != NULL && (name = psp_pathNext(names, &is_folder)) != NULL) {
+    char *path = data_path(folder, name, NULL);
+    if (path != NULL && is_lost_pipe(path)) psp_fileRemove(path);
+    psp_freeMem(path, NULL);
+  }
+  if (names != NULL) psp_pathClose(names);
+}
+
 /* What a service must do: say that it has started, look at its flag, say that it is done. */
 static int32_t run(psp_word settings, psp_word unused) {
   Server server = {.settings = (const Settings *)settings, .requests = {.descriptor = -1}};
@@ -133,6 +138,7 @@ static int32_t run(psp_word settings, psp_word unused) {
   server.input = data_path(server.settings->folder, server.settings->value[kInputFile], NULL);
   int result = server.input != NULL ? load(&server) : kFailed;
   if (result == 0) result = open_requests(&server);
+  remove_lost_replies(server.settings->folder);
   psp_serviceStarted();
   if (result == 0) {
     psp_log("serving until interrupted\n");
@@ -211,59 +217,4 @@ int uninstall_service(void) {
                                                        ? ": you may not manage services"
                                                        : "");
   return kFailed;
-}
-
-/* ---- The client ------------------------------------------------------------------------------ */
-
-static psp_status exchange(Pipe *requests, Pipe *reply, const char *query, psp_tag *tag,
-                           Answer *answer) {
-  psp_outputBuff *out = NULL;
-  psp_inputBuff *in = NULL;
-  psp_status status = psp_outputBuffCreate(write_pipe, requests, 0, &out);
-  if (status == PSP_OKAY) status = psp_inputBuffCreate(read_pipe, NULL, reply, 0, &in);
-  if (status == PSP_OKAY) status = put_request(out, query);
-  if (status == PSP_OKAY) status = get_answer(in, tag, answer);
-  psp_inputBuffDestroy(in);
-  psp_outputBuffDestroy(out);
-  return status;
-}
-
-static int ask_in_tag(const char *folder, const char *query, psp_tag *tag) {
-  char *request_path = data_path(folder, kRequestPipe, tag);
-  char *path = reply_path(folder, psp_get_pid(), tag);
-  Pipe requests, reply;
-  Answer answer;
-  if (request_path == NULL || path == NULL) return kFailed;
-  if (strlen(query) > kMostQueryBytes) {
-    psp_log_err("query:1:1: a query has at most %d bytes\n", kMostQueryBytes);
-    return kBadQuery;
-  }
-  if (!open_for_writing(&requests, request_path, kClientPatience)) {
-    return file_failed(request_path, "no server reads it", kNoServer);
-  }
-  int result = make_pipe(path);
-  if (result == 0 && !open_for_reading(&reply, path, kClientPatience)) {
-    result = file_failed(path, "cannot be opened", kFailed);
-  }
-  if (result == 0) {
-    psp_status status = exchange(&requests, &reply, query, tag, &answer);
-    if (status == PSP_OKAY) {
-      result = print_answer(&answer);
-    } else {
-      psp_log_err("the server gives no answer%s\n", status == PSP_TIMEOUT ? " in time" : "");
-      result = kNoServer;
-    }
-    close_pipe(&reply);
-  }
-  psp_fileRemove(path);
-  close_pipe(&requests);
-  return result;
-}
-
-int ask(const char *folder, const char *query) {
-  psp_tag *tag = psp_createTag(0);
-  if (tag == PSP_TAG_FAILED) return kFailed;
-  int result = ask_in_tag(folder, query, tag);
-  psp_freeTagMemory(tag, 1);
-  return result;
 }

@@ -15,6 +15,14 @@
 
 enum { kRequestMark = 0x71676b70, kAnswerMark = 0x61676b70, kMostPackages = 1 << 24 };
 
+char *request_pipe(const char *folder, psp_tag *tag) {
+  return data_path(folder, "pkgdb.pipe", tag);
+}
+
+char *reply_pipe(const char *folder, int32_t client, psp_tag *tag) {
+  return psp_makeStr(tag, "%s\\reply-%d.pipe", folder, client);
+}
+
 /* Puts or gets one value after the other until one fails. */
 static void then_put_int(psp_status *status, psp_outputBuff *out, int32_t value) {
   if (*status == PSP_OKAY) *status = psp_outputBuffPutInt32(out, value);
