@@ -18,7 +18,8 @@
  *   index.c        file handles
  *   report.c       UTF-16 text, iteration over a folder, renames
  *   memory.c       the in-memory file store
- *   query_parse.c  the parser engine
+ *   query_lex.c    text in pieces
+ *   query_parse.c  the parser engine, which puts them together
  *   query.c        what is asked for
  *   wire.c         typed buffers
  *   pipe.c         their transports

@@ -116,7 +116,7 @@ int print_heading(const char *title);
 int print_package(const Package *package);
 int print_largest(const Catalog *catalog, psp_tag *tag);
 
-/* ---- query.c and query_parse.c: questions ---------------------------------------------------- */
+/* ---- query.c, with query.h: questions -------------------------------------------------------- */
 
 enum { kMostQueryBytes = 3000, kMessageBytes = 256 };
 

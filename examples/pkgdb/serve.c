@@ -70,6 +70,16 @@ static psp_status send_answer(Server *server, const Answer *answer, int32_t clie
   return status;
 }
 
+static void log_answer(const Answer *answer, Request *request) {
+  make_one_line(request->query);
+  if (answer->result != 0) {
+    psp_log("%d asked: %s: %s\n", request->client, request->query, answer->message);
+  } else {
+    psp_log("%d asked: %s: %u package%s\n", request->client, request->query, answer->count,
+            answer->count == 1 ? "" : "s");
+  }
+}
+
 /* Everything that a request needs goes with its tag, whatever happened. */
 static void serve_request(Server *server, Request *request) {
   psp_tag *tag = make_tag();
@@ -77,12 +87,9 @@ static void serve_request(Server *server, Request *request) {
   Answer answer;
   refresh(server);
   answer_query(request->query, &server->catalog, tag, &answer);
-  psp_status status = send_answer(server, &answer, request->client, tag);
-  make_one_line(request->query);
-  if (status == PSP_OKAY) {
+  if (send_answer(server, &answer, request->client, tag) == PSP_OKAY) {
     ++server->answered;
-    psp_log("%d asked: %s: %u packages%s%s\n", request->client, request->query, answer.count,
-            answer.result != 0 ? ", " : "", answer.message);
+    log_answer(&answer, request);
   } else {
     psp_log_err("%d asked, but does not get the answer: gone, asleep, or memory is short\n",
                 request->client);
