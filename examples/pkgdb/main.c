@@ -28,7 +28,8 @@
  *
  * Ends with 0; 2 for a wrong call, 3 if the input cannot be opened, 4 if it is not what it should
  * be, 5 if memory is short, a result cannot be written or did not come back as it was written, 6
- * for a setting and 7 for a query that is not what it should be, 8 if no server answers. */
+ * for a setting and 7 for a query that is not what it should be, 8 if no server answers. That a
+ * last piece of output did not go out is told on the error channel alone: a flush has no result. */
 #include <errno.h>
 #include <stdlib.h>
 #include <string.h>
