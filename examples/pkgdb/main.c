@@ -18,15 +18,19 @@
  *   index.c        file handles
  *   report.c       UTF-16 text, iteration over a folder, renames
  *   memory.c       the in-memory file store
- *   query_parse.c  the parser engine
+ *   query_lex.c    text in pieces
+ *   query_parse.c  the parser engine, which puts them together
  *   query.c        what is asked for
  *   wire.c         typed buffers
  *   pipe.c         their transports
  *   serve.c        a service, interrupts, sharing modes
+ *   ask.c          its client
  *
  * Ends with 0; 2 for a wrong call, 3 if the input cannot be opened, 4 if it is not what it should
  * be, 5 if memory is short, a result cannot be written or did not come back as it was written, 6
- * for a setting and 7 for a query that is not what it should be, 8 if no server answers. */
+ * for a setting and 7 for a query that is not what it should be, 8 if no server answers. That a
+ * last piece of output did not go out is told on the error channel alone: a flush has no result. */
+#include <errno.h>
 #include <stdlib.h>
 #include <string.h>
 #if defined(__GLIBC__)
@@ -42,9 +46,22 @@ void log_step(const char *what, uint64_t start) {
   psp_log("%-34s %8.1f ms\n", what, (double)(psp_timeNanoSecs() - start) / 1e6);
 }
 
+psp_tag *make_tag(void) {
+  psp_tag *tag = psp_createTag(0);
+  if (tag == PSP_TAG_FAILED) psp_log_err("memory is short\n");
+  return tag;
+}
+
+void make_one_line(char *text) {
+  for (; *text != '\0'; ++text) {
+    if ((unsigned char)*text < ' ' || *text == '\x7f') *text = ' ';
+  }
+}
+
 int file_failed(const char *path, const char *what, int status) {
-  psp_log_err("%s: %s: %s\n", path, what, strerror((int)psp_errno()));
-  return status;
+  int error = (int)psp_errno();
+  psp_log_err("%s: %s: %s\n", path, what, strerror(error));
+  return error == ENOMEM ? kFailed : status;
 }
 
 /* ---- report ---------------------------------------------------------------------------------- */
@@ -126,7 +143,7 @@ static int report(const char *folder, int in_memory, char **arguments) {
   if (result == 0) result = read_settings(&settings, folder, 0);
   if (result == 0 && !in_memory) result = open_log(&settings, kLogFile);
   if (result != 0) return result;
-  psp_tag *tag = psp_createTag(0);
+  psp_tag *tag = make_tag();
   result = tag != PSP_TAG_FAILED ? report_in_tag(&settings, in_memory, tag) : kFailed;
   psp_freeTagMemory(tag, 1);
   psp_log_close();
@@ -160,7 +177,7 @@ static int query(const char *folder, int in_memory, char **arguments) {
   if (in_memory) return kUsage;
   int result = read_settings(&settings, folder, 0);
   if (result != 0) return result;
-  psp_tag *tag = psp_createTag(0);
+  psp_tag *tag = make_tag();
   result = tag != PSP_TAG_FAILED ? query_in_tag(arguments[0], tag) : kFailed;
   psp_freeTagMemory(tag, 1);
   return result;
@@ -236,12 +253,15 @@ int main(int argc, char **argv) {
   }
   const Command *command = find_command(argc - word, argv + word);
   if (command == NULL) return usage();
-  if (psp_init() != PSP_OKAY || psp_queueInit(0) != PSP_OKAY) {
+  if (psp_init() != PSP_OKAY) {
     psp_errPrint("pkgdb: the library does not start");
     return kFailed;
   }
-  int result = command->run(folder, in_memory, argv + word + 1);
-  psp_queueTerm(1);
+  int result = kFailed;
+  if (psp_queueInit(0) == PSP_OKAY) {
+    result = command->run(folder, in_memory, argv + word + 1);
+    psp_queueTerm(1);
+  }
   psp_term();
   return result == kUsage ? usage() : result;
 }

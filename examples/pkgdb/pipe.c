@@ -16,7 +16,11 @@
 
 /* Names come with the library's separator. */
 static int to_native(char *native, size_t size, const char *path) {
-  if (psp_strncpyZ(native, path, (uint32_t)size) == NULL || strlen(path) >= size) return 0;
+  if (strlen(path) >= size) {
+    errno = ENAMETOOLONG;
+    return 0;
+  }
+  psp_strncpyZ(native, path, (uint32_t)size);
   for (; *native != '\0'; ++native) {
     if (*native == '\\') *native = '/';
   }
@@ -25,17 +29,18 @@ static int to_native(char *native, size_t size, const char *path) {
 
 int make_pipe(const char *path) {
   char native[kSettingBytes];
-  if (!to_native(native, sizeof native, path)) return kFailed;
-  if (mkfifo(native, S_IRUSR | S_IWUSR) == 0 || errno == EEXIST) return 0;
+  if (to_native(native, sizeof native, path)) {
+    if (mkfifo(native, S_IRUSR | S_IWUSR) == 0 || errno == EEXIST) return 0;
+  }
   return file_failed(path, "cannot be made", kFailed);
 }
 
 /* What lies there must be a pipe: a reply never goes into a file that somebody has put in the way.
  */
-static int open_pipe(Pipe *pipe, const char *path, int flags) {
+static int open_pipe(Pipe *pipe, const char *path, int flags, uint32_t patience) {
   char native[kSettingBytes];
   struct stat status;
-  pipe->descriptor = -1;
+  *pipe = (Pipe){.descriptor = -1, .patience = patience};
   if (!to_native(native, sizeof native, path)) return 0;
   signal(SIGPIPE, SIG_IGN); /* a reader that is gone is told by EPIPE */
   pipe->descriptor = open(native, flags | O_NONBLOCK | O_NOFOLLOW | O_CLOEXEC);
@@ -46,10 +51,23 @@ static int open_pipe(Pipe *pipe, const char *path, int flags) {
   return 0;
 }
 
-int open_for_reading(Pipe *pipe, const char *path) { return open_pipe(pipe, path, O_RDWR); }
+int open_for_reading(Pipe *pipe, const char *path, uint32_t patience) {
+  return open_pipe(pipe, path, O_RDWR, patience);
+}
 
 /* Fails when nobody reads. */
-int open_for_writing(Pipe *pipe, const char *path) { return open_pipe(pipe, path, O_WRONLY); }
+int open_for_writing(Pipe *pipe, const char *path, uint32_t patience) {
+  return open_pipe(pipe, path, O_WRONLY, patience);
+}
+
+int is_lost_pipe(const char *path) {
+  Pipe pipe;
+  if (open_for_writing(&pipe, path, 0)) {
+    close_pipe(&pipe);
+    return 0;
+  }
+  return errno == ENXIO;
+}
 
 void close_pipe(Pipe *pipe) {
   if (pipe->descriptor != -1) close(pipe->descriptor);
@@ -79,14 +97,15 @@ int32_t read_pipe_timed(void *context, void *buffer, uint32_t capacity, uint32_t
 }
 
 int32_t read_pipe(void *context, void *buffer, uint32_t capacity, uint32_t *filled) {
-  return read_pipe_timed(context, buffer, capacity, filled, kPipePatience);
+  const Pipe *pipe = context;
+  return read_pipe_timed(context, buffer, capacity, filled, pipe->patience);
 }
 
 int32_t write_pipe(void *context, const void *data, uint32_t count) {
   const Pipe *pipe = context;
   const char *next = data;
   while (count > 0) {
-    int32_t status = wait_until_ready(pipe, POLLOUT, kPipePatience);
+    int32_t status = wait_until_ready(pipe, POLLOUT, pipe->patience);
     if (status != PSP_OKAY) return status;
     ssize_t written = write(pipe->descriptor, next, count);
     if (written < 0 && errno != EAGAIN && errno != EINTR) return PSP_FAILED;

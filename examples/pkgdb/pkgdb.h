@@ -111,12 +111,12 @@ char *report_path(const Settings *settings, psp_tag *tag);
 /* Writes the report in the order of the catalog and reads it back. */
 int make_report(const Catalog *catalog, const Settings *settings, psp_tag *tag);
 
-/* Tables of packages. */
-void print_heading(const char *title);
-void print_package(const Package *package);
+/* Tables of packages. Give 0 if the console fails. */
+int print_heading(const char *title);
+int print_package(const Package *package);
 int print_largest(const Catalog *catalog, psp_tag *tag);
 
-/* ---- query.c and query_parse.c: questions ---------------------------------------------------- */
+/* ---- query.c, with query.h: questions -------------------------------------------------------- */
 
 enum { kMostQueryBytes = 3000, kMessageBytes = 256 };
 
@@ -135,19 +135,21 @@ int print_answer(const Answer *answer);
 
 /* ---- pipe.c: named pipes as transports ------------------------------------------------------- */
 
-enum { kPipePatience = 5000 }; /* milliseconds that the other end may take */
-
 typedef struct {
-  int descriptor; /* -1: closed */
+  int descriptor;    /* -1: closed */
+  uint32_t patience; /* milliseconds that the other end may take for the next bytes */
 } Pipe;
 
 /* One that exists is taken as it is. */
 int make_pipe(const char *path);
 
 /* Give 0 on failure; the reason is in psp_errno. */
-int open_for_reading(Pipe *pipe, const char *path);
-int open_for_writing(Pipe *pipe, const char *path);
+int open_for_reading(Pipe *pipe, const char *path, uint32_t patience);
+int open_for_writing(Pipe *pipe, const char *path, uint32_t patience);
 void close_pipe(Pipe *pipe);
+
+/* Whether it is a pipe that nobody reads. */
+int is_lost_pipe(const char *path);
 
 /* Transports of typed buffers; the context is a Pipe. */
 int32_t read_pipe(void *context, void *buffer, uint32_t capacity, uint32_t *filled);
@@ -158,13 +160,18 @@ int32_t write_pipe(void *context, const void *data, uint32_t count);
 /* ---- wire.c: requests and answers in typed buffers ------------------------------------------- */
 
 typedef struct {
-  int32_t client; /* process identifier */
+  int has_rubbish; /* bytes that are no request came before it, or instead of it */
+  int32_t client;  /* process identifier */
   char query[kMostQueryBytes + 1];
 } Request;
 
+/* Where requests and answers go; in the tag, null when memory is short. */
+char *request_pipe(const char *folder, psp_tag *tag);
+char *reply_pipe(const char *folder, int32_t client, psp_tag *tag);
+
 psp_status put_request(psp_outputBuff *out, const char *query);
 
-/* PSP_TIMEOUT if none has begun within this time. */
+/* PSP_TIMEOUT if none has begun within this time, or rubbish has come; else the pipe is broken. */
 psp_status get_request(psp_inputBuff *in, uint32_t milliseconds, Request *request);
 
 psp_status put_answer(psp_outputBuff *out, const Answer *answer);
@@ -172,12 +179,14 @@ psp_status put_answer(psp_outputBuff *out, const Answer *answer);
 /* Everything that arrives is in the tag. */
 psp_status get_answer(psp_inputBuff *in, psp_tag *tag, Answer *answer);
 
-/* ---- serve.c: the server and its client ------------------------------------------------------ */
+/* ---- serve.c: the server --------------------------------------------------------------------- */
 
 /* Serves until stopped. */
 int serve(Settings *settings);
 int install_service(const char *folder, const char *program);
 int uninstall_service(void);
+
+/* ---- ask.c: its client ----------------------------------------------------------------------- */
 
 /* Asks the server of the data folder and prints its answer. */
 int ask(const char *folder, const char *query);
@@ -203,7 +212,14 @@ int open_log(const Settings *settings, int setting);
 /* Logs how long a step took that started at this psp_timeNanoSecs. */
 void log_step(const char *what, uint64_t start);
 
-/* Logs what could not be done with a file and the platform's reason; gives the status. */
+/* A tag for one thread; PSP_TAG_FAILED, and logged, when memory is short. */
+psp_tag *make_tag(void);
+
+/* Makes blanks of line feeds and the like: a message is one line, whatever text it shows. */
+void make_one_line(char *text);
+
+/* Logs what could not be done with a file and the platform's reason; gives the status, or kFailed
+ * where memory is short. */
 int file_failed(const char *path, const char *what, int status);
 
 #endif

@@ -82,6 +82,7 @@ static int select_packages(const Query *query, const Catalog *catalog, psp_tag *
   }
   qsort(entries, count, sizeof *entries, in_order);
   answer->count = count < query->limit ? count : query->limit;
+  if (answer->count == 0) return 0; /* a block of no bytes would be null, as after a failure */
   answer->packages = psp_alloc(answer->count * sizeof *answer->packages, tag);
   if (answer->packages == NULL) return kFailed;
   for (uint32_t i = 0; i < answer->count; ++i) answer->packages[i] = entries[i].package;
@@ -94,18 +95,22 @@ int answer_query(const char *text, const Catalog *catalog, psp_tag *tag, Answer 
   answer->result = parse_query(&query, text, tag, answer->message, sizeof answer->message);
   if (answer->result == 0) answer->result = select_packages(&query, catalog, tag, answer);
   if (answer->result != 0 && answer->message[0] == '\0') {
-    psp_strncpyZ(answer->message, "memory is short", sizeof answer->message);
+    psp_strncpyZ(answer->message, "query: memory is short", sizeof answer->message);
   }
   return answer->result;
 }
 
 int print_answer(const Answer *answer) {
   if (answer->result != 0) {
-    psp_log_err("query:%s\n", answer->message);
+    psp_log_err("%s\n", answer->message);
     return answer->result;
   }
-  print_heading("package");
-  for (uint32_t i = 0; i < answer->count; ++i) print_package(answer->packages[i]);
-  psp_printf("%u packages\n", answer->count);
-  return 0;
+  int printed = print_heading("package");
+  for (uint32_t i = 0; printed && i < answer->count; ++i) {
+    printed = print_package(answer->packages[i]);
+  }
+  /* What now waits in the channel goes out at the latest at psp_term, which only logs a failure. */
+  const char *plural = answer->count == 1 ? "" : "s";
+  printed = printed && psp_printf("%u package%s\n", answer->count, plural) >= 0;
+  return printed ? 0 : kFailed;
 }

@@ -1,62 +1,16 @@
-/* Reading a query: the lexer and the actions for the tables of query.y.
+/* Reading a query: the actions for the tables of query.y.
  *
- * The parser engine asks the lexer for tokens and calls an action for each rule that it has found.
- * Everything that a query consists of belongs to one tag. The first thing wrong is told with the
- * line and the column where it stands, both from 1, columns in characters. */
+ * The parser engine asks the lexer (query_lex.c) for tokens and calls an action for each rule that
+ * it has found. Everything that a query consists of belongs to one tag. Only the first thing that
+ * is wrong is told. */
 #include <stdlib.h>
 #include <string.h>
 
 #include "query.h"
 #include "query_tables.h"
 
-enum { kEnd = 0, kNoToken = 3 }; /* kNoToken fits no rule */
-
-/* What the engine moves around for each symbol. */
-typedef struct {
-  uint32_t line, column; /* of the symbol's first character */
-  const char *text;      /* of a name or string */
-  uint32_t number;
-  Operator operator;
-  Field field;
-  int is_descending;
-  const Condition *condition;
-} Value;
-
-typedef struct {
-  const char *next;
-  uint32_t line, column; /* of the next character */
-  uint32_t token_line, token_column;
-  const char *token; /* the latest one, for a message */
-  size_t token_length;
-  psp_tag *tag;
-  Query *query;
-  char *message;
-  uint32_t message_bytes;
-} Parse;
-
 static const char *const kFieldNames[kFieldCount] = {"name", "version", "section", "summary",
                                                      "size"};
-
-static const struct {
-  const char *text;
-  int token;
-} kWords[] = {{"and", QUERY_TOKEN_AND},     {"or", QUERY_TOKEN_OR},     {"not", QUERY_TOKEN_NOT},
-              {"order", QUERY_TOKEN_ORDER}, {"by", QUERY_TOKEN_BY},     {"desc", QUERY_TOKEN_DESC},
-              {"limit", QUERY_TOKEN_LIMIT}, {"<=", QUERY_TOKEN_ATMOST}, {">=", QUERY_TOKEN_ATLEAST},
-              {"!=", QUERY_TOKEN_UNEQUAL},  {"=", QUERY_TOKEN_EQUAL},   {"<", QUERY_TOKEN_LESS},
-              {">", QUERY_TOKEN_MORE},      {"(", QUERY_TOKEN_OPEN},    {")", QUERY_TOKEN_CLOSE}};
-
-/* ---- Messages -------------------------------------------------------------------------------- */
-
-/* Only the first counts: what follows may be its consequence. */
-static void complain(Parse *parse, uint32_t line, uint32_t column, const char *format, ...) {
-  va_list arguments;
-  if (parse->message[0] != '\0') return;
-  int32_t head = psp_snprintf(parse->message, parse->message_bytes, "%u:%u: ", line, column);
-  va_start(arguments, format);
-  psp_vsnprintf(parse->message + head, parse->message_bytes - (uint32_t)head, format, arguments);
-  va_end(arguments);
-}
 
 static void on_syntax_error(void *context) {
   Parse *parse = context;
@@ -64,100 +18,22 @@ static void on_syntax_error(void *context) {
     complain(parse, parse->token_line, parse->token_column, "the query ends too early");
   } else {
     complain(parse, parse->token_line, parse->token_column, "\"%.*s\" does not fit here",
-             (int)parse->token_length, parse->token);
+             shown(parse->token, parse->token_length), parse->token);
   }
-}
-
-/* ---- The lexer ------------------------------------------------------------------------------- */
-
-static int is_letter(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
-static int is_digit(char c) { return c >= '0' && c <= '9'; }
-
-/* Steps over bytes; those that go on a UTF-8 character have no column of their own. */
-static void step(Parse *parse, size_t count) {
-  for (; count > 0; --count, ++parse->next) {
-    if (*parse->next == '\n') {
-      ++parse->line;
-      parse->column = 1;
-    } else if (((unsigned char)*parse->next & 0xC0) != 0x80) {
-      ++parse->column;
-    }
-  }
-}
-
-static const char *copy(Parse *parse, const char *text, size_t length) {
-  return psp_makeStr(parse->tag, "%.*s", (int)length, text);
-}
-
-static int take_string(Parse *parse, Value *value) {
-  const char *end = strchr(parse->next + 1, '"');
-  if (end == NULL) {
-    complain(parse, parse->line, parse->column, "the string has no end");
-    return kNoToken;
-  }
-  parse->token_length = (size_t)(end + 1 - parse->next);
-  value->text = copy(parse, parse->next + 1, parse->token_length - 2);
-  return value->text != NULL ? QUERY_TOKEN_STRING : kNoToken;
-}
-
-static int take_number(Parse *parse, Value *value) {
-  uint64_t number = 0;
-  size_t length = 0;
-  for (; is_digit(parse->next[length]); ++length) {
-    number = 10 * number + (uint64_t)(parse->next[length] - '0');
-    if (number > UINT32_MAX) number = UINT32_MAX; /* no package is larger */
-  }
-  parse->token_length = length;
-  value->number = (uint32_t)number;
-  return QUERY_TOKEN_NUMBER;
-}
-
-static int take_word(Parse *parse, Value *value) {
-  size_t length = 0;
-  while (is_letter(parse->next[length])) ++length;
-  for (size_t i = 0; i < sizeof kWords / sizeof *kWords; ++i) {
-    size_t bytes = strlen(kWords[i].text);
-    if (length != 0 && bytes != length) continue;
-    if (strncmp(parse->next, kWords[i].text, bytes) != 0) continue;
-    parse->token_length = bytes;
-    return kWords[i].token;
-  }
-  if (length == 0) {
-    complain(parse, parse->line, parse->column, "'%c' starts nothing that is known", *parse->next);
-    return kNoToken;
-  }
-  parse->token_length = length;
-  value->text = copy(parse, parse->next, length);
-  return value->text != NULL ? QUERY_TOKEN_NAME : kNoToken;
-}
-
-static int32_t next_token(void *context, void *token_value) {
-  Parse *parse = context;
-  Value *value = token_value;
-  step(parse, strspn(parse->next, " \t\r\n"));
-  memset(value, 0, sizeof *value);
-  parse->token = parse->next;
-  parse->token_length = 0;
-  parse->token_line = value->line = parse->line;
-  parse->token_column = value->column = parse->column;
-  if (*parse->next == '\0') return kEnd;
-  int token = *parse->next == '"'      ? take_string(parse, value)
-              : is_digit(*parse->next) ? take_number(parse, value)
-                                       : take_word(parse, value);
-  step(parse, parse->token_length);
-  return token;
 }
 
 /* ---- The actions ----------------------------------------------------------------------------- */
 
 static int16_t find_field(Parse *parse, const Value *name, Field *field) {
   for (int i = 0; i < kFieldCount; ++i) {
-    if (strcmp(name->text, kFieldNames[i]) != 0) continue;
+    if (strlen(name->text) != strlen(kFieldNames[i])) continue;
+    if (!begins_with(name->text, kFieldNames[i])) continue;
     *field = (Field)i;
     return 0;
   }
   complain(parse, name->line, name->column,
-           "\"%s\" is no field: name, version, section, summary or size", name->text);
+           "\"%.*s\" is no field: name, version, section, summary or size",
+           shown(name->text, strlen(name->text)), name->text);
   return kBadQuery;
 }
 
@@ -252,9 +128,6 @@ int parse_query(Query *query, const char *text, psp_tag *tag, char *message, uin
     complain(&parse, 1, 1, "a query has at most %d bytes", kMostQueryBytes);
     return kBadQuery;
   }
-  int16_t status = psp_yyparse(&context);
-  if (status == 0) return 0;
-  if (message[0] != '\0') return kBadQuery;
-  complain(&parse, parse.line, parse.column, "memory is short");
-  return kFailed;
+  if (psp_yyparse(&context) == 0) return 0;
+  return message[0] != '\0' ? kBadQuery : kFailed; /* without a message memory was short */
 }

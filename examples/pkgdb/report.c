@@ -127,13 +127,13 @@ int make_report(const Catalog *catalog, const Settings *settings, psp_tag *tag) 
 
 /* ---- The table ------------------------------------------------------------------------------- */
 
-void print_heading(const char *title) {
-  psp_printf("%-32s %10s  %-12s %s\n", title, "KiB", "section", "summary");
+int print_heading(const char *title) {
+  return psp_printf("%-32s %10s  %-12s %s\n", title, "KiB", "section", "summary") >= 0;
 }
 
-void print_package(const Package *package) {
-  psp_printf("%-32s %10u  %-12s %s\n", package->name, package->kib, or_empty(package->section),
-             or_empty(package->summary));
+int print_package(const Package *package) {
+  return psp_printf("%-32s %10u  %-12s %s\n", package->name, package->kib,
+                    or_empty(package->section), or_empty(package->summary)) >= 0;
 }
 
 static int larger_first(const void *left, const void *right) {
@@ -150,9 +150,11 @@ int print_largest(const Catalog *catalog, psp_tag *tag) {
   qsort(order, catalog->count, sizeof *order, larger_first);
   psp_printf("\n%u packages installed, %u removed, %.1f MiB, %u lines read\n\n", catalog->count,
              catalog->reader.not_installed, (double)total_kib / 1024, catalog->reader.lines);
-  print_heading("largest packages");
-  for (uint32_t i = 0; i < catalog->count && i < kLargest; ++i) print_package(order[i]);
-  psp_printf("\n");
+  int printed = print_heading("largest packages");
+  for (uint32_t i = 0; printed && i < catalog->count && i < kLargest; ++i) {
+    printed = print_package(order[i]);
+  }
+  printed = printed && psp_printf("\n") >= 0;
   psp_freeMem(order, tag);
-  return 0;
+  return printed ? 0 : kFailed;
 }

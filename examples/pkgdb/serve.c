@@ -1,4 +1,4 @@
-/* The server, which answers queries from a named pipe, and its client.
+/* The server, which answers queries from a named pipe.
  *
  * serve runs as a service if the system's manager started it, else in the foreground until an
  * interrupt. Either way a flag, set by another thread, tells it to stop; it looks at the flag
@@ -8,10 +8,13 @@
 
 #include "pkgdb.h"
 
-enum { kPause = 200 }; /* milliseconds between two looks at the flag */
+/* In milliseconds. A client that does not take its answer must not use up the others' patience. */
+enum {
+  kPause = 200, /* between two looks at the flag */
+  kPatience = 1000
+};
 
 static const char kServiceName[] = "pkgdb";
-static const char kRequestPipe[] = "pkgdb.pipe";
 static const char kLockFile[] = "pkgdb.lock";
 
 /* Set by a thread of the library's own, as a service or in the handler, which has no argument. An
@@ -19,32 +22,33 @@ static const char kLockFile[] = "pkgdb.lock";
 static _Atomic uint16_t stop_flag;
 static void on_interrupt(void) { stop_flag = 1; }
 
-static char *reply_path(const char *folder, int32_t client, psp_tag *tag) {
-  return psp_makeStr(tag, "%s\\reply-%d.pipe", folder, client);
-}
-
-/* ---- The server ------------------------------------------------------------------------------ */
-
 typedef struct {
   const Settings *settings;
   char *input; /* the records' file */
   Catalog catalog;
-  int64_t read_time; /* when the records' file was changed that the catalog was made from */
+  int64_t changed; /* when the records' file was changed that the catalog was made from */
+  int64_t loaded;  /* when that was read */
   Pipe requests;
   psp_inputBuff *in;
   uint32_t answered;
 } Server;
 
 static int load(Server *server) {
-  server->read_time = psp_fileModTimeStat(server->input, 0);
+  int64_t changed = psp_fileModTimeStat(server->input, 0), loaded = psp_timeSecs();
   int result = load_catalog(&server->catalog, server->input);
-  if (result == 0) psp_log("%u packages read from %s\n", server->catalog.count, server->input);
-  return result;
+  if (result != 0) return result;
+  server->changed = changed;
+  server->loaded = loaded;
+  psp_log("%u packages read from %s\n", server->catalog.count, server->input);
+  return 0;
 }
 
-/* Reads the records again if their file has changed; a reading that fails leaves what was there. */
+/* Reads the records again if their file has changed; a reading that fails leaves what was there,
+ * and the next request tries again. A file changed in the very second in which it was read may have
+ * changed afterwards: its time cannot tell. */
 static void refresh(Server *server) {
-  if (psp_fileModTimeStat(server->input, 0) == server->read_time) return;
+  int64_t changed = psp_fileModTimeStat(server->input, 0);
+  if (changed == server->changed && changed != server->loaded) return;
   Catalog before = server->catalog;
   if (load(server) == 0) {
     end_catalog(&before);
@@ -55,9 +59,9 @@ static void refresh(Server *server) {
 }
 
 static psp_status send_answer(Server *server, const Answer *answer, int32_t client, psp_tag *tag) {
-  char *path = reply_path(server->settings->folder, client, tag);
+  char *path = reply_pipe(server->settings->folder, client, tag);
   Pipe reply;
-  if (path == NULL || !open_for_writing(&reply, path)) return PSP_FAILED;
+  if (path == NULL || !open_for_writing(&reply, path, kPatience)) return PSP_FAILED;
   psp_outputBuff *out = NULL;
   psp_status status = psp_outputBuffCreate(write_pipe, &reply, 0, &out);
   if (status == PSP_OKAY) status = put_answer(out, answer);
@@ -66,43 +70,51 @@ static psp_status send_answer(Server *server, const Answer *answer, int32_t clie
   return status;
 }
 
+static void log_answer(const Answer *answer, Request *request) {
+  make_one_line(request->query);
+  if (answer->result != 0) {
+    psp_log("%d asked: %s: %s\n", request->client, request->query, answer->message);
+  } else {
+    psp_log("%d asked: %s: %u package%s\n", request->client, request->query, answer->count,
+            answer->count == 1 ? "" : "s");
+  }
+}
+
 /* Everything that a request needs goes with its tag, whatever happened. */
-static void serve_request(Server *server, const Request *request) {
-  psp_tag *tag = psp_createTag(0);
+static void serve_request(Server *server, Request *request) {
+  psp_tag *tag = make_tag();
   if (tag == PSP_TAG_FAILED) return;
   Answer answer;
   refresh(server);
   answer_query(request->query, &server->catalog, tag, &answer);
-  psp_status status = send_answer(server, &answer, request->client, tag);
-  if (status == PSP_OKAY) {
+  if (send_answer(server, &answer, request->client, tag) == PSP_OKAY) {
     ++server->answered;
-    psp_log("%d asked: %s: %u packages%s%s\n", request->client, request->query, answer.count,
-            answer.result != 0 ? ", " : "", answer.message);
+    log_answer(&answer, request);
   } else {
-    psp_log_err("%d asked, and is not there for the answer\n", request->client);
+    psp_log_err("%d asked, but does not get the answer: gone, asleep, or memory is short\n",
+                request->client);
   }
   psp_freeTagMemory(tag, 1);
 }
 
-/* After bytes that are no request everything that has arrived is dropped: nobody can tell where the
- * next one starts. A client whose request was among it gets no answer, and says so. */
-static void serve_requests(Server *server) {
+static int serve_requests(Server *server) {
   Request request;
   while (!stop_flag) {
     psp_status status = get_request(server->in, kPause, &request);
+    if (request.has_rubbish) psp_log_err("something that is no request was dropped\n");
     if (status == PSP_OKAY) {
       serve_request(server, &request);
     } else if (status != PSP_TIMEOUT) {
-      psp_log_err("something that is no request was dropped\n");
-      psp_inputBuffReset(server->in);
+      return file_failed("the requests", "cannot be read on", kFailed);
     }
   }
+  return 0;
 }
 
 static int open_requests(Server *server) {
-  char *path = data_path(server->settings->folder, kRequestPipe, NULL);
+  char *path = request_pipe(server->settings->folder, NULL);
   int result = path != NULL ? make_pipe(path) : kFailed;
-  if (result == 0 && !open_for_reading(&server->requests, path)) {
+  if (result == 0 && !open_for_reading(&server->requests, path, 0)) {
     result = file_failed(path, "cannot be opened", kFailed);
   }
   if (result == 0 && psp_inputBuffCreate(read_pipe, read_pipe_timed, &server->requests, 0,
@@ -113,6 +125,19 @@ static int open_requests(Server *server) {
   return result;
 }
 
+/* Clients that were killed have left their pipes. */
+static void remove_lost_replies(const char *folder) {
+  psp_pathIter *names = psp_pathOpen(folder, "reply-*.pipe");
+  const char *name;
+  uint32_t is_folder;
+  while (names != NULL && (name = psp_pathNext(names, &is_folder)) != NULL) {
+    char *path = data_path(folder, name, NULL);
+    if (path != NULL && is_lost_pipe(path)) psp_fileRemove(path);
+    psp_freeMem(path, NULL);
+  }
+  if (names != NULL) psp_pathClose(names);
+}
+
 /* What a service must do: say that it has started, look at its flag, say that it is done. */
 static int32_t run(psp_word settings, psp_word unused) {
   Server server = {.settings = (const Settings *)settings, .requests = {.descriptor = -1}};
@@ -120,10 +145,11 @@ static int32_t run(psp_word settings, psp_word unused) {
   server.input = data_path(server.settings->folder, server.settings->value[kInputFile], NULL);
   int result = server.input != NULL ? load(&server) : kFailed;
   if (result == 0) result = open_requests(&server);
+  remove_lost_replies(server.settings->folder);
   psp_serviceStarted();
   if (result == 0) {
     psp_log("serving until interrupted\n");
-    serve_requests(&server);
+    result = serve_requests(&server);
     psp_log("%u queries answered\n", server.answered);
   }
   psp_serviceDone();
@@ -151,7 +177,10 @@ int serve(Settings *settings) {
   PSP_FH lock = lock_folder(settings->folder);
   if (lock == NULL) return kFailed;
   int result = open_log(settings, kServeLog);
-  if (result == 0 && psp_handleInterrupt(on_interrupt) != PSP_OKAY) result = kFailed;
+  if (result == 0 && psp_handleInterrupt(on_interrupt) != PSP_OKAY) {
+    psp_log_err("interrupts cannot be handled\n");
+    result = kFailed;
+  }
   if (result == 0) {
     result = psp_serviceStart(kServiceName, (uint16_t *)&stop_flag, (psp_word)settings, 0, run);
     psp_handleInterrupt(NULL);
@@ -161,8 +190,17 @@ int serve(Settings *settings) {
   return result;
 }
 
+/* The manager starts programs in a folder of its own: names have to be whole. */
+static char *whole_name(const char *name) {
+  if (psp_pathIsFullyQualified(name)) return psp_strdup(name, NULL);
+  char *folder = psp_currdir();
+  char *whole = folder != NULL ? psp_makeString("%s/%s", folder, name) : NULL;
+  psp_freeMem(folder, NULL);
+  return whole;
+}
+
 int install_service(const char *folder, const char *program) {
-  char *path = psp_fullpath(program), *data = psp_fullpath(folder);
+  char *path = whole_name(program), *data = whole_name(folder);
   char *arguments = data != NULL ? psp_makeString("--data \"%s\" serve", data) : NULL;
   psp_status status = PSP_FAILED;
   if (path != NULL && arguments != NULL) {
@@ -186,59 +224,4 @@ int uninstall_service(void) {
                                                        ? ": you may not manage services"
                                                        : "");
   return kFailed;
-}
-
-/* ---- The client ------------------------------------------------------------------------------ */
-
-static psp_status exchange(Pipe *requests, Pipe *reply, const char *query, psp_tag *tag,
-                           Answer *answer) {
-  psp_outputBuff *out = NULL;
-  psp_inputBuff *in = NULL;
-  psp_status status = psp_outputBuffCreate(write_pipe, requests, 0, &out);
-  if (status == PSP_OKAY) status = psp_inputBuffCreate(read_pipe, NULL, reply, 0, &in);
-  if (status == PSP_OKAY) status = put_request(out, query);
-  if (status == PSP_OKAY) status = get_answer(in, tag, answer);
-  psp_inputBuffDestroy(in);
-  psp_outputBuffDestroy(out);
-  return status;
-}
-
-static int ask_in_tag(const char *folder, const char *query, psp_tag *tag) {
-  char *request_path = data_path(folder, kRequestPipe, tag);
-  char *path = reply_path(folder, psp_get_pid(), tag);
-  Pipe requests, reply;
-  Answer answer;
-  if (request_path == NULL || path == NULL) return kFailed;
-  if (strlen(query) > kMostQueryBytes) {
-    psp_log_err("query:1:1: a query has at most %d bytes\n", kMostQueryBytes);
-    return kBadQuery;
-  }
-  if (!open_for_writing(&requests, request_path)) {
-    return file_failed(request_path, "no server reads it", kNoServer);
-  }
-  int result = make_pipe(path);
-  if (result == 0 && !open_for_reading(&reply, path)) {
-    result = file_failed(path, "cannot be opened", kFailed);
-  }
-  if (result == 0) {
-    psp_status status = exchange(&requests, &reply, query, tag, &answer);
-    if (status == PSP_OKAY) {
-      result = print_answer(&answer);
-    } else {
-      psp_log_err("the server gives no answer%s\n", status == PSP_TIMEOUT ? " in time" : "");
-      result = kNoServer;
-    }
-    close_pipe(&reply);
-  }
-  psp_fileRemove(path);
-  close_pipe(&requests);
-  return result;
-}
-
-int ask(const char *folder, const char *query) {
-  psp_tag *tag = psp_createTag(0);
-  if (tag == PSP_TAG_FAILED) return kFailed;
-  int result = ask_in_tag(folder, query, tag);
-  psp_freeTagMemory(tag, 1);
-  return result;
 }

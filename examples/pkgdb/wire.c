@@ -1,15 +1,27 @@
 /* What the server and its clients say to each other, in typed buffers.
  *
  *   request   kRequestMark, the client's process identifier, the query as a string
- *   answer    kAnswerMark, a result; then, unless it is 0, a message as a string, or else the
- * number of packages and for each name, version, section, summary as strings and its size
+ *   answer    kAnswerMark, a result; then,
+ *             if that is 0, the number of packages, and for each of them its name, version,
+ *             section and summary as strings and its size,
+ *             else a message as a string
  *
  * A request is sent at once and is short enough for the platform to keep it in one piece among
- * those of other clients. Both ends are one program on one machine: the order of bytes is the
- * machine's. */
+ * those of other clients: when its first byte has arrived, all of it has. Both ends are one program
+ * on one machine: the order of bytes is the machine's. */
+#include <string.h>
+
 #include "pkgdb.h"
 
 enum { kRequestMark = 0x71676b70, kAnswerMark = 0x61676b70, kMostPackages = 1 << 24 };
+
+char *request_pipe(const char *folder, psp_tag *tag) {
+  return data_path(folder, "pkgdb.pipe", tag);
+}
+
+char *reply_pipe(const char *folder, int32_t client, psp_tag *tag) {
+  return psp_makeStr(tag, "%s\\reply-%d.pipe", folder, client);
+}
 
 /* Puts or gets one value after the other until one fails. */
 static void then_put_int(psp_status *status, psp_outputBuff *out, int32_t value) {
@@ -32,16 +44,32 @@ psp_status put_request(psp_outputBuff *out, const char *query) {
   return status == PSP_OKAY ? psp_outputBuffFlush(out) : status;
 }
 
-psp_status get_request(psp_inputBuff *in, uint32_t milliseconds, Request *request) {
+/* Finds the next mark, and tells whether bytes stood before it that are no request. */
+static psp_status find_mark(psp_inputBuff *in, uint32_t milliseconds, int *has_rubbish) {
   int32_t mark = 0;
+  char *bytes = (char *)&mark;
   psp_status status = psp_inputBuffGetInt32Timeout(in, &mark, milliseconds);
+  while (status == PSP_OKAY && mark != kRequestMark) {
+    *has_rubbish = 1;
+    memmove(bytes, bytes + 1, sizeof mark - 1);
+    status = psp_inputBuffGetChar(in, &bytes[sizeof mark - 1]);
+  }
+  return status;
+}
+
+/* The transport waits for nothing that belongs to a request: what is not there at once never will
+ * be, and the next mark starts the next request. */
+psp_status get_request(psp_inputBuff *in, uint32_t milliseconds, Request *request) {
+  request->has_rubbish = 0;
+  psp_status status = find_mark(in, milliseconds, &request->has_rubbish);
   if (status != PSP_OKAY) return status;
-  if (mark != kRequestMark) return PSP_FAILED;
   then_get_int(&status, in, &request->client);
   if (status == PSP_OKAY) {
     status = psp_inputBuffGetStringWithLength(in, request->query, sizeof request->query);
   }
-  return status == PSP_OKAY ? PSP_OKAY : PSP_FAILED;
+  if (status == PSP_OKAY) return PSP_OKAY;
+  request->has_rubbish = 1;
+  return status == PSP_ERR_TRUNCATED ? PSP_TIMEOUT : status;
 }
 
 /* ---- Answers --------------------------------------------------------------------------------- */
@@ -95,6 +123,7 @@ static psp_status get_packages(psp_inputBuff *in, psp_tag *tag, Answer *answer) 
   psp_status status = psp_inputBuffGetInt32(in, &count);
   if (status != PSP_OKAY) return status;
   if (count < 0 || count > kMostPackages) return PSP_FAILED;
+  if (count == 0) return PSP_OKAY; /* a block of no bytes would be null, as after a failure */
   answer->packages = psp_alloc((size_t)count * sizeof *answer->packages, tag);
   if (answer->packages == NULL) return PSP_ERR_NOMEMORY;
   while (status == PSP_OKAY && answer->count < (uint32_t)count) {

@@ -98,24 +98,33 @@ check_queries() {
   expect_failure 8 "no server reads it" --data asked ask 'size > 1'
   ./pkgdb --data asked serve > console.txt 2>&1 &
   local server=$! tries=100 word
+  # shellcheck disable=SC2064
+  trap "kill $server" EXIT  # no server outlives a check that fails
   until grep -q serving console.txt || ((--tries == 0)); do sleep 0.05; done
   expect_failure 5 "cannot be locked" --data asked serve
   echo "no request" > asked/pkgdb.pipe
+  mkfifo asked/reply-1.pipe  # of a client that died before its answer came
+  printf 'pkgq\1\0\0\0\0\0\0\0' > asked/pkgdb.pipe
+  rm asked/reply-1.pipe
   for word in query ask; do
     expect "$word" "equal-a equal-b last" "$(names_of $word 'section = "misc" order by size desc')"
     expect "$word" "held equal-a equal-b" \
       "$(names_of $word $'not (size < 5 or section = "fonts")\norder by section desc limit 3')"
-    expect "$word" "bare" "$(names_of $word 'version = ""')"
+    expect "$word" "bare" "$(names_of $word 'VERSION = "" AND Size < 1')"
+    expect "$word" "" "$(names_of $word 'name = "none"')"
     expect_failure 7 'query:2:3: "und" does not fit here' --data asked $word $'name = "é"\n  und size > 3'
     expect_failure 7 'query:1:15: "colour" is no field' --data asked $word 'name = "é" or colour = 1'
     expect_failure 7 'query:1:7: the query ends too early' --data asked $word 'size >'
+    expect_failure 7 'query:1:8: "é" starts nothing' --data asked $word 'name = é'
     expect_failure 7 'query:1:8: the string has no end' --data asked $word 'name = "'
     expect_failure 7 'query:1:8: size is compared with a number' --data asked $word 'size = "1"'
     expect_failure 7 'a query has at most 3000 bytes' --data asked $word "$(printf '(%.0s' {1..3001})"
   done
   kill -TERM "$server"
+  trap - EXIT
   wait "$server" || fail "the server's exit status is $?"
   grep -q '^\[.*\]  [0-9]* queries answered' asked/serve.log || fail "the server has not logged its end"
+  grep -q '^\[.*\]  1 asked, but does not get the answer' asked/serve.log || fail "no lost client in the log"
   expect "files of the server" "pkgdb.ini pkgdb.lock pkgdb.pipe serve.log" "$(cd asked && echo *)"
 }
 
