@@ -16,12 +16,22 @@
  * - Memory that a function hands out belongs to the caller, who gives it back with psp_freeMem and
  *   the tag that the comment names. A pointer marked "const" in a result stays the library's.
  * - When memory runs out, "Out of memory. Called from FILE:LINE" is logged and the function gives
- *   its failure result, having changed nothing. If the tag concerned is armed (psp_createTagEx,
- *   psp_resetTag), control returns to the armed point instead, from the outermost psp_ function,
- *   after everything that this function had taken has been given back.
- * - "Any thread" means: may run at the same time in any number of threads. "One thread at a time"
- *   means: calls that name the same object must not overlap.
+ *   its failure result. If the tag concerned is armed (psp_createTagEx, psp_resetTag), control
+ *   returns to the armed point instead, from the outermost psp_ function, after everything that
+ *   this function had taken has been given back. What a function takes of the default tag makes it
+ *   jump like any other when somebody has armed that.
  * - After a failed call psp_errno tells the platform's code; cleaning up never changes it.
+ *
+ * The comment of a function ends with what it asks of its caller. "As psp_NAME" before that means:
+ * with the arguments and results of that function.
+ * - Owner: who gives back what the function hands out or keeps, and with what.
+ * - Threads: "any": it may run at the same time in any number of threads. "one at a time": calls
+ *   that name the same object must not overlap.
+ * - Start: whether the library must be started, and what happens else. "that of the handle" (or
+ *   pool, ...): the call wants the object alive, which it is no longer after the last psp_term.
+ * - Memory: the result when memory is short, and what is left behind then. "needs none": the call
+ *   obtains none and never jumps; what the platform takes for its own is not the library's. "no
+ *   jump": the memory belongs to no tag, so that the call never jumps, and logs no message.
  *
  * Fork: a child may go on using memory, files, streams and log if no other thread of its parent
  * was inside the library or held one of its locks at the moment of the fork.
@@ -109,49 +119,56 @@ typedef int32_t psp_status;
 
 /** Starts the library, or counts one more start when it is started already.
  *
- *  @return PSP_OKAY; PSP_FAILED when a module could not start, and then everything is as before.
- *  Works without a start. Any thread. */
+ *  @return PSP_OKAY; PSP_FAILED when a module could not start.
+ *
+ *  Threads: any. Start: not needed. Memory: if short, PSP_FAILED, with everything as before. */
 PSP_API psp_status psp_init(void) PSP_MUST_USE;
 
-/** Counts one stop; the one that matches the first psp_init stops the library.
+/** Counts one stop; the one that matches the first psp_init stops the library. A call too many does
+ *  nothing.
  *
- *  No other thread may be inside the library at the last stop. A call too many does nothing.
- *  Works without a start. Any thread. */
+ *  Threads: any, but no other may be inside the library at the last stop. Start: not needed.
+ *  Memory: needs none. */
 PSP_API void psp_term(void);
 
 /** Switches read-only mode on for the rest of the process: disk files are opened only for reading,
  *  and writes to disk files and to the standard channels write nothing and give 0.
  *
- *  Works without a start. Any thread. */
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_rdonly(void);
 
 /** Switches no-disk mode on for the rest of the process: operations on the disk fail as if there
  *  were none. Handles opened before go on working.
  *
- *  Works without a start. Any thread. */
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_nodisk(void);
 
 /** Tells the version of the loaded library: 11, 0, 586.
  *
  *  @param major,minor,build  where to store the numbers; each may be null.
- *  Works without a start. Any thread. */
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_version(uint16_t *major, uint16_t *minor, uint16_t *build);
 
 /** Tells whether the process runs under a memory-checking tool that the library knows.
  *
  *  @return always 0.
- *  Works without a start. Any thread. */
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_isPurifyRunning(void);
 
-/** The platform's last error code of the calling thread: errno on POSIX, GetLastError on Windows.
+/** Tells the platform's last error code of the calling thread.
  *
- *  Works without a start. Any thread. */
+ *  @return errno on POSIX, GetLastError on Windows.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint32_t psp_errno(void);
 
 /** Writes the text and a newline to the C runtime's standard output, past all channels.
  *
  *  @param text  what to write; null writes an empty line.
- *  Works without a start. Any thread. */
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_errPrint(const char *text);
 
 /* ---- Tagged memory ----------------------------------------------------------------------------
@@ -179,52 +196,63 @@ typedef struct psp_tag psp_tag;
 
 /** Makes a tag.
  *
- *  @param jump   a filled jump buffer, which is copied, to arm the tag; null leaves it unarmed.
- *  @param flags  PSP_TAG_THREADSAFE or 0; other bits are ignored.
+ *  @param jump       a filled jump buffer, which is copied, to arm the tag; null leaves it unarmed.
+ *  @param flags      PSP_TAG_THREADSAFE or 0; other bits are ignored. A lock that cannot be made is
+ *                    left out: that all sync objects exist, or that memory is short, is logged.
  *  @param file,line  the caller's source position; not used at present.
  *  @return the tag; PSP_TAG_FAILED (not null) when the library is not started or memory is short.
- *  Ended by psp_freeTagMemory(tag, 1). Any thread. */
+ *
+ *  Owner: the caller, until psp_freeTagMemory with release. Threads: any. Start: needed, else
+ *  PSP_TAG_FAILED. Memory: if short, PSP_TAG_FAILED and nothing stays behind; for the lock alone,
+ *  see flags. */
 PSP_API psp_tag *psp_createTagEx(jmp_buf *jump, uint32_t flags, const char *file,
                                  uint32_t line) PSP_MUST_USE;
 
 /** Arms the tag with a copy of the jump buffer, or disarms it.
  *
  *  @param jump  a filled jump buffer; null disarms.
- *  @param tag   the tag; null is the default tag.
- *  Does nothing when the library is not started. Thread rule of the tag. */
+ *  @param tag   the tag; null is the default tag; PSP_TAG_FAILED does nothing.
+ *
+ *  Threads: as the tag. Start: needed, else it does nothing. Memory: needs none. */
 PSP_API void psp_resetTag(jmp_buf *jump, psp_tag *tag);
 
-/** Releases all blocks of a tag.
+/** Releases all blocks of a tag, and ends the tag if wanted.
  *
  *  @param tag      the tag; null and PSP_TAG_FAILED do nothing, the default tag is the library's.
  *  @param release  0 keeps the empty tag; anything else ends it, and no other thread may use it.
- *  Does nothing when the library is not started. Thread rule of the tag. */
+ *
+ *  Threads: as the tag. Start: needed, else it does nothing. Memory: needs none. */
 PSP_API void psp_freeTagMemory(psp_tag *tag, int16_t release);
 
 /** Obtains a block, aligned for any type.
  *
- *  @param size    bytes; 0 gives null without a message in the modes that use it.
- *  @param tag     the owner; null is the default tag.
- *  @param mode    PSP_MEM_ALLOC to PSP_MEM_WSTRDUP; any other value gives null without a message.
- *  @param source  what to copy in modes 3 to 5, not null there; else ignored.
+ *  @param size       bytes; 0 gives null without a message in the modes that use it.
+ *  @param tag        the owner; null is the default tag; PSP_TAG_FAILED gives null.
+ *  @param mode       PSP_MEM_ALLOC to PSP_MEM_WSTRDUP; any other value gives null without a
+ *                    message.
+ *  @param source     what to copy in modes 3 to 5, null gives null there; else ignored.
  *  @param file,line  the caller's source position, for the message. The text must outlive the call.
- *  @return the block; null when the library is not started or memory is short (after the message
- *          "Out of memory. Called from FILE:LINE"; an armed tag jumps instead).
- *  Released by psp_freeMem with the same tag, or with the tag. Thread rule of the tag. */
+ *  @return the block, or null.
+ *
+ *  Owner: the caller, until psp_freeMem with the same tag, or with the tag. Threads: as the tag.
+ *  Start: needed, else null. Memory: if short, null after the message "Out of memory. Called from
+ *  FILE:LINE"; an armed tag jumps instead. */
 PSP_API void *psp_getMem(size_t size, psp_tag *tag, uint32_t mode, const void *source,
                          const char *file, uint32_t line) PSP_MUST_USE;
 
 /** Changes the size of a block, moving it if need be.
  *
- *  @param pointer     a block of the tag; null obtains a new one, zero-filled if zero is set.
+ *  @param pointer     a block of the tag; null obtains a new one, zero-filled if zero is set; a
+ *                     pointer that is no live block gives null.
  *  @param size        the new size in bytes; 0 keeps an empty block, or gives null for no pointer.
- *  @param tag         the block's tag; null is the default tag.
+ *  @param tag         the block's tag; null is the default tag; PSP_TAG_FAILED gives null.
  *  @param zero        not 0: set the last zero_count bytes of the new size to zero.
  *  @param zero_count  bytes to clear, normally those added; more than size clears size bytes.
  *  @param file,line   as in psp_getMem.
- *  @return the block, perhaps at another address; null when the library is not started, the pointer
- *          is no live block or memory is short. The old block is untouched then.
- *  Thread rule of the tag. */
+ *  @return the block, perhaps at another address, or null.
+ *
+ *  Owner: the caller, as of a block of psp_getMem. Threads: as the tag. Start: needed, else null.
+ *  Memory: if short, as psp_getMem, with the old block untouched. */
 PSP_API void *psp_extendMem(void *pointer, size_t size, psp_tag *tag, int32_t zero,
                             size_t zero_count, const char *file, uint32_t line) PSP_MUST_USE;
 
@@ -233,17 +261,20 @@ PSP_API void *psp_extendMem(void *pointer, size_t size, psp_tag *tag, int32_t ze
  *  @param pointer  the block; null does nothing. A pointer that is no live block (released already,
  *                  or never the library's) is left alone after the message "Attempting to free
  *                  previously freed memory" on the C runtime's standard output.
- *  @param tag      the block's tag; null is the default tag.
- *  Does nothing when the library is not started. Thread rule of the tag. */
+ *  @param tag      the block's tag; null is the default tag; PSP_TAG_FAILED does nothing.
+ *
+ *  Threads: as the tag. Start: needed, else it does nothing. Memory: needs none. */
 PSP_API void psp_freeMem(void *pointer, psp_tag *tag);
 
 /** Hands a block from one tag to another; its address stays.
  *
  *  @param pointer      the block; null and pointers that are no live block do nothing.
  *  @param destination  the new tag; null is the default tag.
- *  @param source       the block's tag; null is the default tag. Equal arguments do nothing.
- *  Does nothing when the library is not started. Thread rules of both tags, whose locks are never
- *  held together. */
+ *  @param source       the block's tag; null is the default tag. Equal arguments do nothing, nor
+ *                      does PSP_TAG_FAILED in either.
+ *
+ *  Threads: as the tags, whose locks are never held together. Start: needed, else it does nothing.
+ *  Memory: needs none. */
 PSP_API void psp_moveMemTag(void *pointer, psp_tag *destination, psp_tag *source);
 
 /** Compares two byte ranges as unsigned bytes.
@@ -251,7 +282,8 @@ PSP_API void psp_moveMemTag(void *pointer, psp_tag *destination, psp_tag *source
  *  @param first,second  the ranges.
  *  @param length        bytes of each; 0 compares equal.
  *  @return -1, 0 or 1 as the first range is smaller, equal or larger.
- *  Works without a start. Any thread. */
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_memCmp(const void *first, const void *second, size_t length);
 
 #define psp_createTag(flags) psp_createTagEx(NULL, (flags), __FILE__, __LINE__)
@@ -282,22 +314,27 @@ typedef struct psp_pool psp_pool;
  *                      obtained.
  *  @param thread_safe  not 0 gives the pool a lock. A lock that cannot be made, which is logged, is
  *                      left out.
- *  @return the pool; null when the library is not started or memory is short.
- *  Ended by psp_zFreePool, or with its tag; then its lock lasts until the last psp_term. */
+ *  @return the pool, or null.
+ *
+ *  Owner: the caller, until psp_zFreePool, or the tag; then its lock lasts until the last psp_term.
+ *  Threads: as the tag. Start: needed, else null. Memory: if short, null and nothing stays behind;
+ *  for the lock alone, see thread_safe. */
 PSP_API psp_pool *psp_allocPool(psp_tag *tag, uint16_t fixed_size,
                                 uint32_t thread_safe) PSP_MUST_USE;
 
 /** Obtains a chunk, aligned for any type.
  *
- *  @param size    bytes.
- *  @param pool    the pool; null gives null.
- *  @param mode    PSP_MEM_ZERO clears size bytes; PSP_MEM_COPY copies size bytes from source; any
- *                 other value leaves the content as it is.
- *  @param source  what PSP_MEM_COPY copies; null gives null there.
+ *  @param size       bytes.
+ *  @param pool       the pool; null gives null.
+ *  @param mode       PSP_MEM_ZERO clears size bytes; PSP_MEM_COPY copies size bytes from source;
+ *                    any other value leaves the content as it is.
+ *  @param source     what PSP_MEM_COPY copies; null gives null there.
  *  @param file,line  the caller's source position, as in psp_getMem.
- *  @return the chunk; null when the library is not started or memory is short, after the message of
- *          psp_getMem; an armed tag jumps instead.
- *  Given back by psp_putInPool, or released with the tag. Thread rule of the pool. */
+ *  @return the chunk, or null.
+ *
+ *  Owner: the caller, who gives it back with psp_putInPool, or the tag. Threads: as the pool.
+ *  Start: needed, else null. Memory: if short, as psp_getMem with the pool's tag; a waiting chunk
+ *  that was too small is released by then. */
 PSP_API void *psp_getMemFromPool(size_t size, psp_pool *pool, uint32_t mode, const void *source,
                                  const char *file, uint32_t line) PSP_MUST_USE;
 
@@ -308,14 +345,17 @@ PSP_API void *psp_getMemFromPool(size_t size, psp_pool *pool, uint32_t mode, con
  *                  another pool's chunk becomes one of this pool and its tag, a chunk that waits
  *                  already is left alone.
  *  @param pool     the pool; null does nothing.
- *  Thread rule of the pool. */
+ *
+ *  Threads: as the pool. Start: needed, else it does nothing. Memory: needs none. */
 PSP_API void psp_putInPool(void *pointer, psp_pool *pool);
 
 /** Ends a pool with its waiting chunks. Those handed out stay blocks of the tag and must not be
  *  given back any more.
  *
  *  @param pool  the variable that holds the pool; set to null. Null, there or in it, does nothing.
- *  Nobody may use the pool meanwhile or afterwards. */
+ *
+ *  Owner: the library again. Threads: only one that nobody else uses the pool beside, then or
+ *  later. Start: needed, else the variable is set and nothing else done. Memory: needs none. */
 PSP_API void psp_zFreePool(psp_pool **pool);
 
 /* ---- Sync objects -----------------------------------------------------------------------------
@@ -338,28 +378,36 @@ typedef struct psp_syncObject *psp_sync;
 
 /** Makes a sync object: a lock that nobody holds, or an open gate.
  *
- *  @param kind  PSP_SYNC_EXCL or PSP_SYNC_EVENT.
+ *  @param kind       PSP_SYNC_EXCL or PSP_SYNC_EVENT; any other value gives PSP_SYNC_NONE.
  *  @param file,line  the caller's source position, for the message.
- *  @return the object; PSP_SYNC_NONE when the library is not started, the kind is another, memory
- *          is short, or all 131,072 exist ("Insufficient number of semaphores, called from
- *          FILE:LINE" is logged then).
- *  Ended by psp_syncDelete, at the latest by the last psp_term. Any thread. */
+ *  @return the object; PSP_SYNC_NONE on failure, also when all 131,072 exist ("Insufficient number
+ *          of semaphores, called from FILE:LINE" is logged then).
+ *
+ *  Owner: the caller, until psp_syncDelete, at the latest the last psp_term. Threads: any. Start:
+ *  needed, else PSP_SYNC_NONE. Memory: if short, PSP_SYNC_NONE and nothing stays behind. */
 PSP_API psp_sync psp_syncCreate_check(int16_t kind, const char *file, uint32_t line) PSP_MUST_USE;
 
 /** Ends a sync object. Nobody may hold it, wait for it or use it any more.
  *
- *  @param object  a live object; PSP_SYNC_NONE and null do nothing. */
+ *  @param object  a live object; PSP_SYNC_NONE and null do nothing.
+ *
+ *  Threads: only when nobody else uses the object, now or later. Start: that of the
+ *  object. Memory: needs none. */
 PSP_API void psp_syncDelete(psp_sync object);
 
 /** Enters an exclusive lock, waiting as long as it takes. Each enter wants one exit.
  *
- *  @param object  a lock; a gate, PSP_SYNC_NONE and null do nothing. */
+ *  @param object  a lock; a gate, PSP_SYNC_NONE and null do nothing.
+ *
+ *  Threads: any. Start: that of the object. Memory: needs none. */
 PSP_API void psp_syncEnterExcl(psp_sync object);
 
 /** Leaves one level of an exclusive lock.
  *
  *  @param object  a lock; nothing happens if the calling thread does not hold it, nor for a gate,
- *                 PSP_SYNC_NONE and null. */
+ *                 PSP_SYNC_NONE and null.
+ *
+ *  Threads: any. Start: that of the object. Memory: needs none. */
 PSP_API void psp_syncExitExcl(psp_sync object);
 
 /** Waits until a gate is open.
@@ -367,27 +415,32 @@ PSP_API void psp_syncExitExcl(psp_sync object);
  *  @param object        a gate.
  *  @param milliseconds  the longest time to wait; 0 only looks, PSP_NO_LIMIT waits for ever.
  *  @return PSP_OKAY when open (and at once for any object that is no gate); PSP_TIMEOUT when the
- *          limit has passed; PSP_FAILED when the platform cannot wait. */
+ *          limit has passed; PSP_FAILED when the platform cannot wait.
+ *
+ *  Threads: any. Start: that of the object. Memory: needs none. */
 PSP_API psp_status psp_syncWait(psp_sync object, uint32_t milliseconds);
 
 /** Closes a gate: later waits block.
  *
- *  @param object  a gate; anything else does nothing. */
+ *  @param object  a gate; anything else does nothing.
+ *
+ *  Threads: any. Start: that of the object. Memory: needs none. */
 PSP_API void psp_syncStart(psp_sync object);
 
 /** Opens a gate and lets every waiter through.
  *
- *  @param object  a gate; anything else does nothing. */
+ *  @param object  a gate; anything else does nothing.
+ *
+ *  Threads: any. Start: that of the object. Memory: needs none. */
 PSP_API void psp_syncResume(psp_sync object);
 
-/** Enters the process-wide critical section, a recursive lock that guards one-time set-ups.
- *
- *  Works without a start. Any thread. It is not given up when its holder's thread ends. */
+/** Enters the process-wide critical section, a recursive lock that guards one-time set-ups. It is
+ *  not given up when its holder's thread ends. Threads: any. Start: not needed. Memory: needs none.
+ */
 PSP_API void psp_enterCritSec(void);
 
 /** Leaves one level of the process-wide critical section; nothing if the thread is not inside.
- *
- *  Works without a start. Any thread. */
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_exitCritSec(void);
 
 #define psp_syncCreate(kind) psp_syncCreate_check((kind), __FILE__, __LINE__)
@@ -416,32 +469,47 @@ PSP_API void psp_exitCritSec(void);
 
 /** Formats into a buffer.
  *
- *  @param buffer  where to store; null only measures.
- *  @param size    bytes of the buffer, the terminator included; at most size - 1 characters are
- *                 stored, and a size of 1 or more always gets a terminator.
- *  @param format  the format.
+ *  @param buffer     where to store; null only measures.
+ *  @param size       bytes of the buffer, the terminator included; at most size - 1 characters are
+ *                    stored, and a size of 1 or more always gets a terminator.
+ *  @param format     the format.
  *  @param arguments  the values that the format names.
  *  @return the characters that the whole text needs, without the terminator; -1 for a null format,
  *          a width or precision above 2^31 - 1, a floating value out of its notation's range (the
  *          text ends before the directive then), or a text of 2^31 - 1 characters or more.
- *  Works without a start. */
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_vsnprintf(char *buffer, size_t size, const char *format, va_list arguments);
 
-/** psp_vsnprintf with the values as arguments. */
+/** Formats the values behind the format into a buffer. As psp_vsnprintf. Threads: any. Start: not
+ *  needed. Memory: needs none. */
 PSP_API int32_t psp_snprintf(char *buffer, size_t size, const char *format, ...);
 
 /** Formats into a new string of the tag.
  *
  *  @param tag     the owner; null is the default tag.
- *  @param format  as in psp_vsnprintf.
- *  @return the string, released with psp_freeMem(string, tag); null when formatting fails or memory
- *          is short. */
+ *  @param format  as in psp_vsnprintf, with its values behind it.
+ *  @return the string; null when formatting fails, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, tag). Threads: as the tag. Start:
+ *  needed, else null. Memory: if short, null; an armed tag jumps. */
 PSP_API char *psp_makeStr(psp_tag *tag, const char *format, ...) PSP_MUST_USE;
 
-/** psp_makeStr under the default tag. */
+/** Formats into a new string of the default tag. As psp_makeStr.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: any. Start: needed,
+ *  else null. Memory: if short, null. */
 PSP_API char *psp_makeString(const char *format, ...) PSP_MUST_USE;
 
-/** psp_makeStr with the source position that an out-of-memory message names. */
+/** Formats into a new string, with the source position that an out-of-memory message names.
+ *
+ *  @param file,line  the position, as in psp_getMem.
+ *  @param tag        the owner; null is the default tag.
+ *  @param format     as in psp_vsnprintf, with its values behind it.
+ *  @return the string; null when formatting fails, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, tag). Threads: as the tag. Start:
+ *  needed, else null. Memory: if short, null; an armed tag jumps. */
 PSP_API char *psp_makeStrVA(const char *file, uint32_t line, psp_tag *tag, const char *format,
                             ...) PSP_MUST_USE;
 
@@ -456,26 +524,54 @@ typedef struct psp_rand psp_rand;
 /** Makes a generator.
  *
  *  @param seed  its seed; 0 stands for 2381394812.
- *  @return the generator; null when the library is not started or memory is short.
- *  Ended by psp_randDestroy. */
+ *  @return the generator, or null.
+ *
+ *  Owner: the caller, until psp_randDestroy. Threads: any. Start: needed, else null. Memory: if
+ *  short, null. */
 PSP_API psp_rand *psp_randCreate(uint32_t seed) PSP_MUST_USE;
 
-/** Ends a generator; null does nothing. */
+/** Ends a generator.
+ *
+ *  @param generator  the generator; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API void psp_randDestroy(psp_rand *generator);
 
 /** Starts the generator's sequence anew.
  *
- *  @param seed  its seed; 0 stands for itself. */
+ *  @param generator  the generator; null does nothing.
+ *  @param seed       its seed; 0 stands for itself.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API void psp_randResetSeed(psp_rand *generator, uint32_t seed);
 
-/** The low 15 bits of the next number: 0 to 32767. The generator of this and the functions below is
- *  not null. */
+/** Draws the low 15 bits of the next number.
+ *
+ *  @param generator  the generator; not null.
+ *  @return 0 to 32767.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API int32_t psp_randGet(psp_rand *generator);
-/** The next number: 0 to 2^32 - 1. */
+/** Draws the next number.
+ *
+ *  @param generator  the generator; not null.
+ *  @return 0 to 2^32 - 1.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API uint32_t psp_randGetUInt32(psp_rand *generator);
-/** The next two numbers: the first in the high 32 bits, the second in the low ones. */
+/** Draws the next two numbers.
+ *
+ *  @param generator  the generator; not null.
+ *  @return the first in the high 32 bits, the second in the low ones.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API uint64_t psp_randGetUInt64(psp_rand *generator);
-/** The next number divided by 2^32 - 1: 0 to 1, both included. */
+/** Draws the next number and divides it by 2^32 - 1.
+ *
+ *  @param generator  the generator; not null.
+ *  @return 0 to 1, both included.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API double psp_randGetDouble(psp_rand *generator);
 
 /* ---- UTF-8 and UTF-16 -------------------------------------------------------------------------
@@ -499,15 +595,26 @@ PSP_API double psp_randGetDouble(psp_rand *generator);
  *
  *  @param destination  bytes, or null to measure.
  *  @param source       the wide string, not null.
- *  @param size         bytes of the destination, the terminator included.
+ *  @param size         bytes of the destination, the terminator included; at least 1.
  *  @param mode         PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
  *  @return bytes stored or needed, the terminator included; -1 when the source is invalid, or a
  *          replacement for a held high surrogate finds no room, or the result would pass 2^31 - 1.
- *          After -1 the destination holds what came before, without a terminator. */
+ *          After -1 the destination holds what came before, without a terminator.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_wchar_to_utf8(char *destination, const psp_wchar *source, uint32_t size,
                                   uint32_t mode);
 
-/** Converts count units, zero units included. Otherwise as psp_wchar_to_utf8. */
+/** Converts so many units to UTF-8, zero units included.
+ *
+ *  @param destination  bytes, or null to measure.
+ *  @param size         bytes of the destination, the terminator included; at least 1.
+ *  @param source       the units.
+ *  @param count        how many.
+ *  @param mode         PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
+ *  @return as psp_wchar_to_utf8.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_wchar_to_utf8_len(char *destination, uint32_t size, const psp_wchar *source,
                                       uint32_t count, uint32_t mode);
 
@@ -515,16 +622,27 @@ PSP_API int32_t psp_wchar_to_utf8_len(char *destination, uint32_t size, const ps
  *
  *  @param destination  units, or null to measure.
  *  @param source       the UTF-8 string, not null.
- *  @param size         units of the destination, the terminator included.
+ *  @param size         units of the destination, the terminator included; at least 1.
  *  @param mode         PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
  *  @return units stored or needed, the terminator included; -1 when the source is invalid, or a
  *          replacement for a sequence cut short by the end finds no room, or the result would pass
  *          2^31 - 1. A character that does not fit is dropped, and a later shorter one may still
- *          take the remaining place. */
+ *          take the remaining place.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_utf8_to_wchar(psp_wchar *destination, const char *source, uint32_t size,
                                   uint32_t mode);
 
-/** Converts count bytes, zero bytes included. Otherwise as psp_utf8_to_wchar. */
+/** Converts so many bytes to UTF-16, zero bytes included.
+ *
+ *  @param destination  units, or null to measure.
+ *  @param size         units of the destination, the terminator included; at least 1.
+ *  @param source       the bytes.
+ *  @param count        how many.
+ *  @param mode         PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
+ *  @return as psp_utf8_to_wchar.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_utf8_to_wchar_len(psp_wchar *destination, uint32_t size, const char *source,
                                       uint32_t count, uint32_t mode);
 
@@ -532,21 +650,30 @@ PSP_API int32_t psp_utf8_to_wchar_len(psp_wchar *destination, uint32_t size, con
  *
  *  @param source  the wide string, not null.
  *  @param mode    PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
- *  @return the string, released with psp_freeMem(string, NULL); null when the source is invalid,
- *          memory is short or the library is not started. */
+ *  @return the string; null when the source is invalid, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: any. Start: needed,
+ *  else null. Memory: if short, null. */
 PSP_API char *psp_convertToUTF8(const psp_wchar *source, uint32_t mode) PSP_MUST_USE;
 
-/** Converts a UTF-8 string to a new wide string of the default tag. As psp_convertToUTF8. */
+/** Converts a UTF-8 string, not null, to a new wide string of the default tag. As
+ *  psp_convertToUTF8.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: any. Start: needed,
+ *  else null. Memory: if short, null. */
 PSP_API psp_wchar *psp_convertToWchar(const char *source, uint32_t mode) PSP_MUST_USE;
 
 /** Converts an argument vector to UTF-8, strictly.
  *
- *  @param count      entries; 0 gives an empty array.
+ *  @param count      entries; 0 gives an empty array, a negative number PSP_FAILED.
  *  @param arguments  wide strings; a null entry gives a null entry.
- *  @param result     receives the array of count strings, without a null at the end. The caller
- *                    releases each string and then the array with psp_freeMem(..., NULL).
- *  @return PSP_OKAY; PSP_FAILED when an entry is invalid or memory is short: nothing is left
- *          allocated then, and the result is null (untouched if the array itself failed). */
+ *  @param result     receives the array of count strings, without a null at the end; null when an
+ *                    entry cannot be converted, untouched when the array itself cannot be made.
+ *  @return PSP_OKAY; PSP_FAILED when an entry is invalid, too.
+ *
+ *  Owner: the caller, who releases each string and then the array with psp_freeMem(..., NULL).
+ *  Threads: any. Start: needed, else PSP_FAILED. Memory: if short, PSP_FAILED and nothing stays
+ *  behind. */
 PSP_API psp_status psp_convertArgvToUTF8(int32_t count, psp_wchar *const *arguments,
                                          char ***result) PSP_MUST_USE;
 
@@ -558,7 +685,9 @@ PSP_API psp_status psp_convertArgvToUTF8(int32_t count, psp_wchar *const *argume
  *  @param text     the text; null counts as empty.
  *  @param pattern  the pattern; null counts as empty.
  *  @return the first place where it occurs; null when it does not, and for an empty text. An empty
- *          pattern occurs at the start of any other text. */
+ *          pattern occurs at the start of any other text.
+ *
+ *  Owner: that of the text. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API const char *psp_strcasestr(const char *text, const char *pattern);
 
 /** Copies at most size - 1 characters, fills the rest of the buffer with zeros and terminates it.
@@ -566,34 +695,68 @@ PSP_API const char *psp_strcasestr(const char *text, const char *pattern);
  *  @param destination  the buffer.
  *  @param source       the string; null counts as empty.
  *  @param size         bytes of the buffer; 0 touches nothing.
- *  @return the destination. */
+ *  @return the destination.
+ *
+ *  Owner: that of the destination. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API char *psp_strncpyZ(char *destination, const char *source, uint32_t size);
 
-/** psp_strncpyZ for wide strings; the size is in units. */
+/** Copies a wide string; the size is in units. As psp_strncpyZ.
+ *
+ *  Owner: that of the destination. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_wchar *psp_wcsncpyZ(psp_wchar *destination, const psp_wchar *source, uint32_t size);
 
-/** Rounds to the nearest whole number, halves away from zero. Infinity and NaN stay what they are;
- *  the sign stays also at zero. */
+/** Rounds to the nearest whole number, halves away from zero.
+ *
+ *  @param value  the number.
+ *  @return the whole number, with the sign of the value also at zero. Infinity and NaN stay what
+ *          they are.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API double psp_round(double value);
 
-/** The alignment class (0 to 6) of a field type code such as 'i' or 'F'; 0 for unknown codes. */
+/** Tells the alignment class of a field type.
+ *
+ *  @param code  the type's code, such as 'i' or 'F'.
+ *  @return 0 to 6; 0 for unknown codes.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_alignType(char code);
 
-/** The smallest offset not below the given one that is a multiple of the class's alignment.
+/** Finds the smallest offset not below the given one that is a multiple of the class's alignment.
  *
  *  @param offset           bytes; near 65,535 the result wraps.
- *  @param alignment_class  0 to 6: 1, 2, 2, 4, 4, 8, 8 bytes; any other value aligns to 1. */
+ *  @param alignment_class  0 to 6: 1, 2, 2, 4, 4, 8, 8 bytes; any other value aligns to 1.
+ *  @return the offset in bytes.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint16_t psp_align(uint16_t offset, int32_t alignment_class);
 
-/** The bytes of a value in reverse order. */
+/** Reverses the bytes of a value.
+ *
+ *  @param value  any value.
+ *  @return the value with its bytes in reverse order.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint16_t psp_swaporder16(uint16_t value);
-/** The bytes of a value in reverse order. */
+/** Reverses the bytes of a value. As psp_swaporder16. Threads: any. Start: not needed. Memory:
+ *  needs none. */
 PSP_API uint32_t psp_swaporder32(uint32_t value);
-/** The bytes of a value in reverse order. */
+/** Reverses the bytes of a value. As psp_swaporder16. Threads: any. Start: not needed. Memory:
+ *  needs none. */
 PSP_API uint64_t psp_swaporder64(uint64_t value);
-/** The float whose bytes are those of the pattern in reverse order. */
+/** Gives the float whose bytes are those of a pattern in reverse order.
+ *
+ *  @param pattern  any bits.
+ *  @return the float.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API float psp_swaporderf32(uint32_t pattern);
-/** The double whose bytes are those of the pattern in reverse order. */
+/** Gives the double whose bytes are those of a pattern in reverse order.
+ *
+ *  @param pattern  any bits.
+ *  @return the double.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API double psp_swaporderf64(uint64_t pattern);
 
 /* ---- Files ------------------------------------------------------------------------------------
