@@ -354,7 +354,7 @@ PSP_API void psp_putInPool(void *pointer, psp_pool *pool);
  *
  *  @param pool  the variable that holds the pool; set to null. Null, there or in it, does nothing.
  *
- *  Owner: the library again. Threads: only one that nobody else uses the pool beside, then or
+ *  Owner: the library again. Threads: only when nobody else uses the pool, now or
  *  later. Start: needed, else the variable is set and nothing else done. Memory: needs none. */
 PSP_API void psp_zFreePool(psp_pool **pool);
 
@@ -830,18 +830,25 @@ typedef struct psp_file *PSP_FH;
  *  @param name   the path.
  *  @param flags  PSP_OPEN_ bits.
  *  @param mode   PSP_FILE_ bits.
- *  @return the handle; null when the library is not started, the name is null, a directory or
- *          refused by the platform, another handle's mode forbids it, a process-wide mode forbids
- *          it, memory is short, or the mode asks for the in-memory store and it has no such file.
- *  Any thread. */
+ *  @return the handle; null when the name is null, a directory or refused by the platform, another
+ *          handle's mode forbids it, a process-wide mode forbids it, or the mode asks for the
+ *          in-memory store and it has no such file.
+ *
+ *  Owner: the caller, until psp_fileClose. Threads: any. Start: needed, else null. Memory: if
+ *  short, null; no file has been created or changed. */
 PSP_API PSP_FH psp_fileOpen(const char *name, uint32_t flags, uint16_t mode) PSP_MUST_USE;
 
-/** psp_fileOpen with a wide name; a name that is not valid UTF-16 fails. */
+/** Opens a file with a wide name; one that is not valid UTF-16 fails. As psp_fileOpen.
+ *
+ *  Owner: the caller, until psp_fileClose. Threads: any. Start: needed, else null. Memory: if
+ *  short, null; no file has been created or changed. */
 PSP_API PSP_FH psp_fileOpenW(const psp_wchar *name, uint32_t flags, uint16_t mode) PSP_MUST_USE;
 
 /** Closes a file and ends its handle.
  *
- *  @param file  the handle; null does nothing. */
+ *  @param file  the handle; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API void psp_fileClose(PSP_FH file);
 
 /** Moves the sequential position.
@@ -849,78 +856,137 @@ PSP_API void psp_fileClose(PSP_FH file);
  *  @param file    the handle.
  *  @param offset  bytes, from whence.
  *  @param whence  PSP_SEEK_START, _CURRENT or _END; another value is reported and taken as start.
- *  @return PSP_OKAY; PSP_FAILED when the file cannot be positioned or the place is negative, and in
- *          the store for a place behind the end or another whence. */
+ *  @return PSP_OKAY; PSP_FAILED when the handle is null, the file cannot be positioned or the place
+ *          is negative, and in the store for a place behind the end or another whence.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API psp_status psp_fileSeek(PSP_FH file, int64_t offset, int32_t whence);
 
-/** Reads at most count bytes at the sequential position and moves it.
+/** Reads bytes at the sequential position and moves it.
  *
- *  @return bytes read, 0 at the end; -1 after a failure, which is logged. A count above 2^31 - 1
- *          reads that much at most. */
+ *  @param file    the handle.
+ *  @param buffer  where to store them.
+ *  @param count   the most to read; above 2^31 - 1 that much; 0 does nothing.
+ *  @return bytes read, 0 at the end; -1 for a null handle or buffer, and after a failure, which is
+ *          logged.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none on the disk; if short in
+ *  the store, fewer bytes are read. */
 PSP_API int32_t psp_fileRead(PSP_FH file, void *buffer, uint32_t count);
 
-/** Writes count bytes at the sequential position and moves it.
+/** Writes bytes at the sequential position and moves it.
  *
+ *  @param file    the handle.
+ *  @param buffer  the bytes.
+ *  @param count   how many; 0 does nothing.
  *  @return bytes written, fewer only if the platform stopped half-way (a full disk); 0 in read-only
- *          mode; -1 after a failure or for a count above 2^31 - 1, told on the C runtime's standard
- *          error. In the store fewer when memory is short; of a count above 2^31 - 1 that much. */
+ *          mode; -1 for a null handle or buffer, and after a failure or for a count above 2^31 - 1,
+ *          told on the C runtime's standard error. In the store, of a count above 2^31 - 1 that
+ *          much.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none on the disk; if short in
+ *  the store, fewer bytes are written. */
 PSP_API int32_t psp_fileWrite(PSP_FH file, const void *buffer, uint32_t count);
 
-/** Reads at most count bytes at an offset. Where the sequential position is afterwards is open.
+/** Reads bytes at an offset. Where the sequential position is afterwards is open.
  *
- *  @return bytes read, 0 at or past the end; -1 after a failure, which is logged. While another
- *          handle holds the first byte, a read of it repeats itself without end. */
+ *  @param file    the handle.
+ *  @param offset  the place, in bytes from the start.
+ *  @param buffer  where to store them.
+ *  @param count   the most to read; above 2^31 - 1 that much; 0 does nothing.
+ *  @return bytes read, 0 at or past the end; -1 for a null handle or buffer, and after a failure,
+ *          which is logged. While another handle holds the first byte, a read of it repeats itself
+ *          without end.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none on the disk; if short in
+ *  the store, fewer bytes are read. */
 PSP_API int32_t psp_fileSeekRead(PSP_FH file, int64_t offset, void *buffer, uint32_t count);
 
-/** Writes count bytes at an offset. Where the sequential position is afterwards is open.
+/** Writes bytes at an offset. Where the sequential position is afterwards is open.
  *
- *  @return bytes written, fewer only if the platform stopped half-way; 0 in read-only mode; -1
- * after a failure or for a count above 2^31 - 1, which is logged. */
+ *  @param file    the handle.
+ *  @param offset  the place, in bytes from the start.
+ *  @param buffer  the bytes.
+ *  @param count   how many; 0 does nothing.
+ *  @return bytes written, fewer only if the platform stopped half-way; 0 in read-only mode; -1 for
+ *          a null handle or buffer, and after a failure or for a count above 2^31 - 1, which is
+ *          logged. In the store, of a count above 2^31 - 1 that much.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none on the disk; if short in
+ *  the store, fewer bytes are written. */
 PSP_API int32_t psp_fileSeekWrite(PSP_FH file, int64_t offset, const void *buffer, uint32_t count);
 
-/** The length of an open file in bytes; 0 when it cannot be told. */
+/** Tells the length of an open file.
+ *
+ *  @param file  the handle.
+ *  @return bytes; 0 when it cannot be told and for a null handle.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API int64_t psp_fileLength(PSP_FH file);
 
-/** The length of a file by name.
+/** Tells the length of a file by name. No-disk mode does not matter.
  *
+ *  @param name  the path.
+ *  @param mode  PSP_FILE_ bits.
  *  @return bytes; -1 when it cannot be queried. In the store 0 for what is no file, -1 only for a
- *          null name. No-disk mode does not matter. Works on the disk without a start. Any
- *          thread. */
+ *          null name.
+ *
+ *  Threads: any. Start: not needed on the disk; the store's answer is 0 without it. Memory: needs
+ *  none on the disk; if short in the store, 0. */
 PSP_API int64_t psp_fileLengthStat(const char *name, uint16_t mode);
 
 /** Sets the length of a file: cuts it, or appends zero bytes. On the disk the position is the new
  *  end then; in the store it stays, even behind the end.
  *
+ *  @param file  the handle.
  *  @param size  the new length in bytes.
- *  @return 0. On the disk -1 when the file could not grow, for a negative size and in read-only
- *          mode; a cut that fails gives 0: to learn of it, look at psp_errno as for psp_fileSync.
- * In the store 2 when memory is short or the size is beyond it, with the length unchanged. */
+ *  @return 0. On the disk -1 when the file could not grow, for a null handle, a negative size and
+ *          in read-only mode; a cut that fails gives 0: to learn of it, look at psp_errno as for
+ *          psp_fileSync. In the store 2 when memory is short or the size is beyond it.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none on the disk; if short in
+ *  the store, 2 with the length unchanged; what has been obtained by then stays with the file until
+ *  it is cut. */
 PSP_API int32_t psp_fileSetSize(PSP_FH file, int64_t size);
 
 /** Takes the first byte of the file for this handle; never waits. In the store takes the lock of
  *  the whole file for this thread, and waits for it.
  *
- *  @return PSP_OKAY; PSP_FAILED when another handle, or this one, holds it. In the store always
- *          PSP_OKAY. */
+ *  @param file  the handle.
+ *  @return PSP_OKAY; PSP_FAILED for a null handle, and when another handle, or this one, holds it.
+ *          In the store always PSP_OKAY.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API psp_status psp_fileLock(PSP_FH file);
 
 /** Gives the first byte back; in the store one level of the lock that this thread took through this
  *  handle.
  *
- *  @return PSP_OKAY; PSP_FAILED when the handle does not hold it. In the store always PSP_OKAY. */
+ *  @param file  the handle.
+ *  @return PSP_OKAY; PSP_FAILED for a null handle, and when the handle does not hold it. In the
+ *          store always PSP_OKAY.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API psp_status psp_fileUnlock(PSP_FH file);
 
 /** Makes what was written durable.
  *
+ *  @param file  the handle; null does nothing, nor does one of the store or of PSP_FILE_NOSYNC.
  *  @return always PSP_OKAY. To learn of a failure, clear the platform's last error before the call
- *          and look at psp_errno after it. */
+ *          and look at psp_errno after it.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API psp_status psp_fileSync(PSP_FH file);
 
-/** The time of the last modification of a file by name.
+/** Tells the time of the last modification of a file by name.
  *
- *  @return seconds since 1970-01-01 UTC; -1 when it cannot be queried and in no-disk mode. In the
- *          store 0 for what is no file or was never written. Works on the disk without a start. Any
- *          thread. */
+ *  @param name  the path.
+ *  @param mode  PSP_FILE_ bits.
+ *  @return seconds since 1970-01-01 UTC; -1 when it cannot be queried, for a null name and on the
+ *          disk in no-disk mode. In the store 0 for what is no file or was never written.
+ *
+ *  Threads: any. Start: not needed on the disk; the store's answer is 0 without it. Memory: needs
+ *  none on the disk; if short in the store, 0. */
 PSP_API int64_t psp_fileModTimeStat(const char *name, uint16_t mode);
 
 /* ---- Whole files ------------------------------------------------------------------------------
@@ -938,20 +1004,26 @@ PSP_API int64_t psp_fileModTimeStat(const char *name, uint16_t mode);
 
 /** Copies a file onto a new or an existing name, writing only the blocks of 1024 bytes that differ.
  *
- *  @param source       the file to read.
- *  @param source_mode  its PSP_FILE_ bits.
- *  @param destination  the file to create or change.
+ *  @param source            the file to read.
+ *  @param source_mode       its PSP_FILE_ bits.
+ *  @param destination       the file to create or change.
  *  @param destination_mode  its PSP_FILE_ bits.
- *  @return PSP_OKAY; PSP_FAILED when a file cannot be opened, read or written or memory is short;
- * -1 when the final length cannot be set. After a failure in the middle the destination keeps the
- * blocks written so far and its old length. */
+ *  @return PSP_OKAY; PSP_FAILED when a name is null or a file cannot be opened, read or written; -1
+ *          when the final length cannot be set. After a failure in the middle the destination keeps
+ *          the blocks written so far and its old length.
+ *
+ *  Threads: any. Start: needed, else PSP_FAILED. Memory: if short, PSP_FAILED with the destination
+ *  untouched; in the store it may be short in the middle. */
 PSP_API psp_status psp_fileCopyEx(const char *source, uint16_t source_mode, const char *destination,
                                   uint16_t destination_mode);
-/** psp_fileCopyEx on the disk. */
+/** Copies a file on the disk. As psp_fileCopyEx. Threads: any. Start: needed, else PSP_FAILED.
+ *  Memory: if short, PSP_FAILED with the destination untouched. */
 PSP_API psp_status psp_fileCopy(const char *source, const char *destination);
-/** psp_fileCopy with wide names. */
+/** Copies a file on the disk, with wide names. As psp_fileCopyEx. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, PSP_FAILED with the destination untouched. */
 PSP_API psp_status psp_fileCopyW(const psp_wchar *source, const psp_wchar *destination);
-/** psp_fileCopyEx with wide names. */
+/** Copies a file, with wide names. As psp_fileCopyEx. Threads: any. Start: needed, else PSP_FAILED.
+ *  Memory: if short, as there. */
 PSP_API psp_status psp_fileCopyExW(const psp_wchar *source, uint16_t source_mode,
                                    const psp_wchar *destination, uint16_t destination_mode);
 
@@ -963,14 +1035,21 @@ PSP_API psp_status psp_fileCopyExW(const psp_wchar *source, uint16_t source_mode
  *  @param first,second  the files.
  *  @param first_mode,second_mode  their PSP_FILE_ bits.
  *  @return 0 when equal; PSP_FAILED when they differ or cannot be read; PSP_NOMEMORY;
- *          PSP_CMP_NO_FIRST; PSP_CMP_NO_SECOND. */
+ *          PSP_CMP_NO_FIRST or PSP_CMP_NO_SECOND when that file cannot be opened. A name that the
+ *          two share gives 0 whether the file exists or not.
+ *
+ *  Threads: any. Start: needed, else PSP_CMP_NO_FIRST. Memory: if short, PSP_NOMEMORY, or as for
+ *  the file that was being opened or read. */
 PSP_API psp_status psp_fileCmpEx(const char *first, uint16_t first_mode, const char *second,
                                  uint16_t second_mode);
-/** psp_fileCmpEx on the disk. */
+/** Compares two files of the disk. As psp_fileCmpEx. Threads: any. Start: needed, else
+ *  PSP_CMP_NO_FIRST. Memory: if short, as there. */
 PSP_API psp_status psp_fileCmp(const char *first, const char *second);
-/** psp_fileCmp with wide names. */
+/** Compares two files of the disk, with wide names. As psp_fileCmpEx. Threads: any. Start: needed,
+ *  else PSP_FAILED. Memory: if short, as there, or PSP_FAILED for a name. */
 PSP_API psp_status psp_fileCmpW(const psp_wchar *first, const psp_wchar *second);
-/** psp_fileCmpEx with wide names. */
+/** Compares two files, with wide names. As psp_fileCmpEx. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, as there, or PSP_FAILED for a name. */
 PSP_API psp_status psp_fileCmpExW(const psp_wchar *first, uint16_t first_mode,
                                   const psp_wchar *second, uint16_t second_mode);
 
@@ -978,13 +1057,20 @@ PSP_API psp_status psp_fileCmpExW(const psp_wchar *first, uint16_t first_mode,
  *
  *  @param name  the file.
  *  @param mode  its PSP_FILE_ bits.
- *  @return PSP_OKAY; PSP_FAILED; PSP_NOMEMORY; PSP_NOTFOUND for a store name that is missing. */
+ *  @return PSP_OKAY; PSP_FAILED; PSP_NOTFOUND for a store name that is missing. With a wide name
+ *          that cannot be converted, PSP_NOMEMORY.
+ *
+ *  Threads: any. Start: not needed on the disk; PSP_FAILED in the store without it. Memory: needs
+ *  none on the disk; if short in the store, PSP_FAILED and the file stays. */
 PSP_API psp_status psp_fileRemoveEx(const char *name, uint16_t mode);
-/** psp_fileRemoveEx on the disk. */
+/** Removes a file of the disk. As psp_fileRemoveEx. Threads: any. Start: not needed. Memory: needs
+ *  none. */
 PSP_API psp_status psp_fileRemove(const char *name);
-/** psp_fileRemove with a wide name. */
+/** Removes a file of the disk, with a wide name. As psp_fileRemoveEx. Threads: any. Start: needed,
+ *  else PSP_NOMEMORY. Memory: if short, PSP_NOMEMORY and the file stays. */
 PSP_API psp_status psp_fileRemoveW(const psp_wchar *name);
-/** psp_fileRemoveEx with a wide name. */
+/** Removes a file, with a wide name. As psp_fileRemoveEx. Threads: any. Start: needed, else
+ *  PSP_NOMEMORY. Memory: if short, PSP_NOMEMORY or PSP_FAILED, and the file stays. */
 PSP_API psp_status psp_fileRemoveExW(const psp_wchar *name, uint16_t mode);
 
 /** Gives a file or directory a new name; never replaces an existing one and never crosses between
@@ -992,16 +1078,24 @@ PSP_API psp_status psp_fileRemoveExW(const psp_wchar *name, uint16_t mode);
  *  durable, named in one step, and the old one goes last; it fails while a handle may write the
  *  file. A directory may not.
  *
- *  @param old_name,new_name  the names.
+ *  @param old_name,new_name  the names. In the store the new one's last component counts alone:
+ *           what it names stays in its directory.
  *  @param old_mode,new_mode  their PSP_FILE_ bits.
- *  @return PSP_OKAY; PSP_FAILED; PSP_NOMEMORY; PSP_NOTFOUND for a store name that is missing. */
+ *  @return PSP_OKAY; PSP_FAILED; PSP_NOTFOUND for a store name that is missing. With a wide name
+ *          that cannot be converted, PSP_NOMEMORY.
+ *
+ *  Threads: any. Start: not needed on the disk; PSP_FAILED in the store without it. Memory: needs
+ *  none on the disk; if short in the store, PSP_FAILED and the old name stays. */
 PSP_API psp_status psp_fileRenameEx(const char *old_name, uint16_t old_mode, const char *new_name,
                                     uint16_t new_mode);
-/** psp_fileRenameEx on the disk. */
+/** Renames on the disk. As psp_fileRenameEx. Threads: any. Start: not needed. Memory: needs none.
+ */
 PSP_API psp_status psp_fileRename(const char *old_name, const char *new_name);
-/** psp_fileRename with wide names. */
+/** Renames on the disk, with wide names. As psp_fileRenameEx. Threads: any. Start: needed, else
+ *  PSP_NOMEMORY. Memory: if short, PSP_NOMEMORY and the old name stays. */
 PSP_API psp_status psp_fileRenameW(const psp_wchar *old_name, const psp_wchar *new_name);
-/** psp_fileRenameEx with wide names. */
+/** Renames, with wide names. As psp_fileRenameEx. Threads: any. Start: needed, else PSP_NOMEMORY.
+ *  Memory: if short, PSP_NOMEMORY or PSP_FAILED, and the old name stays. */
 PSP_API psp_status psp_fileRenameExW(const psp_wchar *old_name, uint16_t old_mode,
                                      const psp_wchar *new_name, uint16_t new_mode);
 
@@ -1011,45 +1105,75 @@ PSP_API psp_status psp_fileRenameExW(const psp_wchar *old_name, uint16_t old_mod
  *  @param mode       its PSP_FILE_ bits.
  *  @param directory  receives 0 for a file, 16384 (disk) or 1 (store) for a directory, nothing when
  *                    the name does not exist; may be null.
- *  @return 1 or 0. */
+ *  @return 1 or 0.
+ *
+ *  Threads: any. Start: not needed on the disk; 0 in the store without it. Memory: needs none on
+ *  the disk; if short in the store, 0. */
 PSP_API int32_t psp_fileValidateEx(const char *name, uint16_t mode, uint32_t *directory);
-/** psp_fileValidateEx on the disk, without the flag. */
+/** Tells whether a name exists on the disk. As psp_fileValidateEx. Threads: any. Start: not needed.
+ *  Memory: needs none. */
 PSP_API int32_t psp_fileValidate(const char *name);
-/** psp_fileValidate with a wide name. */
+/** Tells whether a wide name exists on the disk. As psp_fileValidateEx. Threads: any. Start:
+ *  needed, else 0. Memory: if short, 0. */
 PSP_API int32_t psp_fileValidateW(const psp_wchar *name);
-/** psp_fileValidateEx with a wide name. */
+/** Tells whether a wide name exists. As psp_fileValidateEx. Threads: any. Start: needed, else 0.
+ *  Memory: if short, 0. */
 PSP_API int32_t psp_fileValidateExW(const psp_wchar *name, uint16_t mode, uint32_t *directory);
 
 /** Moves a file onto a name, replacing what is there: by a rename where that is possible, else by a
  *  copy. The old destination is gone even if the move then fails; the source is kept then.
  *
+ *  @param source            the file to move.
+ *  @param source_mode       its PSP_FILE_ bits; only PSP_FILE_MEMORY counts.
+ *  @param destination       the name that it gets.
+ *  @param destination_mode  its PSP_FILE_ bits; only PSP_FILE_MEMORY counts.
  *  @return as psp_fileCopyEx. Two names of the same file give PSP_OKAY and nothing is removed;
  *          PSP_FAILED, and nothing is removed, where it cannot be found out whether they are. A
- *          pipe, a device or a socket is renamed, but never copied: PSP_FAILED. */
+ *          pipe, a device or a socket is renamed, but never copied: PSP_FAILED.
+ *
+ *  Threads: any. Start: not needed on the disk where a rename will do; PSP_FAILED for all else
+ *  without it. Memory: needs none on the disk where a rename will do; if short for all else,
+ *  PSP_FAILED with the source whole and the old destination perhaps gone. */
 PSP_API psp_status psp_fileMoveEx(const char *source, uint16_t source_mode, const char *destination,
                                   uint16_t destination_mode);
-/** psp_fileMoveEx on the disk. */
+/** Moves a file on the disk. As psp_fileMoveEx. Threads: any. Start: not needed where a rename will
+ *  do; PSP_FAILED without it for a copy. Memory: needs none where a rename will do; if short for a
+ *  copy, as there. */
 PSP_API psp_status psp_fileMove(const char *source, const char *destination);
-/** psp_fileMove with wide names. */
+/** Moves a file on the disk, with wide names. As psp_fileMoveEx. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, PSP_FAILED and nothing is removed; for a copy as there. */
 PSP_API psp_status psp_fileMoveW(const psp_wchar *source, const psp_wchar *destination);
-/** psp_fileMoveEx with wide names. */
+/** Moves a file, with wide names. As psp_fileMoveEx. Threads: any. Start: needed, else PSP_FAILED.
+ *  Memory: if short, as there. */
 PSP_API psp_status psp_fileMoveExW(const psp_wchar *source, uint16_t source_mode,
                                    const psp_wchar *destination, uint16_t destination_mode);
 
 /** Moves a directory: by a rename where that is possible; else the files directly inside it, into a
  *  destination that is created with its parents. Subdirectories stay where they are then.
  *
+ *  @param source            the directory to move.
+ *  @param source_mode       its PSP_FILE_ bits; only PSP_FILE_MEMORY counts.
+ *  @param destination       the name that it gets.
+ *  @param destination_mode  its PSP_FILE_ bits; only PSP_FILE_MEMORY counts.
  *  @return PSP_OKAY, also when there was nothing to move; PSP_FAILED when the source cannot be
- * read, and before anything is created in read-only and no-disk mode; otherwise the result of the
- *          step or of the file move that failed. Files moved before it stay moved. Files that
- *          psp_pathNext passes over stay too, and the source with them. */
+ *          read, and before anything is created in read-only and no-disk mode; otherwise the result
+ *          of the step or of the file move that failed. Files moved before it stay moved. Files
+ *          that psp_pathNext passes over stay too, and the source with them.
+ *
+ *  Threads: any. Start: not needed on the disk where a rename will do; PSP_FAILED for all else
+ *  without it. Memory: needs none on the disk where a rename will do; if short for all else,
+ *  PSP_NOMEMORY or PSP_FAILED; files moved before stay moved, and the destination stays. */
 PSP_API psp_status psp_dirMoveEx(const char *source, uint16_t source_mode, const char *destination,
                                  uint16_t destination_mode);
-/** psp_dirMoveEx on the disk. */
+/** Moves a directory on the disk. As psp_dirMoveEx. Threads: any. Start: not needed where a rename
+ *  will do; PSP_FAILED without it for all else. Memory: needs none where a rename will do; if short
+ *  for all else, as there. */
 PSP_API psp_status psp_dirMove(const char *source, const char *destination);
-/** psp_dirMove with wide names. */
+/** Moves a directory on the disk, with wide names. As psp_dirMoveEx. Threads: any. Start: needed,
+ *  else PSP_FAILED. Memory: if short, as there, or PSP_FAILED for a name. */
 PSP_API psp_status psp_dirMoveW(const psp_wchar *source, const psp_wchar *destination);
-/** psp_dirMoveEx with wide names. */
+/** Moves a directory, with wide names. As psp_dirMoveEx. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, as there, or PSP_FAILED for a name. */
 PSP_API psp_status psp_dirMoveExW(const psp_wchar *source, uint16_t source_mode,
                                   const psp_wchar *destination, uint16_t destination_mode);
 
@@ -1059,117 +1183,174 @@ PSP_API psp_status psp_dirMoveExW(const psp_wchar *source, uint16_t source_mode,
  * psp_freeMem and the default tag (null), unless a tag is an argument. Everything works in any
  * thread; an iterator is used by one thread at a time. */
 
-/** The current directory, as the platform spells it; "\" in no-disk mode.
+/** Tells the current directory, as the platform spells it; "\" in no-disk mode.
  *
- *  @return a new string; null on failure. */
+ *  @return a new string; null when the platform cannot tell it, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: any. Start: needed,
+ *  else null. Memory: if short, null. */
 PSP_API char *psp_currdir(void) PSP_MUST_USE;
 
-/** Whether a name starts at a root: with a separator, or with a letter, a colon and a separator.
+/** Tells whether a name starts at a root: with a separator, or with a letter, a colon and a
+ *  separator.
  *
- *  @return 1 or 0. Works without a start. */
+ *  @param name  the name; null gives 0.
+ *  @return 1 or 0.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_pathIsFullyQualified(const char *name);
 
-/** The full path of a directory, ending in a backslash. No "." or ".." is resolved.
+/** Makes the full path of a directory, ending in a backslash. No "." or ".." is resolved.
  *
  *  @param name  the directory; null, empty, "." and ".\" are the current one.
- *  @return a new string; null on failure. */
+ *  @return a new string; null when the current directory cannot be told, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: any. Start: needed,
+ *  else null. Memory: if short, null. */
 PSP_API char *psp_fullpath(const char *name) PSP_MUST_USE;
 
 /** Splits a name at its last backslash; else at its last slash; else at its last colon.
  *
- *  @param name       the name.
+ *  @param name       the name; null has no parts.
  *  @param directory  receives a new string, the separator included, or null; may be null.
  *  @param file       receives a new string or null; may be null.
- *  When memory is short both are null. */
+ *
+ *  Owner: the caller, who releases both with psp_freeMem(string, NULL). Threads: any. Start:
+ *  needed, else both are null. Memory: if short, both are null. */
 PSP_API void psp_pathSplit(const char *name, char **directory, char **file);
 
-/** The name without a drive prefix (any character and a colon): a pointer into the same string.
- *  Works without a start. */
+/** Passes over a drive prefix (any character and a colon).
+ *
+ *  @param name  the name; null gives null.
+ *  @return the name without it: a place in the same string.
+ *
+ *  Owner: that of the name. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API const char *psp_pathStripDrive(const char *name);
 
-/** Whether a name is spelled like a directory: its last character is a backslash or a colon.
+/** Tells whether a name is spelled like a directory: its last character is a backslash or a colon.
  *
- *  @return 1 or 0; -1 for a null or empty name. Works without a start. */
+ *  @param name  the name.
+ *  @return 1 or 0; -1 for a null or empty name.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_pathIsDir(const char *name);
 
-/** Whether a name is a link: links are not recognised.
+/** Tells whether a name is a link: links are not recognised.
  *
- *  @return always 0. Works without a start. */
+ *  @param name  the name; not looked at.
+ *  @return always 0.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_pathIsLink(const char *name);
 
 typedef struct psp_pathIter psp_pathIter;
 
-/** psp_pathOpenEx on the disk. */
+/** Starts an iteration over the entries of a directory of the disk. As psp_pathOpenEx.
+ *
+ *  Owner: the caller, until psp_pathClose. Threads: any. Start: needed, else null. Memory: if
+ *  short, null. */
 PSP_API psp_pathIter *psp_pathOpen(const char *directory, const char *pattern) PSP_MUST_USE;
 
-/** Starts an iteration over the entries of a directory, "." and ".." included.
+/** Starts an iteration over the entries of a directory, "." and ".." included. Entries that come or
+ *  go meanwhile may or may not be met. On POSIX an entry whose name holds a backslash is passed
+ *  over: to the library the name would be a path, perhaps of another file.
+ *
+ *  In the store the names come in order (ASCII letters as lower case), "." and ".." are not among
+ *  them, and "*.*" wants a dot. An iterator is given for a directory without a match, too; names
+ *  that come or go behind the last one are met or not as they stand when their turn comes.
  *
  *  @param directory  the directory.
  *  @param mode       its PSP_FILE_ bits.
  *  @param pattern    which names: "?" is one character, "*" any number, letters match without
  *                    regard to case; the character after a "*" is taken literally. On the disk
  *                    "*.*" matches every name.
- *  @return the iterator, ended by psp_pathClose; null when no entry matches, the directory cannot
- * be read, an argument is null or the directory empty, in no-disk mode and when memory is short.
- * Entries that come or go meanwhile may or may not be met. On POSIX an entry whose name holds a
- * backslash is passed over: to the library the name would be a path, perhaps of another file.
+ *  @return the iterator; null when no entry matches, the directory cannot be read, an argument is
+ *          null or the directory empty, and in no-disk mode.
  *
- *  In the store the names come in order (ASCII letters as lower case), "." and ".." are not among
- *  them, and "*.*" wants a dot. An iterator is given for a directory without a match, too; names
- *  that come or go behind the last one are met or not as they stand when their turn comes. */
+ *  Owner: the caller, until psp_pathClose. Threads: any. Start: needed, else null. Memory: if
+ *  short, null. */
 PSP_API psp_pathIter *psp_pathOpenEx(const char *directory, uint16_t mode,
                                      const char *pattern) PSP_MUST_USE;
 
-/** The next entry.
+/** Goes to the next entry.
  *
  *  @param iterator   the iterator.
  *  @param directory  receives 0 for a file, 16 (disk) or 1 (store) for a directory; not null.
- *  @return the entry's name, the iterator's until the next call on it; null when none is left, or
- *          in the store when memory is short; there the next call begins anew. */
+ *  @return the entry's name; null when none is left, and for a null argument.
+ *
+ *  Owner: the iterator, until the next call on it. Threads: one at a time. Start: that of the
+ *  iterator. Memory: needs none on the disk; if short in the store, null, and the next call begins
+ *  anew. */
 PSP_API const char *psp_pathNext(psp_pathIter *iterator, uint32_t *directory);
 
-/** Ends an iteration; null does nothing. */
+/** Ends an iteration.
+ *
+ *  @param iterator  the iterator; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the iterator. Memory: needs none. */
 PSP_API void psp_pathClose(psp_pathIter *iterator);
 
 /** Creates a directory.
  *
- *  @return PSP_OKAY; PSP_EXISTS; PSP_FAILED; PSP_NOMEMORY. */
+ *  @param name  the directory.
+ *  @return PSP_OKAY; PSP_EXISTS when the name is taken; PSP_FAILED, also for a null name and in
+ *          no-disk mode.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_dirCreate(const char *name);
-/** psp_dirCreate with a wide name. */
+/** Creates a directory with a wide name. As psp_dirCreate. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, PSP_FAILED. */
 PSP_API psp_status psp_dirCreateW(const psp_wchar *name);
 
 /** Creates a directory with all its parents.
  *
+ *  @param name  the directory.
  *  @return as psp_dirCreate. A name that ends in a separator gives PSP_EXISTS even when it was
- *          created just now. */
+ *          created just now. After a failure the parents created before it stay.
+ *
+ *  Threads: any. Start: not needed where the parents exist, else PSP_FAILED. Memory: needs none
+ *  where the parents exist; if short, PSP_FAILED and nothing is created. */
 PSP_API psp_status psp_dirCreateAll(const char *name);
-/** psp_dirCreateAll with a wide name. */
+/** Creates a directory with all its parents, with a wide name. As psp_dirCreateAll. Threads: any.
+ *  Start: needed, else PSP_FAILED. Memory: if short, PSP_FAILED and nothing is created. */
 PSP_API psp_status psp_dirCreateAllW(const psp_wchar *name);
 
 /** Removes an empty directory.
  *
- *  @return PSP_OKAY, also when it does not exist; PSP_FAILED; PSP_NOMEMORY. */
+ *  @param name  the directory.
+ *  @return PSP_OKAY, also when it does not exist; PSP_FAILED, also for a null name and in no-disk
+ *          mode.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_dirRemove(const char *name);
-/** psp_dirRemove with a wide name. */
+/** Removes an empty directory with a wide name. As psp_dirRemove. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, PSP_FAILED and the directory stays. */
 PSP_API psp_status psp_dirRemoveW(const psp_wchar *name);
 
 /** Makes a name for a temporary file; creates nothing and tests nothing.
  *
  *  @param counter    the caller's counter, part of the name by its value and its address; it is
- *                    raised by one.
+ *                    raised by one. Null gives null.
  *  @param prefix     null is "temp".
  *  @param extension  null is "tmp".
  *  @param tag        the owner; null is the default tag.
- *  @return a new string; null when memory is short. The caller serialises the use of a counter. */
+ *  @return a new string, or null.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, tag). Threads: one at a time for
+ *  each counter, else as the tag. Start: needed, else null. Memory: if short, null; the counter has
+ *  been raised. */
 PSP_API char *psp_fileCreateTmpName(uint32_t *counter, const char *prefix, const char *extension,
                                     psp_tag *tag) PSP_MUST_USE;
 
-/** The temporary directory: the environment's VKD_TMPDIR as it stands; else the first of TEMP, TMP,
- *  the system's own and the current directory in which a file could be made, found once. An empty
- *  TEMP or TMP counts as not set.
+/** Tells the temporary directory: the environment's VKD_TMPDIR unchanged; else the first of TEMP,
+ *  TMP, the system's own and the current directory in which a file could be made, found once. An
+ *  empty TEMP or TMP counts as not set.
  *
  *  @param tag  the owner; null is the default tag.
- *  @return a new string; null when there is none or memory is short. */
+ *  @return a new string; null when there is no such directory, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, tag). Threads: as the tag. Start:
+ *  needed, else null. Memory: if short, null; the next call looks again. */
 PSP_API char *psp_tmpdir(psp_tag *tag) PSP_MUST_USE;
 
 /* ---- Text streams -----------------------------------------------------------------------------
