@@ -1183,7 +1183,7 @@ PSP_API psp_status psp_dirMoveExW(const psp_wchar *source, uint16_t source_mode,
  * psp_freeMem and the default tag (null), unless a tag is an argument. Everything works in any
  * thread; an iterator is used by one thread at a time. */
 
-/** Tells the current directory, as the platform spells it; "\" in no-disk mode.
+/** Tells the current directory, as the platform spells it; a backslash alone in no-disk mode.
  *
  *  @return a new string; null when the platform cannot tell it, too.
  *
@@ -1202,7 +1202,7 @@ PSP_API int32_t psp_pathIsFullyQualified(const char *name);
 
 /** Makes the full path of a directory, ending in a backslash. No "." or ".." is resolved.
  *
- *  @param name  the directory; null, empty, "." and ".\" are the current one.
+ *  @param name  the directory; null, empty, a dot and a dot with a backslash are the current one.
  *  @return a new string; null when the current directory cannot be told, too.
  *
  *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: any. Start: needed,
@@ -1369,91 +1369,149 @@ PSP_API char *psp_tmpdir(psp_tag *tag) PSP_MUST_USE;
 
 typedef struct psp_stream psp_stream;
 
-/** psp_fopenEx with mode word 0. */
+/** Opens a text file of the disk. As psp_fopenEx.
+ *
+ *  Owner: the caller, until psp_fclose. Threads: any. Start: needed, else null. Memory: if short,
+ *  null; no file has been created or changed. */
 PSP_API psp_stream *psp_fopen(const char *name, const char *mode, uint32_t width) PSP_MUST_USE;
 
 /** Opens a text file.
  *
- *  @param name       the path.
+ *  @param name       the path; null gives null.
  *  @param mode       "r", "w" (create or empty) or "a" (create; starts at the end), each with an
  *                    optional "+" for reading and writing; any other character fails, "b" and "t"
  *                    too. Null reads.
  *  @param width      bytes of a unit of a write stream, 1 or 2; 0 is 1. Read streams find out.
  *  @param mode_word  PSP_FILE_ bits.
- *  @return the stream; null when the file cannot be opened or memory is short.
- *  Ended by psp_fclose. Any thread. */
+ *  @return the stream; null when the file cannot be opened, or its end not be found for "a".
+ *
+ *  Owner: the caller, until psp_fclose. Threads: any. Start: needed, else null. Memory: if short,
+ *  null; no file has been created or changed. */
 PSP_API psp_stream *psp_fopenEx(const char *name, const char *mode, uint32_t width,
                                 uint16_t mode_word) PSP_MUST_USE;
 
-/** Opens a standard channel by name, "stdin", "stdout" or "stderr", as 8-bit text.
+/** Opens a standard channel by name as 8-bit text.
  *
- *  @return the stream; null when that fails. Ended by psp_fclose, which leaves the channel open. */
+ *  @param name  "stdin", "stdout" or "stderr"; any other name is a file of the disk, opened to read
+ *               its bytes.
+ *  @return the stream; null when that fails. Its end leaves the channel open.
+ *
+ *  Owner: the caller, until psp_fclose. Threads: any. Start: needed, else null. Memory: if short,
+ *  null. */
 PSP_API psp_stream *psp_fopen_std(const char *name) PSP_MUST_USE;
 
 /** Writes what is buffered, a failure of which is not reported (psp_fflush first, if it matters),
  *  closes the file and ends the stream.
  *
- *  @param stream  the stream; null does nothing. */
+ *  @param stream  the stream; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none on the disk; if short in
+ *  the store, the file lacks the end of what was buffered. */
 PSP_API void psp_fclose(psp_stream *stream);
 
 /** Reads one character: one byte of the UTF-8 text.
  *
+ *  @param stream  the stream; null gives -1.
  *  @return the byte as a signed value (0x80 to 0xFF are -128 to -1; continuation bytes made from
- *          UTF-16 are 128 to 191), or a value pushed back, as it was; -1 at the end. */
+ *          UTF-16 are 128 to 191), or a value pushed back, as it was; -1 at the end.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none on the disk; if short in
+ *  the store, as at the end. */
 PSP_API int32_t psp_fgetc(psp_stream *stream);
 
 /** Pushes a value back; the next psp_fgetc gives it. Up to 20 are held, last in, first out.
  *
- *  @return the value; -1 when 20 are held. */
+ *  @param character  any value.
+ *  @param stream     the stream; null gives -1.
+ *  @return the value; -1 when 20 are held.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none. */
 PSP_API int32_t psp_fungetc(int32_t character, psp_stream *stream);
 
 /** Reads up to a line feed, which is kept, or size - 1 characters, and terminates them.
  *
  *  @param buffer  where to store.
  *  @param size    bytes of the buffer; 1 gives an empty string.
- *  @return the buffer; null when nothing was read, the buffer is null or the size not positive. */
+ *  @param stream  the stream; null gives null.
+ *  @return the buffer; null when nothing was read, the buffer is null or the size not positive.
+ *
+ *  Owner: that of the buffer. Threads: one at a time. Start: that of the stream. Memory: needs none
+ *  on the disk; if short in the store, as at the end. */
 PSP_API char *psp_fgets(char *buffer, int32_t size, psp_stream *stream);
 
 /** Reads a line of any length. A zero byte belongs to the line like any other.
  *
  *  @param stream  the stream.
  *  @param buffer  in and out: the line buffer, a block of the default tag that grows and is reused;
- *                 null obtains one. The caller releases it with psp_freeMem(buffer, NULL).
+ *                 null obtains one.
  *  @param size    in and out: its size in bytes; 0 is taken as 100.
- *  @return the line with its line feed, if it had one; null at the end, for a null argument and
- *          when the buffer cannot grow (buffer and size stay valid and hold the line's beginning).
- */
+ *  @return the line with its line feed, if it had one: the buffer; null at the end, for a null
+ *          argument and when the buffer cannot grow.
+ *
+ *  Owner: the caller, who releases the buffer with psp_freeMem(buffer, NULL). Threads: one at a
+ *  time. Start: that of the stream. Memory: if short, null; buffer and size stay valid and hold the
+ *  line's beginning, which has been read. */
 PSP_API char *psp_fGetLine(psp_stream *stream, char **buffer, uint32_t *size);
 
 /** Writes one character; a line feed goes out as carriage return and line feed.
  *
- *  @return 1, or 0 when it failed. */
+ *  @param character  the byte, in the low 8 bits.
+ *  @param stream     the stream; null gives 0.
+ *  @return 1, or 0 when it failed.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none on the disk; if short in
+ *  the store, 0, and what is buffered stays. */
 PSP_API int32_t psp_fputc(int32_t character, psp_stream *stream);
 
 /** Writes a string.
  *
- *  @return the bytes of the string; -1 at the first character that fails (earlier ones stay). */
+ *  @param string  the string; null gives -1.
+ *  @param stream  the stream; null gives -1.
+ *  @return the bytes of the string, 2^31 - 1 for more; -1 at the first character that fails
+ *          (earlier ones stay).
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none on the disk; if short in
+ *  the store, -1, and what is buffered stays. */
 PSP_API int32_t psp_fputs(const char *string, psp_stream *stream);
 
-/** Writes formatted text (see psp_vsnprintf).
+/** Writes formatted text.
  *
- *  @return the bytes of the text; -1 when formatting, memory or writing fails. */
+ *  @param stream     the stream; null gives -1.
+ *  @param format     as in psp_vsnprintf; null gives -1.
+ *  @param arguments  the values that the format names.
+ *  @return the bytes of the text; -1 when formatting or writing fails.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: if short, -1 with nothing written of
+ *  a text of 512 bytes or more, shorter ones need none on the disk; in the store as psp_fputs. */
 PSP_API int32_t psp_vfprintf(psp_stream *stream, const char *format, va_list arguments);
 
-/** psp_vfprintf with the values as arguments. */
+/** Writes formatted text, with the values behind the format.
+ *
+ *  @param stream  the stream; null gives -1.
+ *  @param format  as in psp_vsnprintf; null gives -1.
+ *  @return as psp_vfprintf.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: if short, as psp_vfprintf. */
 PSP_API int32_t psp_fprintf(psp_stream *stream, const char *format, ...);
 
 /** Writes what is buffered and makes it durable.
  *
+ *  @param stream  the stream; null gives -1.
  *  @return 0; -1 when half of a UTF-8 character waits to be written as UTF-16. A failed write is
- * not reported here; its bytes stay buffered. */
+ *          not reported here; its bytes stay buffered.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none on the disk; if short in
+ *  the store, as after a failed write. */
 PSP_API int32_t psp_fflush(psp_stream *stream);
 
-/** Moves the position.
+/** Moves the position. Values pushed back stay.
  *
- *  @param offset  bytes: from the first character after the mark (origin 0), from the position (1)
- *                 or from the known length (2). Values pushed back stay.
- *  @return PSP_OKAY; PSP_FAILED for another origin and for a place before the start of the file. */
+ *  @param stream  the stream; null gives PSP_FAILED.
+ *  @param offset  bytes from the origin.
+ *  @param origin  0: the first character after the mark; 1: the position; 2: the known length.
+ *  @return PSP_OKAY; PSP_FAILED for another origin and for a place before the start of the file.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none. */
 PSP_API psp_status psp_fseek(psp_stream *stream, int32_t offset, int32_t origin);
 
 /* ---- Channels and log -------------------------------------------------------------------------
@@ -1472,50 +1530,89 @@ PSP_API psp_status psp_fseek(psp_stream *stream, int32_t offset, int32_t origin)
  *
  *  @param name  the file to create or empty; a name that the channel writes to already (in any case
  *               of letters) is shared. Null or empty pushes an output that swallows everything.
- *  @return PSP_OKAY; PSP_FAILED when the library is not started or the file cannot be opened;
- *          PSP_NOMEMORY. The channel is unchanged then. */
+ *  @return PSP_OKAY; PSP_FAILED when the file cannot be opened; PSP_NOMEMORY.
+ *
+ *  Threads: only while no other writes to the channel. Start: needed, else PSP_FAILED. Memory: if
+ *  short, PSP_NOMEMORY, or PSP_FAILED from the opening; channel and file are unchanged. */
 PSP_API psp_status psp_stdout_open(const char *name);
-/** Pushes an output on the standard error channel. As psp_stdout_open. */
+/** Pushes an output on the standard error channel. As psp_stdout_open. Threads: only while no other
+ *  writes to the channel. Start: needed, else PSP_FAILED. Memory: if short, as there. */
 PSP_API psp_status psp_stderr_open(const char *name);
-/** Pushes an output on the log channel. As psp_stdout_open. */
+/** Pushes an output on the log channel. As psp_stdout_open. Threads: only while no other writes to
+ *  the channel. Start: needed, else PSP_FAILED. Memory: if short, as there. */
 PSP_API psp_status psp_log_open(const char *name);
 
-/** Pushes the output whose name is the two strings joined on the log channel.
+/** Pushes the output whose name is two strings joined on the log channel.
  *
- *  @return as psp_log_open; PSP_OKAY, with nothing opened, when the library is not started. */
+ *  @param first,second  the strings.
+ *  @return as psp_log_open, but PSP_OKAY, with nothing opened, when the library is not started.
+ *
+ *  Threads: only while no other writes to the channel. Start: needed, else PSP_OKAY with nothing
+ *  opened. Memory: if short, as psp_log_open. */
 PSP_API psp_status psp_log_create(const char *first, const char *second);
 
-/** Pops the standard output channel's output, if there is one; its last use closes the file. */
+/** Pops the standard output channel's output, if there is one; its last use closes the file.
+ *  Threads: only while no other writes to the channel. Start: needed, else it does nothing. Memory:
+ *  needs none. */
 PSP_API void psp_stdout_close(void);
-/** Pops the standard error channel's output. As psp_stdout_close. */
+/** Pops the standard error channel's output, if there is one; its last use closes the file.
+ *  Threads: only while no other writes to the channel. Start: needed, else it does nothing. Memory:
+ *  needs none. */
 PSP_API void psp_stderr_close(void);
-/** Pops the log channel's output. As psp_stdout_close. */
+/** Pops the log channel's output, if there is one; its last use closes the file. Threads: only
+ *  while no other writes to the channel. Start: needed, else it does nothing. Memory: needs none.
+ */
 PSP_API void psp_log_close(void);
 
 /** Writes formatted text to the standard output channel, without a flush.
  *
- *  @return bytes of the text; 0 when the channel swallows it; -1 when it failed. */
+ *  @param format  as in psp_vsnprintf, with its values behind it.
+ *  @return bytes of the text; 0 when the channel swallows it; -1 when it failed.
+ *
+ *  Threads: any. Start: not needed; see the family. Memory: if short, -1 with nothing written of a
+ *  text of 512 bytes or more, no jump. */
 PSP_API int32_t psp_printf(const char *format, ...);
-/** psp_printf with an argument list. */
+/** Writes formatted text to the standard output channel, without a flush.
+ *
+ *  @param format     as in psp_vsnprintf.
+ *  @param arguments  the values that the format names.
+ *  @return as psp_printf.
+ *
+ *  Threads: any. Start: not needed; see the family. Memory: if short, as psp_printf. */
 PSP_API int32_t psp_printfV(const char *format, va_list arguments);
-/** Writes formatted text to the standard error channel. As psp_printf. */
+/** Writes formatted text to the standard error channel. As psp_printf. Threads: any. Start: not
+ *  needed; see the family. Memory: if short, as there. */
 PSP_API int32_t psp_printfErr(const char *format, ...);
-/** psp_printfErr with an argument list. */
+/** Writes formatted text to the standard error channel. As psp_printfV. Threads: any. Start: not
+ *  needed; see the family. Memory: if short, as there. */
 PSP_API int32_t psp_printfErrV(const char *format, va_list arguments);
 
-/** Flushes the standard output channel; without an output, the C runtime's standard output. */
+/** Flushes the standard output channel; without an output, the C runtime's standard output.
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_flush(void);
-/** Flushes the standard error channel; without an output, the C runtime's standard error. */
+/** Flushes the standard error channel; without an output, the C runtime's standard error. Threads:
+ *  any. Start: not needed. Memory: needs none. */
 PSP_API void psp_flushErr(void);
 
 /** Logs a message and flushes it. The platform's last error code is left as it was.
  *
+ *  @param format  as in psp_vsnprintf, with its values behind it.
  *  @return bytes written to the standard output channel, 0 when it swallows them; -1 when that
- *          failed. A message that cannot be formatted is dropped and gives 0. */
+ *          failed. A message that cannot be formatted is dropped and gives 0.
+ *
+ *  Threads: any. Start: not needed; see the family. Memory: if short, 0 and a message of 512 bytes
+ *  or more is dropped, no jump. */
 PSP_API int32_t psp_log(const char *format, ...);
-/** psp_log with an argument list. */
+/** Logs a message and flushes it. The platform's last error code is left as it was.
+ *
+ *  @param format     as in psp_vsnprintf.
+ *  @param arguments  the values that the format names.
+ *  @return as psp_log.
+ *
+ *  Threads: any. Start: not needed; see the family. Memory: if short, as psp_log. */
 PSP_API int32_t psp_logV(const char *format, va_list arguments);
-/** Logs a message to the standard error channel and the log. As psp_log. */
+/** Logs a message to the standard error channel and the log. As psp_log. Threads: any. Start: not
+ *  needed; see the family. Memory: if short, as there. */
 PSP_API int32_t psp_log_err(const char *format, ...);
 
 /* A message built from pieces. */
@@ -1523,18 +1620,32 @@ typedef struct psp_logChunk psp_logChunk;
 
 /** Starts a message that is built from pieces and logged whole.
  *
- *  @return the chunk, ended by psp_log_chunk_end; null when the library is not started or memory is
- *          short. It belongs to the thread that builds it. */
+ *  @return the chunk, or null.
+ *
+ *  Owner: the caller, until psp_log_chunk_end. Threads: any. Start: needed, else null. Memory: if
+ *  short, null, no jump. */
 PSP_API psp_logChunk *psp_log_chunk_init(void) PSP_MUST_USE;
 
-/** Adds a formatted piece. A null chunk or format does nothing; a piece that cannot be formatted or
- *  held is left out whole. */
+/** Adds a formatted piece.
+ *
+ *  @param chunk   the message; null does nothing.
+ *  @param format  as in psp_vsnprintf, with its values behind it; null does nothing. A piece that
+ *                 cannot be formatted is left out whole.
+ *
+ *  Threads: one at a time. Start: not needed. Memory: if short, the piece is left out whole, no
+ *  jump. */
 PSP_API void psp_log_chunk(psp_logChunk *chunk, const char *format, ...);
 
-/** Adds a last piece (format may be null), logs the message if it has text, and ends the chunk. */
+/** Adds a last piece, logs the message if it has text, and ends the chunk.
+ *
+ *  @param chunk   the message; null does nothing.
+ *  @param format  as in psp_vsnprintf, with its values behind it; null adds nothing.
+ *
+ *  Threads: one at a time. Start: not needed; see the family. Memory: if short, the last piece is
+ *  left out whole, no jump. */
 PSP_API void psp_log_chunk_end(psp_logChunk *chunk, const char *format, ...);
 
-/** Flushes all three channels. */
+/** Flushes all three channels. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_log_flush(void);
 
 /* ---- Typed buffers ----------------------------------------------------------------------------
