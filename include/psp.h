@@ -208,14 +208,6 @@ typedef struct psp_tag psp_tag;
 PSP_API psp_tag *psp_createTagEx(jmp_buf *jump, uint32_t flags, const char *file,
                                  uint32_t line) PSP_MUST_USE;
 
-/** Arms the tag with a copy of the jump buffer, or disarms it.
- *
- *  @param jump  a filled jump buffer; null disarms.
- *  @param tag   the tag; null is the default tag; PSP_TAG_FAILED does nothing.
- *
- *  Threads: as the tag. Start: needed, else it does nothing. Memory: needs none. */
-PSP_API void psp_resetTag(jmp_buf *jump, psp_tag *tag);
-
 /** Releases all blocks of a tag, and ends the tag if wanted.
  *
  *  @param tag      the tag; null and PSP_TAG_FAILED do nothing, the default tag is the library's.
@@ -223,6 +215,14 @@ PSP_API void psp_resetTag(jmp_buf *jump, psp_tag *tag);
  *
  *  Threads: as the tag. Start: needed, else it does nothing. Memory: needs none. */
 PSP_API void psp_freeTagMemory(psp_tag *tag, int16_t release);
+
+/** Arms the tag with a copy of the jump buffer, or disarms it.
+ *
+ *  @param jump  a filled jump buffer; null disarms.
+ *  @param tag   the tag; null is the default tag; PSP_TAG_FAILED does nothing.
+ *
+ *  Threads: as the tag. Start: needed, else it does nothing. Memory: needs none. */
+PSP_API void psp_resetTag(jmp_buf *jump, psp_tag *tag);
 
 /** Obtains a block, aligned for any type.
  *
@@ -322,6 +322,15 @@ typedef struct psp_pool psp_pool;
 PSP_API psp_pool *psp_allocPool(psp_tag *tag, uint16_t fixed_size,
                                 uint32_t thread_safe) PSP_MUST_USE;
 
+/** Ends a pool with its waiting chunks. Those handed out stay blocks of the tag and must not be
+ *  given back any more.
+ *
+ *  @param pool  the variable that holds the pool; set to null. Null, there or in it, does nothing.
+ *
+ *  Owner: the library again. Threads: only when nobody else uses the pool, now or
+ *  later. Start: needed, else the variable is set and nothing else done. Memory: needs none. */
+PSP_API void psp_zFreePool(psp_pool **pool);
+
 /** Obtains a chunk, aligned for any type.
  *
  *  @param size       bytes.
@@ -348,15 +357,6 @@ PSP_API void *psp_getMemFromPool(size_t size, psp_pool *pool, uint32_t mode, con
  *
  *  Threads: as the pool. Start: needed, else it does nothing. Memory: needs none. */
 PSP_API void psp_putInPool(void *pointer, psp_pool *pool);
-
-/** Ends a pool with its waiting chunks. Those handed out stay blocks of the tag and must not be
- *  given back any more.
- *
- *  @param pool  the variable that holds the pool; set to null. Null, there or in it, does nothing.
- *
- *  Owner: the library again. Threads: only when nobody else uses the pool, now or
- *  later. Start: needed, else the variable is set and nothing else done. Memory: needs none. */
-PSP_API void psp_zFreePool(psp_pool **pool);
 
 /* ---- Sync objects -----------------------------------------------------------------------------
  * A sync object is an exclusive lock or a gate, made by psp_syncCreate_check and ended by
@@ -1183,6 +1183,53 @@ PSP_API psp_status psp_dirMoveExW(const psp_wchar *source, uint16_t source_mode,
  * psp_freeMem and the default tag (null), unless a tag is an argument. Everything works in any
  * thread; an iterator is used by one thread at a time. */
 
+typedef struct psp_pathIter psp_pathIter;
+
+/** Starts an iteration over the entries of a directory of the disk. As psp_pathOpenEx.
+ *
+ *  Owner: the caller, until psp_pathClose. Threads: any. Start: needed, else null. Memory: if
+ *  short, null. */
+PSP_API psp_pathIter *psp_pathOpen(const char *directory, const char *pattern) PSP_MUST_USE;
+
+/** Starts an iteration over the entries of a directory, "." and ".." included. Entries that come or
+ *  go meanwhile may or may not be met. On POSIX an entry whose name holds a backslash is passed
+ *  over: to the library the name would be a path, perhaps of another file.
+ *
+ *  In the store the names come in order (ASCII letters as lower case), "." and ".." are not among
+ *  them, and "*.*" wants a dot. An iterator is given for a directory without a match, too; names
+ *  that come or go behind the last one are met or not as they stand when their turn comes.
+ *
+ *  @param directory  the directory.
+ *  @param mode       its PSP_FILE_ bits.
+ *  @param pattern    which names: "?" is one character, "*" any number, letters match without
+ *                    regard to case; the character after a "*" is taken literally. On the disk
+ *                    "*.*" matches every name.
+ *  @return the iterator; null when no entry matches, the directory cannot be read, an argument is
+ *          null or the directory empty, and in no-disk mode.
+ *
+ *  Owner: the caller, until psp_pathClose. Threads: any. Start: needed, else null. Memory: if
+ *  short, null. */
+PSP_API psp_pathIter *psp_pathOpenEx(const char *directory, uint16_t mode,
+                                     const char *pattern) PSP_MUST_USE;
+
+/** Ends an iteration.
+ *
+ *  @param iterator  the iterator; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the iterator. Memory: needs none. */
+PSP_API void psp_pathClose(psp_pathIter *iterator);
+
+/** Goes to the next entry.
+ *
+ *  @param iterator   the iterator.
+ *  @param directory  receives 0 for a file, 16 (disk) or 1 (store) for a directory; not null.
+ *  @return the entry's name; null when none is left, and for a null argument.
+ *
+ *  Owner: the iterator, until the next call on it. Threads: one at a time. Start: that of the
+ *  iterator. Memory: needs none on the disk; if short in the store, null, and the next call begins
+ *  anew. */
+PSP_API const char *psp_pathNext(psp_pathIter *iterator, uint32_t *directory);
+
 /** Tells the current directory, as the platform spells it; a backslash alone in no-disk mode.
  *
  *  @return a new string; null when the platform cannot tell it, too.
@@ -1242,53 +1289,6 @@ PSP_API int32_t psp_pathIsDir(const char *name);
  *
  *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_pathIsLink(const char *name);
-
-typedef struct psp_pathIter psp_pathIter;
-
-/** Starts an iteration over the entries of a directory of the disk. As psp_pathOpenEx.
- *
- *  Owner: the caller, until psp_pathClose. Threads: any. Start: needed, else null. Memory: if
- *  short, null. */
-PSP_API psp_pathIter *psp_pathOpen(const char *directory, const char *pattern) PSP_MUST_USE;
-
-/** Starts an iteration over the entries of a directory, "." and ".." included. Entries that come or
- *  go meanwhile may or may not be met. On POSIX an entry whose name holds a backslash is passed
- *  over: to the library the name would be a path, perhaps of another file.
- *
- *  In the store the names come in order (ASCII letters as lower case), "." and ".." are not among
- *  them, and "*.*" wants a dot. An iterator is given for a directory without a match, too; names
- *  that come or go behind the last one are met or not as they stand when their turn comes.
- *
- *  @param directory  the directory.
- *  @param mode       its PSP_FILE_ bits.
- *  @param pattern    which names: "?" is one character, "*" any number, letters match without
- *                    regard to case; the character after a "*" is taken literally. On the disk
- *                    "*.*" matches every name.
- *  @return the iterator; null when no entry matches, the directory cannot be read, an argument is
- *          null or the directory empty, and in no-disk mode.
- *
- *  Owner: the caller, until psp_pathClose. Threads: any. Start: needed, else null. Memory: if
- *  short, null. */
-PSP_API psp_pathIter *psp_pathOpenEx(const char *directory, uint16_t mode,
-                                     const char *pattern) PSP_MUST_USE;
-
-/** Goes to the next entry.
- *
- *  @param iterator   the iterator.
- *  @param directory  receives 0 for a file, 16 (disk) or 1 (store) for a directory; not null.
- *  @return the entry's name; null when none is left, and for a null argument.
- *
- *  Owner: the iterator, until the next call on it. Threads: one at a time. Start: that of the
- *  iterator. Memory: needs none on the disk; if short in the store, null, and the next call begins
- *  anew. */
-PSP_API const char *psp_pathNext(psp_pathIter *iterator, uint32_t *directory);
-
-/** Ends an iteration.
- *
- *  @param iterator  the iterator; null does nothing.
- *
- *  Threads: one at a time. Start: that of the iterator. Memory: needs none. */
-PSP_API void psp_pathClose(psp_pathIter *iterator);
 
 /** Creates a directory.
  *
@@ -1626,6 +1626,15 @@ typedef struct psp_logChunk psp_logChunk;
  *  short, null, no jump. */
 PSP_API psp_logChunk *psp_log_chunk_init(void) PSP_MUST_USE;
 
+/** Adds a last piece, logs the message if it has text, and ends the chunk.
+ *
+ *  @param chunk   the message; null does nothing.
+ *  @param format  as in psp_vsnprintf, with its values behind it; null adds nothing.
+ *
+ *  Threads: one at a time. Start: not needed; see the family. Memory: if short, the last piece is
+ *  left out whole, no jump. */
+PSP_API void psp_log_chunk_end(psp_logChunk *chunk, const char *format, ...);
+
 /** Adds a formatted piece.
  *
  *  @param chunk   the message; null does nothing.
@@ -1635,15 +1644,6 @@ PSP_API psp_logChunk *psp_log_chunk_init(void) PSP_MUST_USE;
  *  Threads: one at a time. Start: not needed. Memory: if short, the piece is left out whole, no
  *  jump. */
 PSP_API void psp_log_chunk(psp_logChunk *chunk, const char *format, ...);
-
-/** Adds a last piece, logs the message if it has text, and ends the chunk.
- *
- *  @param chunk   the message; null does nothing.
- *  @param format  as in psp_vsnprintf, with its values behind it; null adds nothing.
- *
- *  Threads: one at a time. Start: not needed; see the family. Memory: if short, the last piece is
- *  left out whole, no jump. */
-PSP_API void psp_log_chunk_end(psp_logChunk *chunk, const char *format, ...);
 
 /** Flushes all three channels. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_log_flush(void);
@@ -1697,48 +1697,72 @@ typedef struct psp_outputBuff psp_outputBuff; /* a buffer to put values into */
  *  @param timed_read  fills it for a psp_inputBuffGetInt32Timeout; null: read does.
  *  @param context     handed to the two.
  *  @param swap        not 0: values arrive in the order opposite to the machine's.
- *  @param buff        where to store the buffer, ended by psp_inputBuffDestroy; not null.
- *  @return PSP_OKAY; PSP_ERR_INVARG; PSP_ERR_NOMEMORY when memory is short or the library is not
- *          started. On failure *buff is unchanged. The memory is the default tag's. Any thread. */
+ *  @param buff        where to store the buffer; not null. Unchanged on failure.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; PSP_ERR_NOMEMORY.
+ *
+ *  Owner: the caller, until psp_inputBuffDestroy; the functions and the context must last as long.
+ *  Threads: any. Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, PSP_ERR_NOMEMORY. */
 PSP_API psp_status psp_inputBuffCreate(psp_transportRead read, psp_transportReadTimed timed_read,
                                        void *context, uint16_t swap,
                                        psp_inputBuff **buff) PSP_MUST_USE;
-/** Ends an input buffer; bytes not handed out are dropped. Null does nothing. */
+/** Ends an input buffer; bytes not handed out are dropped.
+ *
+ *  @param buff  the buffer; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API void psp_inputBuffDestroy(psp_inputBuff *buff);
 
 /** Takes a character.
  *
  *  @param buff   the buffer; not null.
  *  @param value  where to store it; null takes the character off the stream and drops it.
- *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status. */
-PSP_API psp_status psp_inputBuffGetChar(psp_inputBuff *buff, char *value);
-/** Takes a 16-bit integer. As psp_inputBuffGetChar; a failure may leave the value partly stored. */
-PSP_API psp_status psp_inputBuffGetInt16(psp_inputBuff *buff, int16_t *value);
-/** Takes a 32-bit integer. As psp_inputBuffGetInt16. */
-PSP_API psp_status psp_inputBuffGetInt32(psp_inputBuff *buff, int32_t *value);
-/** Takes a 32-bit integer with a limit of time. As psp_inputBuffGetInt16.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status.
  *
- *  @param timeout  handed to the timed read function at each call that is needed; 0, or a buffer
- *                  without such a function, has the plain read function called. */
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
+PSP_API psp_status psp_inputBuffGetChar(psp_inputBuff *buff, char *value);
+/** Takes a 16-bit integer; a failure may leave the value partly stored. As psp_inputBuffGetChar.
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
+PSP_API psp_status psp_inputBuffGetInt16(psp_inputBuff *buff, int16_t *value);
+/** Takes a 32-bit integer; a failure may leave the value partly stored. As psp_inputBuffGetChar.
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
+PSP_API psp_status psp_inputBuffGetInt32(psp_inputBuff *buff, int32_t *value);
+/** Takes a 32-bit integer with a limit of time; a failure may leave the value partly stored.
+ *
+ *  @param buff     the buffer; not null.
+ *  @param value    where to store it; null takes it off the stream and drops it.
+ *  @param timeout  handed to the timed read function at each call that is needed, in that
+ *                  function's unit; 0, or a buffer without such a function, has the plain read
+ *                  function called.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetInt32Timeout(psp_inputBuff *buff, int32_t *value,
                                                 uint32_t timeout);
-/** Takes a 64-bit integer. As psp_inputBuffGetInt16. */
+/** Takes a 64-bit integer; a failure may leave the value partly stored. As psp_inputBuffGetChar.
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetInt64(psp_inputBuff *buff, int64_t *value);
-/** Takes a float; its bits arrive as they were sent, NaNs included. As psp_inputBuffGetInt16. */
+/** Takes a float; its bits arrive as they were sent, NaNs included. A failure may leave the value
+ *  partly stored. As psp_inputBuffGetChar. Threads: one at a time. Start: that of the buffer.
+ *  Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetFloat32(psp_inputBuff *buff, float *value);
-/** Takes a double. As psp_inputBuffGetFloat32. */
+/** Takes a double; its bits arrive as they were sent, NaNs included. A failure may leave the value
+ *  partly stored. As psp_inputBuffGetChar. Threads: one at a time. Start: that of the buffer.
+ *  Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetFloat64(psp_inputBuff *buff, double *value);
 
-/** Takes a string with its length as a new string.
+/** Takes a string with its length as a new string. A sender that lies about the length costs 1 MiB
+ *  at first; beyond that memory is taken as the bytes arrive. There is no other limit: use
+ *  psp_inputBuffGetStringWithLength to have one.
  *
  *  @param buff   the buffer; not null.
  *  @param value  where to store the string, ended by a zero byte (zero bytes sent within it stay);
- *                null for a null string and on failure. Released with psp_freeMem(string, NULL). A
- *                null value takes the string off the stream and drops it.
- *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status; PSP_ERR_NOMEMORY, and then the length
- *          and perhaps a part of the bytes are taken.
- *  A sender that lies about the length costs 1 MiB at first; beyond that memory is taken as the
- *  bytes arrive. There is no other limit: use psp_inputBuffGetStringWithLength to have one. */
+ *                null for a null string and on failure. A null value takes the string off the
+ *                stream and drops it.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; PSP_ERR_NOMEMORY; the transport's status.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: one at a time.
+ *  Start: that of the buffer. Memory: if short, PSP_ERR_NOMEMORY; the length and perhaps a part of
+ *  the bytes are taken. */
 PSP_API psp_status psp_inputBuffGetString(psp_inputBuff *buff, char **value) PSP_MUST_USE;
 
 /** Takes a string with its length into a given space.
@@ -1750,18 +1774,27 @@ PSP_API psp_status psp_inputBuffGetString(psp_inputBuff *buff, char **value) PSP
  *  @param size         bytes at destination, at least 1.
  *  @return PSP_OKAY; PSP_ERR_TRUNCATED when the string did not fit: its first size - 1 bytes are
  *          stored and the whole string is taken; PSP_ERR_INVARG, also for size 0; the transport's
- *          status. */
+ *          status.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetStringWithLength(psp_inputBuff *buff, char *destination,
                                                     uint32_t size);
 
-/** Takes bytes as they are.
+/** Takes bytes without a look at them.
  *
+ *  @param buff         the buffer; not null.
  *  @param destination  where to store them; null drops them. A failure keeps those that arrived.
  *  @param count        bytes; 0 does nothing.
- *  @return PSP_OKAY; PSP_ERR_INVARG for a null buffer; the transport's status. */
+ *  @return PSP_OKAY; PSP_ERR_INVARG for a null buffer; the transport's status.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetBytes(psp_inputBuff *buff, void *destination, uint32_t count);
 
-/** Drops the bytes that the buffer holds; the next value is asked of the transport. */
+/** Drops the bytes that the buffer holds; the next value is asked of the transport.
+ *
+ *  @param buff  the buffer; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API void psp_inputBuffReset(psp_inputBuff *buff);
 
 /** Makes an output buffer.
@@ -1769,60 +1802,92 @@ PSP_API void psp_inputBuffReset(psp_inputBuff *buff);
  *  @param write    sends its bytes; not null.
  *  @param context  handed to it.
  *  @param swap     not 0: values are sent in the order opposite to the machine's.
- *  @param buff     where to store the buffer, ended by psp_outputBuffDestroy; not null.
- *  @return as psp_inputBuffCreate. Any thread. */
+ *  @param buff     where to store the buffer; not null. Unchanged on failure.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; PSP_ERR_NOMEMORY.
+ *
+ *  Owner: the caller, until psp_outputBuffDestroy; the function and the context must last as long.
+ *  Threads: any. Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, PSP_ERR_NOMEMORY. */
 PSP_API psp_status psp_outputBuffCreate(psp_transportWrite write, void *context, uint16_t swap,
                                         psp_outputBuff **buff) PSP_MUST_USE;
 /** Ends an output buffer WITHOUT sending the bytes that wait in it: call psp_outputBuffFlush first.
- *  Null does nothing. */
+ *
+ *  @param buff  the buffer; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API void psp_outputBuffDestroy(psp_outputBuff *buff);
 
 /** Puts a character. It is sent when the buffer is full and more bytes come, or by a flush.
  *
- *  @param buff  the buffer; not null.
+ *  @param buff   the buffer; not null.
+ *  @param value  what to put.
  *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status, and then all bytes that were in the
- *          buffer go on waiting, perhaps with the first bytes of this value behind them. */
+ *          buffer go on waiting, perhaps with the first bytes of this value behind them.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutChar(psp_outputBuff *buff, char value);
-/** Puts a 16-bit integer. As psp_outputBuffPutChar. */
+/** Puts a 16-bit integer. As psp_outputBuffPutChar. Threads: one at a time. Start: that of the
+ *  buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutInt16(psp_outputBuff *buff, int16_t value);
-/** Puts a 32-bit integer. As psp_outputBuffPutChar. */
+/** Puts a 32-bit integer. As psp_outputBuffPutChar. Threads: one at a time. Start: that of the
+ *  buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutInt32(psp_outputBuff *buff, int32_t value);
-/** Puts a 64-bit integer. As psp_outputBuffPutChar. */
+/** Puts a 64-bit integer. As psp_outputBuffPutChar. Threads: one at a time. Start: that of the
+ *  buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutInt64(psp_outputBuff *buff, int64_t value);
-/** Puts a float. As psp_outputBuffPutChar. */
+/** Puts a float. As psp_outputBuffPutChar. Threads: one at a time. Start: that of the buffer.
+ *  Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutFloat32(psp_outputBuff *buff, float value);
-/** Puts a double. As psp_outputBuffPutChar. */
+/** Puts a double. As psp_outputBuffPutChar. Threads: one at a time. Start: that of the buffer.
+ *  Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutFloat64(psp_outputBuff *buff, double value);
 
-/** Puts the bytes of a string, which is not null, without length and terminator. As
- *  psp_outputBuffPutChar. */
+/** Puts the bytes of a string, without length and terminator.
+ *
+ *  @param buff    the buffer; not null.
+ *  @param string  the string; not null.
+ *  @return as psp_outputBuffPutChar.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutString(psp_outputBuff *buff, const char *string);
 
 /** Puts a string with its length.
  *
+ *  @param buff    the buffer; not null.
  *  @param string  the string, shorter than 4 GiB - 1; null is sent as a null string.
- *  @return as psp_outputBuffPutChar; PSP_ERR_INVARG, with nothing put, for a longer string. */
+ *  @return as psp_outputBuffPutChar; PSP_ERR_INVARG, with nothing put, for a longer string.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutStringWithLength(psp_outputBuff *buff, const char *string);
 
-/** Puts bytes as they are. As psp_outputBuffPutChar.
+/** Puts bytes without a look at them.
  *
+ *  @param buff   the buffer; not null.
  *  @param data   the bytes; may be null if there are none.
- *  @param count  how many; 0 does nothing. */
+ *  @param count  how many; 0 does nothing.
+ *  @return as psp_outputBuffPutChar.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutBytes(psp_outputBuff *buff, const void *data, uint32_t count);
 
 /** Sends the bytes that wait, if there are any, in one call of the write function.
  *
+ *  @param buff  the buffer; not null.
  *  @return PSP_OKAY; PSP_ERR_INVARG for a null buffer; the transport's status, and then the bytes
- *          go on waiting. */
+ *          go on waiting.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffFlush(psp_outputBuff *buff);
 
 /** Sends the bytes that wait and then, in one more call of the write function and without a copy,
  *  the caller's own: the way for large blocks.
  *
+ *  @param buff   the buffer; not null.
  *  @param data   the bytes; may be null if there are none.
  *  @param count  how many; 0 does nothing and sends nothing.
  *  @return PSP_OKAY; PSP_ERR_INVARG; the status of the transport. If sending the waiting bytes
- *          failed they go on waiting and the others have not been touched. */
+ *          failed they go on waiting and the others have not been touched.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffSendDirect(psp_outputBuff *buff, const void *data, uint32_t count);
 
 /* ---- INI configuration ------------------------------------------------------------------------
@@ -1844,29 +1909,46 @@ PSP_API psp_status psp_outputBuffSendDirect(psp_outputBuff *buff, const void *da
  * Each function comes in four forms: plain (mode word 0), Ex, W and ExW (wide strings, none of them
  * null; a failed conversion gives PSP_ERR_NOMEMORY). */
 
-/** Starts the module; psp_init does it.
+/** Starts the module, if it is not started; psp_init does it.
  *
- *  @return PSP_OKAY; PSP_FAILED. */
+ *  @return PSP_OKAY; PSP_FAILED.
+ *
+ *  Threads: only while no other uses the family. Start: needed, else PSP_FAILED. Memory: if short,
+ *  PSP_FAILED. */
 PSP_API psp_status psp_iniInit(void);
-/** Stops the module; psp_term does it. */
+/** Stops the module; psp_term does it. Threads: only while no other uses the family. Start: needed,
+ *  else it does nothing. Memory: needs none. */
 PSP_API void psp_iniTerm(void);
-/** Empties the store. No other thread may use the INI functions meanwhile. */
+/** Empties the store. Threads: only while no other uses the family. Start: needed, else it does
+ *  nothing. Memory: needs none. */
 PSP_API void psp_iniCleanup(void);
 
-/** Reads a file into the store, replacing what it holds of it; a file that cannot be opened leaves
- *  an empty entry.
+/** Reads a file into the store, replacing what it holds of it; a file that cannot be read leaves an
+ *  empty entry or none, and the next lookup reads it.
+ *
+ *  @param file  the file's name, under which lookups find it; null does nothing.
+ *  @param mode  its PSP_FILE_ bits.
+ *  @return always PSP_OKAY.
+ *
+ *  Threads: only while no other uses the family. Start: needed, else it does nothing. Memory: if
+ *  short, as for a file that cannot be read. */
+PSP_API psp_status psp_readIniFileEx(const char *file, uint16_t mode);
+/** Reads a file of the disk into the store. As psp_readIniFileEx. Threads: only while no other uses
+ *  the family. Start: needed, else it does nothing. Memory: if short, as there. */
+PSP_API psp_status psp_readIniFile(const char *file);
+/** Reads a file of the disk with a wide name into the store. As psp_readIniFileExW. Threads: only
+ *  while no other uses the family. Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, as
+ *  there. */
+PSP_API psp_status psp_readIniFileW(const psp_wchar *file);
+/** Reads a file with a wide name into the store; one that cannot be read keeps its old entry.
  *
  *  @param file  the file's name, under which lookups find it.
  *  @param mode  its PSP_FILE_ bits.
- *  @return always PSP_OKAY. */
-PSP_API psp_status psp_readIniFileEx(const char *file, uint16_t mode);
-/** psp_readIniFileEx on the disk. */
-PSP_API psp_status psp_readIniFile(const char *file);
-/** Reads a file with a wide name; one that cannot be opened keeps its old entry.
+ *  @return PSP_OKAY; PSP_ERR_INVARG for a null name; PSP_ERR_NOMEMORY when the name cannot be
+ *          converted.
  *
- *  @return PSP_OKAY; PSP_ERR_NOMEMORY when the name cannot be converted. */
-PSP_API psp_status psp_readIniFileW(const psp_wchar *file);
-/** psp_readIniFileW with a mode word. */
+ *  Threads: only while no other uses the family. Start: needed, else PSP_ERR_NOMEMORY. Memory: if
+ *  short, PSP_ERR_NOMEMORY for the name, else PSP_OKAY with the old entry kept. */
 PSP_API psp_status psp_readIniFileExW(const psp_wchar *file, uint16_t mode);
 
 /** Looks a value up, or lists names.
@@ -1874,80 +1956,117 @@ PSP_API psp_status psp_readIniFileExW(const psp_wchar *file, uint16_t mode);
  *  @param file     the INI file.
  *  @param section  the section; null lists the sections.
  *  @param key      the key; null lists the section's keys.
- *  @param buffer   receives the value, or each name with its zero byte, and one zero byte more.
+ *  @param buffer   receives the value, or each name with its zero byte, and one zero byte more;
+ *                  untouched by PSP_ERR_NOFILE and _INVARG.
  *  @param size     bytes of the buffer, at least 2.
  *  @param mode     the file's PSP_FILE_ bits.
  *  @return PSP_OKAY; PSP_FAILED when there is no such section or key; PSP_ERR_NOFILE;
  *          PSP_ERR_INVARG for a null file or buffer or a size below 2; PSP_ERR_BUFFERFULL when the
- *          result was cut (a value of L bytes needs a size of L + 3). */
+ *          result was cut (a value of L bytes needs a size of L + 3).
+ *
+ *  Threads: any. Start: needed, else PSP_ERR_NOFILE. Memory: if short, PSP_ERR_NOFILE with the
+ *  store as before where the file had to be read; none is needed once the store holds it. */
 PSP_API psp_status psp_iniGetEx(const char *file, const char *section, const char *key,
                                 char *buffer, uint32_t size, uint16_t mode);
-/** psp_iniGetEx on the disk. */
+/** Looks up in a file of the disk. As psp_iniGetEx. Threads: any. Start: needed, else
+ *  PSP_ERR_NOFILE. Memory: if short, as there. */
 PSP_API psp_status psp_iniGet(const char *file, const char *section, const char *key, char *buffer,
                               uint32_t size);
-/** psp_iniGetEx with wide strings; the size is in units. The buffer is touched on PSP_OKAY only.
- *  A value of more units than the buffer holds is cut without a sign as long as its UTF-8 is at
- * most 4 * size - 3 bytes: give a buffer of a unit for each byte that a value can have. */
+/** Looks a value up, with wide strings, none of them null.
+ *
+ *  @param file,section,key  the file, the section and the key.
+ *  @param buffer            receives the value; touched on PSP_OKAY only.
+ *  @param size              units of the buffer, at least 2. A value of more units than the buffer
+ *                           holds is cut without a sign as long as its UTF-8 is at most 4 * size -
+ *                           3 bytes: give a buffer of a unit for each byte that a value can have.
+ *  @param mode              the file's PSP_FILE_ bits.
+ *  @return as psp_iniGetEx; PSP_ERR_INVARG for anything null; PSP_ERR_NOMEMORY when a string or the
+ *          value cannot be converted.
+ *
+ *  Threads: any. Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, PSP_ERR_NOMEMORY, or as
+ *  psp_iniGetEx while the file is read. */
 PSP_API psp_status psp_iniGetExW(const psp_wchar *file, const psp_wchar *section,
                                  const psp_wchar *key, psp_wchar *buffer, uint32_t size,
                                  uint16_t mode);
-/** psp_iniGetExW on the disk. */
+/** Looks a value up in a file of the disk, with wide strings. As psp_iniGetExW. Threads: any.
+ *  Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, as there. */
 PSP_API psp_status psp_iniGetW(const psp_wchar *file, const psp_wchar *section,
                                const psp_wchar *key, psp_wchar *buffer, uint32_t size);
 
-/** The same as psp_iniGetEx. */
+/** Looks a value up, or lists names: another name of the same. As psp_iniGetEx. Threads: any.
+ *  Start: needed, else PSP_ERR_NOFILE. Memory: if short, as there. */
 PSP_API psp_status psp_iniStringEx(const char *file, const char *section, const char *key,
                                    char *buffer, uint32_t size, uint16_t mode);
-/** The same as psp_iniGet. */
+/** Looks up in a file of the disk. As psp_iniGetEx. Threads: any. Start: needed, else
+ *  PSP_ERR_NOFILE. Memory: if short, as there. */
 PSP_API psp_status psp_iniString(const char *file, const char *section, const char *key,
                                  char *buffer, uint32_t size);
-/** The same as psp_iniGetExW. */
+/** Looks a value up, with wide strings. As psp_iniGetExW. Threads: any. Start: needed, else
+ *  PSP_ERR_NOMEMORY. Memory: if short, as there. */
 PSP_API psp_status psp_iniStringExW(const psp_wchar *file, const psp_wchar *section,
                                     const psp_wchar *key, psp_wchar *buffer, uint32_t size,
                                     uint16_t mode);
-/** The same as psp_iniGetW. */
+/** Looks a value up in a file of the disk, with wide strings. As psp_iniGetExW. Threads: any.
+ *  Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, as there. */
 PSP_API psp_status psp_iniStringW(const psp_wchar *file, const psp_wchar *section,
                                   const psp_wchar *key, psp_wchar *buffer, uint32_t size);
 
 /** Looks a number up: leading white space, a sign, digits; no digits give 0, and a number beyond 32
  *  bits the nearest.
  *
- *  @param number  receives it; untouched on any failure.
- *  @return as psp_iniGetEx, no argument being null; PSP_ERR_BUFFERFULL for a value of more than 17
- *          bytes. */
+ *  @param file,section,key  the file, the section and the key, none of them null.
+ *  @param number            receives it; untouched on any failure; not null.
+ *  @param mode              the file's PSP_FILE_ bits.
+ *  @return PSP_OKAY; PSP_FAILED when there is no such section or key; PSP_ERR_NOFILE;
+ *          PSP_ERR_INVARG for anything null; PSP_ERR_BUFFERFULL for a value of more than 17 bytes.
+ *          With wide strings, PSP_ERR_NOMEMORY when one cannot be converted.
+ *
+ *  Threads: any. Start: needed, else PSP_ERR_NOFILE. Memory: if short, as psp_iniGetEx. */
 PSP_API psp_status psp_iniInt32Ex(const char *file, const char *section, const char *key,
                                   int32_t *number, uint16_t mode);
-/** psp_iniInt32Ex on the disk. */
+/** Looks a number up in a file of the disk. As psp_iniInt32Ex. Threads: any. Start: needed, else
+ *  PSP_ERR_NOFILE. Memory: if short, as psp_iniGetEx. */
 PSP_API psp_status psp_iniInt32(const char *file, const char *section, const char *key,
                                 int32_t *number);
-/** psp_iniInt32Ex with wide strings. */
+/** Looks a number up, with wide strings. As psp_iniInt32Ex. Threads: any. Start: needed, else
+ *  PSP_ERR_NOMEMORY. Memory: if short, as psp_iniGetExW. */
 PSP_API psp_status psp_iniInt32ExW(const psp_wchar *file, const psp_wchar *section,
                                    const psp_wchar *key, int32_t *number, uint16_t mode);
-/** psp_iniInt32ExW on the disk. */
+/** Looks a number up in a file of the disk, with wide strings. As psp_iniInt32Ex. Threads: any.
+ *  Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, as psp_iniGetExW. */
 PSP_API psp_status psp_iniInt32W(const psp_wchar *file, const psp_wchar *section,
                                  const psp_wchar *key, int32_t *number);
 
 /** Sets or removes a value in an existing file, keeping every other line.
  *
+ *  @param file     the INI file.
  *  @param section  the section, not null.
  *  @param key      the key; null removes the section.
- *  @param value    the value; null removes the key. Names and value are written as they are: a
+ *  @param value    the value; null removes the key. Names and value are written without a change: a
  *                  line feed in them begins another line, and what a reader drops of a line (a
  *                  comment, spaces at the ends) it drops of them.
- *  @return PSP_OKAY; PSP_ERR_INVARG for a null file or section; PSP_ERR_NOMEMORY; PSP_ERR_NOFILE
- *          when the file or the temporary file cannot be opened, also when another process has
- *          the latter for too long and when "_temp_.ini" is a link or no file;
- *          PSP_ERR_REPLACEFILE when the new file could not be written whole or take the old one's
- *          place, which then stays. */
+ *  @param mode     the file's PSP_FILE_ bits.
+ *  @return PSP_OKAY; PSP_ERR_INVARG for a null file or section, and for anything null that is wide;
+ *          PSP_ERR_NOMEMORY; PSP_ERR_NOFILE when the file or the temporary file cannot be opened,
+ *          also when another process has the latter for too long and when "_temp_.ini" is a link or
+ *          no file; PSP_ERR_REPLACEFILE when the new file could not be written whole or take the
+ *          old one's place, which then stays.
+ *
+ *  Threads: any. Start: needed, else PSP_ERR_NOMEMORY or PSP_ERR_NOFILE. Memory: if short,
+ *  PSP_ERR_NOMEMORY, PSP_ERR_NOFILE or, in the store, PSP_ERR_REPLACEFILE, with the file unchanged;
+ *  if only the file's new entry finds none, PSP_OKAY, and the next lookup reads the file. */
 PSP_API psp_status psp_iniSetEx(const char *file, const char *section, const char *key,
                                 const char *value, uint16_t mode);
-/** psp_iniSetEx on the disk. */
+/** Sets or removes a value in a file of the disk. As psp_iniSetEx. Threads: any. Start: needed,
+ *  else PSP_ERR_NOMEMORY or PSP_ERR_NOFILE. Memory: if short, as there. */
 PSP_API psp_status psp_iniSet(const char *file, const char *section, const char *key,
                               const char *value);
-/** psp_iniSetEx with wide strings. */
+/** Sets a value, with wide strings, none of them null. As psp_iniSetEx. Threads: any. Start:
+ *  needed, else PSP_ERR_NOMEMORY. Memory: if short, as there. */
 PSP_API psp_status psp_iniSetExW(const psp_wchar *file, const psp_wchar *section,
                                  const psp_wchar *key, const psp_wchar *value, uint16_t mode);
-/** psp_iniSetExW on the disk. */
+/** Sets a value in a file of the disk, with wide strings, none of them null. As psp_iniSetEx.
+ *  Threads: any. Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, as there. */
 PSP_API psp_status psp_iniSetW(const psp_wchar *file, const psp_wchar *section,
                                const psp_wchar *key, const psp_wchar *value);
 
@@ -1964,38 +2083,57 @@ typedef uintptr_t psp_threadHandle;
 
 /** Starts a thread.
  *
- *  @param function  what it runs; its return ends the thread.
+ *  @param function  what it runs; its return ends the thread. Null gives PSP_FAILED.
  *  @param stack     bytes of its stack; 0 is the platform's own choice, less than 64 KiB or the
  *                   platform's least is the larger of these.
  *  @param argument  handed to the function.
- *  @return PSP_OKAY; PSP_FAILED after the message "Failed to create thread". */
+ *  @return PSP_OKAY; PSP_FAILED after the message "Failed to create thread".
+ *
+ *  Owner: the argument is the function's. Threads: any. Start: not needed. Memory: if short,
+ *  PSP_FAILED, no jump. */
 PSP_API psp_status psp_threadBegin(void (*function)(void *), uint32_t stack, void *argument);
 
 /** Starts a thread with a priority.
  *
+ *  @param function,stack,argument  as in psp_threadBegin.
  *  @param handle    receives the thread; may be null. The thread may have ended by then.
  *  @param priority  as in psp_threadSetPriority; 0 leaves it normal. A refused one is not told.
  *  @param reserved  ignored.
- *  @return as psp_threadBegin. */
+ *  @return as psp_threadBegin.
+ *
+ *  Owner: the argument is the function's; the handle wants no giving back. Threads: any. Start: not
+ *  needed. Memory: if short, PSP_FAILED, no jump. */
 PSP_API psp_status psp_threadBeginEx(void (*function)(void *), uint32_t stack, void *argument,
                                      psp_threadHandle *handle, int32_t priority, int32_t reserved);
 
 /** Sets the priority of a running thread.
  *
+ *  @param thread    the thread.
  *  @param priority  PSP_PRIORITY_LOWEST, PSP_PRIORITY_HIGHEST; any other value is normal, the
  *                   process's own. On POSIX the two are 10 nice values off it.
- *  @return PSP_OKAY; PSP_FAILED when the platform refuses (raising wants a right on POSIX). */
+ *  @return PSP_OKAY; PSP_FAILED when the platform refuses (raising wants a right on POSIX), also
+ *          for a thread that has ended.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_threadSetPriority(psp_threadHandle thread, int32_t priority);
 
-/** Ends the calling thread. Does not return. */
+/** Ends the calling thread. Does not return. Threads: any. Start: not needed. Memory: needs none.
+ */
 PSP_API void psp_threadEnd(void);
 
-/** Waiting for a thread is not available.
+/** Would wait for a thread, which is not available.
  *
- *  @return always PSP_NOTSUPPORTED, at once. */
+ *  @param thread  the thread; not looked at.
+ *  @return always PSP_NOTSUPPORTED, at once.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_threadJoin(psp_threadHandle thread);
 
-/** The platform's identifier of the calling thread. */
+/** Tells the platform's identifier of the calling thread.
+ *
+ *  @return the identifier.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint32_t psp_threadId(void);
 
 /* ---- Message queues ---------------------------------------------------------------------------
@@ -2024,66 +2162,95 @@ typedef struct psp_queue psp_queue;
 /** Starts the module, if it is not started.
  *
  *  @param reset  not 0: end all queues that exist first, as psp_queueTerm(1).
- *  @return PSP_OKAY; PSP_FAILED when the library is not started or memory is short. */
+ *  @return PSP_OKAY; PSP_FAILED.
+ *
+ *  Threads: any. Start: needed, else PSP_FAILED. Memory: if short, PSP_FAILED; what reset ended is
+ *  gone. */
 PSP_API psp_status psp_queueInit(int16_t reset) PSP_MUST_USE;
 
 /** Stops the module. It must run before the last psp_term.
  *
  *  @param force  0 does nothing while queues exist; anything else deletes them, under the rule of
- *                psp_queueDelete. */
+ *                psp_queueDelete.
+ *
+ *  Threads: any. Start: needed, else it does nothing. Memory: needs none. */
 PSP_API void psp_queueTerm(int16_t force);
 
 /** Makes a queue.
  *
  *  @param name  its name, which is copied; null is "". Names need not be unique.
- *  @return the queue; null when the module is not started or memory is short. A name that finds no
- *          memory is left out: such a queue is never found and lasts until psp_queueTerm.
- *  Ended by psp_queueDelete or psp_queueTerm. */
+ *  @return the queue; null when the module is not started, too.
+ *
+ *  Owner: the caller, until psp_queueDelete or psp_queueTerm. Threads: any. Start: needed, else
+ *  null. Memory: if short, null; a name that alone finds none is left out: such a queue is never
+ *  found and lasts until psp_queueTerm. */
 PSP_API psp_queue *psp_queueCreate(const char *name) PSP_MUST_USE;
 
-/** Deletes a queue with its messages, closing it first.
+/** Deletes a queue with its messages, closing it first. No other call on the queue may be under
+ *  way, except one waiting psp_queueRead.
  *
  *  @param queue  the queue; null does nothing. One that does not exist (any more) is not touched;
  *                "Deleted too many queues" is logged.
- *  No other call on the queue may be under way, except one waiting psp_queueRead. */
+ *
+ *  Threads: any. Start: needed, else as for a queue that does not exist. Memory: needs none. */
 PSP_API void psp_queueDelete(psp_queue *queue);
 
 /** Finds a queue by its name, byte for byte.
  *
- *  @return the queue of that name that was made last; null when there is none or the name is null.
- *          It is not protected against its deletion. */
+ *  @param name  the name; null finds none.
+ *  @return the queue of that name that was made last; null when there is none.
+ *
+ *  Owner: whoever made it; it is not protected against its deletion. Threads: any. Start: needed,
+ *  else null. Memory: needs none. */
 PSP_API psp_queue *psp_queueFind(const char *name);
 
-/** Writes a message. It is dropped when the queue is closed, and when memory is short (after the
- *  message "Out of memory").
+/** Writes a message. It is dropped when the queue is closed.
  *
+ *  @param queue            the queue; null is reported.
  *  @param data,extra,type  the message; only psp_queuePurge looks at type.
- *  @param flags            PSP_QUEUE_URGENT or 0; other bits are ignored. */
+ *  @param flags            PSP_QUEUE_URGENT or 0; other bits are ignored.
+ *
+ *  Threads: any. Start: that of the queue. Memory: if short, the message is dropped after "Out of
+ *  memory"; a jump does not come. */
 PSP_API void psp_queueWrite(psp_queue *queue, psp_word data, psp_word extra, psp_word type,
                             uint32_t flags);
 
 /** Takes the first message, waiting for one.
  *
- *  @param data   receives the message's data; not null.
+ *  @param queue       the queue; null is reported.
+ *  @param data        receives the message's data; not null.
  *  @param extra,type  receive the rest; each may be null. All three are stored on PSP_OKAY only.
- *  @param limit  the longest wait in milliseconds, counted from the reader's turn; 0 does not wait
- *                for a message, PSP_NO_LIMIT waits as long as it takes.
+ *  @param limit       the longest wait in milliseconds, counted from the reader's turn; 0 does not
+ *                     wait for a message, PSP_NO_LIMIT waits as long as it takes.
  *  @return PSP_OKAY; PSP_TIMEOUT; PSP_QUEUE_CLOSED, messages or not; PSP_FAILED when the queue is
  *          empty and limit is 0, when the queue or data is null, and when the queue was emptied by
  *          a purge between the wake-up and the look ("unexpected empty queue on NAME" is logged).
- */
+ *
+ *  Threads: any. Start: that of the queue. Memory: needs none. */
 PSP_API psp_status psp_queueRead(psp_queue *queue, psp_word *data, psp_word *extra, psp_word *type,
                                  uint32_t limit) PSP_MUST_USE;
 
 /** Removes messages. A closed queue keeps what it has.
  *
- *  @param type  the type of those that go; PSP_QUEUE_ALL_TYPES removes every message. */
+ *  @param queue  the queue; null is reported.
+ *  @param type   the type of those that go; PSP_QUEUE_ALL_TYPES removes every message.
+ *
+ *  Threads: any. Start: that of the queue. Memory: needs none. */
 PSP_API void psp_queuePurge(psp_queue *queue, psp_word type);
 
-/** Closes a queue for good: later and waiting reads give PSP_QUEUE_CLOSED, writes are dropped. */
+/** Closes a queue for good: later and waiting reads give PSP_QUEUE_CLOSED, writes are dropped.
+ *
+ *  @param queue  the queue; null is reported.
+ *
+ *  Threads: any. Start: that of the queue. Memory: needs none. */
 PSP_API void psp_queueClose(psp_queue *queue);
 
-/** The number of messages in the queue, closed or not; 0 for null. */
+/** Tells the number of messages in the queue, closed or not.
+ *
+ *  @param queue  the queue; null has none.
+ *  @return the number.
+ *
+ *  Threads: any. Start: that of the queue. Memory: needs none. */
 PSP_API uint32_t psp_queueCount(psp_queue *queue);
 
 /* ---- Time, environment and process ------------------------------------------------------------
@@ -2091,57 +2258,107 @@ PSP_API uint32_t psp_queueCount(psp_queue *queue);
 
 /** Suspends the calling thread, no shorter than told.
  *
- *  @param milliseconds  0 yields. */
+ *  @param milliseconds  how long; 0 yields.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_sleep(uint32_t milliseconds);
 
-/** The process identifier. */
+/** Tells the process identifier.
+ *
+ *  @return the identifier.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_get_pid(void);
 
 /** Prepares running in the background: nothing to do, a service manager does it.
  *
- *  @return always PSP_OKAY. */
+ *  @param first,second  ignored.
+ *  @return always PSP_OKAY.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_daemonStart(int32_t first, int32_t second);
-/** Ends the preparation; does nothing. */
+/** Ends the preparation; does nothing.
+ *
+ *  @param value  ignored.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_daemonComplete(int32_t value);
 
-/** The calendar time, for seeding a random generator. */
+/** Tells the calendar time, for seeding a random generator. As psp_timeSecs. Threads: any. Start:
+ *  not needed. Memory: needs none. */
 PSP_API int64_t psp_seed(void);
-/** The calendar time in seconds since 1970-01-01 UTC. */
+/** Tells the calendar time.
+ *
+ *  @return seconds since 1970-01-01 UTC.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int64_t psp_timeSecs(void);
-/** The calendar time in milliseconds, modulo 2^32. */
+/** Tells the calendar time in milliseconds.
+ *
+ *  @return the milliseconds since 1970-01-01 UTC, modulo 2^32.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint32_t psp_timeMilliSecs(void);
-/** A monotonic time in nanoseconds since some point; 0 when the platform has none. */
+/** Tells a monotonic time.
+ *
+ *  @return nanoseconds since some point; 0 when the platform has none.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint64_t psp_timeNanoSecs(void);
 
 /** Converts a calendar time to local time.
  *
+ *  @param time    seconds since 1970-01-01 UTC.
  *  @param result  receives the nine fields.
- *  @return result; null when it is null or the time cannot be converted. */
+ *  @return result; null when it is null or the time cannot be converted.
+ *
+ *  Owner: that of the result. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API struct tm *psp_timeLocaltime(int64_t time, struct tm *result);
 
-/** The text of a calendar time in local time, as ctime gives it, with its newline.
+/** Tells a calendar time as text, in local time, as ctime gives it, with its newline.
  *
- *  @return the C runtime's own buffer, which the next such call of any thread overwrites; null when
- *          the time cannot be converted. */
+ *  @param time  seconds since 1970-01-01 UTC.
+ *  @return the text; null when the time cannot be converted.
+ *
+ *  Owner: the C runtime, until the next such call of any thread. Threads: one at a time in the
+ *  process. Start: not needed. Memory: needs none. */
 PSP_API const char *psp_timeCtime(int64_t time);
 
-/** The value of an environment variable.
+/** Tells the value of an environment variable.
  *
- *  @return the runtime's text; null when it is not set or the name is null. */
+ *  @param name  the variable; null is not set.
+ *  @return the text; null when it is not set.
+ *
+ *  Owner: the C runtime, until somebody changes the environment. Threads: any, while nobody changes
+ *  the environment. Start: not needed. Memory: needs none. */
 PSP_API const char *psp_getenv(const char *name);
-/** psp_getenv for wide strings.
+/** Tells the value of an environment variable as a wide string.
  *
- *  @return the text, which stays valid until the last psp_term; null when it is not set, is not
- *          UTF-8, or memory is short. */
+ *  @param name  the variable; null is not set.
+ *  @return the text; null when it is not set or not UTF-8, too.
+ *
+ *  Owner: the library, until the last psp_term. Threads: any, while nobody changes the environment.
+ *  Start: not needed. Memory: if short, null, no jump. */
 PSP_API const psp_wchar *psp_getenvW(const psp_wchar *name);
 
-/** Sets or, for a null name, queries the locale. Numbers and meaning are the C runtime's.
+/** Sets or queries the locale of the process. Numbers and meaning are the C runtime's.
  *
- *  @param category  LC_ALL and its relatives of <locale.h>.
- *  @param name      the locale.
- *  @return the runtime's text; null when the locale does not exist. */
+ *  @param category  LC_ALL and its relatives of the C runtime's locale.h.
+ *  @param name      the locale; null queries.
+ *  @return the text of the locale; null when it does not exist.
+ *
+ *  Owner: the C runtime, until the next such call. Threads: one at a time; to set it, only while no
+ *  other thread formats or converts. Start: not needed. Memory: needs none. */
 PSP_API const char *psp_setlocale(int32_t category, const char *name);
-/** psp_setlocale for wide strings. The result is as long valid as that of psp_getenvW. */
+/** Sets or queries the locale of the process, with wide strings.
+ *
+ *  @param category  as in psp_setlocale.
+ *  @param name      the locale; null queries.
+ *  @return the text of the locale; null when it does not exist or is not UTF-8, too.
+ *
+ *  Owner: the library, until the last psp_term. Threads: one at a time; to set it, only while no
+ *  other thread formats or converts. Start: not needed. Memory: if short, null, no jump; the locale
+ *  may have been set. */
 PSP_API const psp_wchar *psp_setlocaleW(int32_t category, const psp_wchar *name);
 
 /** Installs the function that an interrupt calls, or removes it.
@@ -2156,7 +2373,10 @@ PSP_API const psp_wchar *psp_setlocaleW(int32_t category, const psp_wchar *name)
  *
  *  @param handler  the function; it replaces an earlier one. Null removes it and restores what the
  *                  interrupts did before, save where the client has changed that since.
- *  @return PSP_OKAY; PSP_FAILED when the platform refuses, and then nothing is changed. */
+ *  @return PSP_OKAY; PSP_FAILED when the platform refuses, and then nothing is changed.
+ *
+ *  Owner: the library calls the handler until it is replaced or removed. Threads: any. Start: not
+ *  needed. Memory: if short, PSP_FAILED and nothing is changed, no jump. */
 PSP_API psp_status psp_handleInterrupt(void (*handler)(void));
 
 /* ---- Services ---------------------------------------------------------------------------------
@@ -2171,35 +2391,39 @@ PSP_API psp_status psp_handleInterrupt(void (*handler)(void));
 typedef int32_t (*psp_serviceMain)(psp_word first, psp_word second);
 
 /** Runs the main function: as a service on a thread of its own if the name is installed and the
- *  manager started this process, otherwise at once in the calling thread. Needs no start.
+ *  manager started this process, otherwise at once in the calling thread.
  *
  *  As a service, a stop or a shutdown sets the stop flag; on Linux that is SIGTERM, which then
  *  reaches no handler of psp_handleInterrupt until the service has ended, and does what it did
  *  before after that. The log functions write to the log alone from then on.
  *
- *  @param name      the counter's name; it must last until the return.
- *  @param stopFlag  set to 1 by a stop, from another thread; may be null.
- *  @param first     handed to main, as is second.
- *  @param main      the main function.
+ *  @param name          the counter's name.
+ *  @param stopFlag      set to 1 by a stop, from another thread; may be null.
+ *  @param first,second  handed to main.
+ *  @param main          the main function.
  *  @return 0 after a service, be it that it could not be run; otherwise what main returned;
- *          PSP_FAILED for a null main. */
+ *          PSP_FAILED for a null main.
+ *
+ *  Owner: the caller, who keeps name and stopFlag until the return. Threads: any, but a second
+ *  service of the process is not run. Start: not needed. Memory: if short, a service is not run,
+ *  which gives 0; no jump. */
 PSP_API int32_t psp_serviceStart(const char *name, uint16_t *stopFlag, psp_word first,
                                  psp_word second, psp_serviceMain main);
 
-/** Tells the manager that the service is ready. Does nothing outside a service. Any thread. */
+/** Tells the manager that the service is ready. Does nothing outside a service. Threads: any.
+ *  Start: not needed. Memory: needs none. */
 PSP_API void psp_serviceStarted(void);
 
 /** Tells the manager that the service is about to end; it has ended when main returns. Does nothing
- *  outside a service. Any thread. */
+ *  outside a service. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_serviceDone(void);
 
 /** Installs a service that starts with the system, and starts it. Waits for no start.
  *
  *  On Linux it writes the unit /etc/systemd/system/NAME.service. Characters that a unit's name
  *  cannot hold are escaped there; slashes, backslashes and control characters are refused, as are
- *  control characters in the command line. A unit of that name, wherever it lies, is never
- *  changed. Processes may install and uninstall at the same time. The service is told of stops
- *  only if it calls psp_serviceStart with the counter's name.
+ *  control characters in the command line. A unit of that name, wherever it lies, is never changed.
+ *  The service is told of stops only if it calls psp_serviceStart with the counter's name.
  *
  *  @param counterName       the name that the program gives to psp_serviceStart.
  *  @param serviceName       the name by which the manager knows the service.
@@ -2210,16 +2434,22 @@ PSP_API void psp_serviceDone(void);
  *                           a backslash before a double quote makes it a character. Null is none.
  *  @return PSP_OKAY, even if the service could not be counted or started; PSP_NOACCESS when the
  *          caller may not manage services; PSP_FAILED for anything else (no manager, the name is
- *          taken, a text is refused or not UTF-8, memory), and then nothing is left behind. */
+ *          taken, a text is refused or not UTF-8), and then nothing is left behind.
+ *
+ *  Threads: any, and processes at the same time. Start: needed, else PSP_FAILED. Memory: if short,
+ *  PSP_FAILED and nothing is left behind. */
 PSP_API psp_status psp_serviceInstall(const char *counterName, const char *serviceName,
                                       const char *displayName, const char *description,
                                       const char *programPath, const char *programArguments);
 
 /** Stops and removes a service. Waits for its end where the manager tells it (on Linux it does).
- *  Needs no start.
  *
+ *  @param counterName,serviceName  as in psp_serviceInstall.
  *  @return PSP_OKAY; PSP_NOSERVICE when there is no such service; PSP_NOACCESS; PSP_FAILED for
- *          anything else. The counter is lowered on PSP_OKAY alone. */
+ *          anything else. The counter is lowered on PSP_OKAY alone.
+ *
+ *  Threads: any, and processes at the same time. Start: not needed. Memory: if short, PSP_FAILED;
+ *  the service may have been stopped; no jump. */
 PSP_API psp_status psp_serviceUninstall(const char *counterName, const char *serviceName);
 
 /* ---- Parser engine ----------------------------------------------------------------------------
@@ -2285,14 +2515,14 @@ typedef struct {
 /** Parses one input. Its depth is limited by memory alone.
  *
  *  @param context  the parse.
- *  @return 0 when the input was accepted;
- *          3 when a syntax error was met that no rule takes (after error was called), or the input
- *          ended while one was being recovered from (error is not called);
- *          PSP_NOMEMORY, the same number, when memory is short: everything taken, from a client's
- *          tag too, has been given back, and error is not called;
- *          PSP_ERR_INVARG when context, tables, lexer or action is null;
- *          else what action returned.
- *  Any thread; the context, and a tag without a lock, by one at a time. */
+ *  @return 0 when the input was accepted; 3 when a syntax error was met that no rule takes (after
+ *          error was called), or the input ended while one was being recovered from (error is not
+ *          called); PSP_NOMEMORY, the same number, when memory is short (error is not called);
+ *          PSP_ERR_INVARG when context, tables, lexer or action is null; else what action returned.
+ *
+ *  Threads: any; the context, and a tag without a lock, one at a time. Start: needed, else
+ *  PSP_NOMEMORY as soon as the parse wants memory. Memory: if short, PSP_NOMEMORY; everything
+ *  taken, from a client's tag too, has been given back. */
 PSP_API int16_t psp_yyparse(const psp_yyContext *context);
 
 #if defined(__cplusplus)
