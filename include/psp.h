@@ -360,8 +360,7 @@ PSP_API void psp_putInPool(void *pointer, psp_pool *pool);
 
 /* ---- Sync objects -----------------------------------------------------------------------------
  * A sync object is an exclusive lock or a gate, made by psp_syncCreate_check and ended by
- * psp_syncDelete. All functions may be called by any thread, except that nobody may use an object
- * while it is deleted or afterwards. A process can have 131,072 of them.
+ * psp_syncDelete. A process can have 131,072 of them.
  *
  * An exclusive lock is recursive. When a thread ends while it holds one, the next waiter gets it.
  * Entering and leaving a lock that nobody waits for costs no system call.
@@ -464,8 +463,7 @@ PSP_API void psp_exitCritSec(void);
  * An unknown conversion puts out nothing and takes no argument; a format that ends inside a
  * directive ends before it.
  *
- * The decimal point is the C runtime's locale's. No conversion allocates. All functions work in any
- * thread. */
+ * The decimal point is the C runtime's locale's. */
 
 /** Formats into a buffer.
  *
@@ -515,9 +513,7 @@ PSP_API char *psp_makeStrVA(const char *file, uint32_t line, psp_tag *tag, const
 
 /* ---- Random numbers ---------------------------------------------------------------------------
  * Independent pseudo-random generators (MT19937). A seed gives the published sequence of that
- * generator on every platform. They are for tests and simulations, not for secrets. A generator is
- * used by one thread at a time; drawing needs no started library, but a generator lives no longer
- * than the last psp_term. */
+ * generator on every platform. They are for tests and simulations, not for secrets. */
 
 typedef struct psp_rand psp_rand;
 
@@ -584,9 +580,7 @@ PSP_API double psp_randGetDouble(psp_rand *generator);
  * PSP_UTF8_STRICT fails at the first invalid byte or unit; PSP_UTF8_REPLACE puts a question mark in
  * its place. Any other mode acts as strict. U+FFFE, U+FFFF, encoded surrogates and overlong forms
  * are invalid in UTF-8. Note that the plain and the counted forms order their arguments
- * differently.
- *
- * The buffer functions work without a start; all work in any thread. */
+ * differently. */
 
 #define PSP_UTF8_STRICT 0u
 #define PSP_UTF8_REPLACE 1u
@@ -678,7 +672,7 @@ PSP_API psp_status psp_convertArgvToUTF8(int32_t count, psp_wchar *const *argume
                                          char ***result) PSP_MUST_USE;
 
 /* ---- Small utilities --------------------------------------------------------------------------
- * Pure functions. They work without a start and in any thread. */
+ * Pure functions. */
 
 /** Finds a pattern in a text without regard to the case of the letters A to Z.
  *
@@ -761,8 +755,7 @@ PSP_API double psp_swaporderf64(uint64_t pattern);
 
 /* ---- Files ------------------------------------------------------------------------------------
  * psp_fileOpen makes a handle, psp_fileClose ends it; every handle is to be closed before the last
- * psp_term. A handle is used by one thread at a time. It is never inherited by a child process that
- * runs another program.
+ * psp_term. A handle is never inherited by a child process that runs another program.
  *
  * Names are UTF-8. Both separators, slash and backslash, are accepted. The names "stdin", "stdout"
  * and "stderr" designate the process's standard channels, in every mode; closing such a handle
@@ -996,11 +989,8 @@ PSP_API int64_t psp_fileModTimeStat(const char *name, uint16_t mode);
  * directory move give PSP_FAILED, remove and rename PSP_NOMEMORY, the existence test 0.
  *
  * They are sequences of platform calls on names: another thread or process that uses the same names
- * at the same time sees the steps between. They work in any thread. In read-only mode removing,
- * renaming and moving to the disk fail; in no-disk mode everything on the disk fails.
- *
- * What they leave behind when memory fails: names and files as they were before the step that
- * failed; no copy is left half-made unless the comment says so. */
+ * at the same time sees the steps between. In read-only mode removing, renaming and moving to the
+ * disk fail; in no-disk mode everything on the disk fails. */
 
 /** Copies a file onto a new or an existing name, writing only the blocks of 1024 bytes that differ.
  *
@@ -1179,9 +1169,7 @@ PSP_API psp_status psp_dirMoveExW(const psp_wchar *source, uint16_t source_mode,
 
 /* ---- Paths and directories --------------------------------------------------------------------
  * Names as text, directories, the temporary directory. The library writes backslashes and accepts
- * slashes too, on every platform. Strings handed out belong to the caller, who releases them with
- * psp_freeMem and the default tag (null), unless a tag is an argument. Everything works in any
- * thread; an iterator is used by one thread at a time. */
+ * slashes too, on every platform. */
 
 typedef struct psp_pathIter psp_pathIter;
 
@@ -1354,10 +1342,10 @@ PSP_API char *psp_fileCreateTmpName(uint32_t *counter, const char *prefix, const
 PSP_API char *psp_tmpdir(psp_tag *tag) PSP_MUST_USE;
 
 /* ---- Text streams -----------------------------------------------------------------------------
- * A stream is a buffered text file: psp_fopen makes it, psp_fclose ends it. One thread at a time.
- * Texts are UTF-8 whatever the file holds. A read stream recognises a byte-order mark and turns
- * UTF-16 into UTF-8; a write stream of width 2 writes a mark and UTF-16, little-endian. A carriage
- * return with a line feed reads as one line feed, and a line feed is written as the two.
+ * A stream is a buffered text file: psp_fopen makes it, psp_fclose ends it. Texts are UTF-8
+ * whatever the file holds. A read stream recognises a byte-order mark and turns UTF-16 into UTF-8;
+ * a write stream of width 2 writes a mark and UTF-16, little-endian. A carriage return with a line
+ * feed reads as one line feed, and a line feed is written as the two.
  *
  * Reading and writing may alternate. What is written reaches the file when a block of 1024 bytes is
  * full, at a flush and at the close. In read-only mode output is dropped in silence. A write that
@@ -1516,9 +1504,8 @@ PSP_API psp_status psp_fseek(psp_stream *stream, int32_t offset, int32_t origin)
 
 /* ---- Channels and log -------------------------------------------------------------------------
  * The process has three output channels: standard output, standard error and the log. Each writes
- * to the output that was pushed on it last; the first two start with the process's own. Pushing and
- * popping must not run while another thread writes to the same channel; everything else may be
- * called by any thread, and one message is always written in one piece.
+ * to the output that was pushed on it last; the first two start with the process's own. One message
+ * is always written in one piece.
  *
  * A log message goes to the standard output channel (psp_log_err: standard error) and, with a stamp
  * "[19-Nov-2026 06:32:28]" and two blanks before it, to the log's output if there is one. End your
@@ -1569,8 +1556,8 @@ PSP_API void psp_log_close(void);
  *  @param format  as in psp_vsnprintf, with its values behind it.
  *  @return bytes of the text; 0 when the channel swallows it; -1 when it failed.
  *
- *  Threads: any. Start: not needed; see the family. Memory: if short, -1 with nothing written of a
- *  text of 512 bytes or more, no jump. */
+ *  Threads: any. Start: not needed; without it the text goes to the C runtime. Memory: if short, -1
+ *  with nothing written of a text of 512 bytes or more, no jump. */
 PSP_API int32_t psp_printf(const char *format, ...);
 /** Writes formatted text to the standard output channel, without a flush.
  *
@@ -1578,13 +1565,14 @@ PSP_API int32_t psp_printf(const char *format, ...);
  *  @param arguments  the values that the format names.
  *  @return as psp_printf.
  *
- *  Threads: any. Start: not needed; see the family. Memory: if short, as psp_printf. */
+ *  Threads: any. Start: not needed; without it the text goes to the C runtime. Memory: if short, as
+ *  psp_printf. */
 PSP_API int32_t psp_printfV(const char *format, va_list arguments);
 /** Writes formatted text to the standard error channel. As psp_printf. Threads: any. Start: not
- *  needed; see the family. Memory: if short, as there. */
+ *  needed; without it the text goes to the C runtime. Memory: if short, as there. */
 PSP_API int32_t psp_printfErr(const char *format, ...);
 /** Writes formatted text to the standard error channel. As psp_printfV. Threads: any. Start: not
- *  needed; see the family. Memory: if short, as there. */
+ *  needed; without it the text goes to the C runtime. Memory: if short, as there. */
 PSP_API int32_t psp_printfErrV(const char *format, va_list arguments);
 
 /** Flushes the standard output channel; without an output, the C runtime's standard output.
@@ -1600,8 +1588,8 @@ PSP_API void psp_flushErr(void);
  *  @return bytes written to the standard output channel, 0 when it swallows them; -1 when that
  *          failed. A message that cannot be formatted is dropped and gives 0.
  *
- *  Threads: any. Start: not needed; see the family. Memory: if short, 0 and a message of 512 bytes
- *  or more is dropped, no jump. */
+ *  Threads: any. Start: not needed; without it the text goes to the C runtime. Memory: if short, 0
+ *  and a message of 512 bytes or more is dropped, no jump. */
 PSP_API int32_t psp_log(const char *format, ...);
 /** Logs a message and flushes it. The platform's last error code is left as it was.
  *
@@ -1609,10 +1597,11 @@ PSP_API int32_t psp_log(const char *format, ...);
  *  @param arguments  the values that the format names.
  *  @return as psp_log.
  *
- *  Threads: any. Start: not needed; see the family. Memory: if short, as psp_log. */
+ *  Threads: any. Start: not needed; without it the text goes to the C runtime. Memory: if short, as
+ *  psp_log. */
 PSP_API int32_t psp_logV(const char *format, va_list arguments);
 /** Logs a message to the standard error channel and the log. As psp_log. Threads: any. Start: not
- *  needed; see the family. Memory: if short, as there. */
+ *  needed; without it the text goes to the C runtime. Memory: if short, as there. */
 PSP_API int32_t psp_log_err(const char *format, ...);
 
 /* A message built from pieces. */
@@ -1631,8 +1620,8 @@ PSP_API psp_logChunk *psp_log_chunk_init(void) PSP_MUST_USE;
  *  @param chunk   the message; null does nothing.
  *  @param format  as in psp_vsnprintf, with its values behind it; null adds nothing.
  *
- *  Threads: one at a time. Start: not needed; see the family. Memory: if short, the last piece is
- *  left out whole, no jump. */
+ *  Threads: one at a time. Start: not needed; without it the text goes to the C runtime. Memory: if
+ *  short, the last piece is left out whole, no jump. */
 PSP_API void psp_log_chunk_end(psp_logChunk *chunk, const char *format, ...);
 
 /** Adds a formatted piece.
@@ -1665,9 +1654,7 @@ PSP_API void psp_log_flush(void);
  * unless the failure fell between two values, give the connection up.
  *
  * A transport function may use the library and other buffers. It may also be left by an
- * out-of-memory jump: the buffer then stays as after a transport that failed.
- *
- * One thread at a time for each buffer; different buffers may be used at the same time. */
+ * out-of-memory jump: the buffer then stays as after a transport that failed. */
 
 /** Fills the buffer from the transport; waits until there is at least one byte, or fails.
  *
@@ -1895,8 +1882,7 @@ PSP_API psp_status psp_outputBuffSendDirect(psp_outputBuff *buff, const void *da
  * the file and reads it again. Names of sections and keys compare without regard to case, and of
  * two of one name the first counts. Names of files compare as the platform does (on POSIX byte for
  * byte), in the file store without regard to case; two spellings of one file are two entries.
- * Lookups and updates may be called by any thread and are serialised; psp_readIniFile and
- * psp_iniCleanup must not run meanwhile.
+ * Lookups and updates are serialised.
  *
  * The format: "[section]" lines and "key=value" lines; ";" starts a comment anywhere. Spaces around
  * the key's end and the value are dropped. Names keep their first 127 bytes.
@@ -2072,7 +2058,7 @@ PSP_API psp_status psp_iniSetW(const psp_wchar *file, const psp_wchar *section,
 
 /* ---- Threads ----------------------------------------------------------------------------------
  * psp_threadBegin starts a thread; nobody waits for it (use a gate). When a thread ends, the locks
- * that it holds go to their next waiters. Everything works in any thread and without a start. */
+ * that it holds go to their next waiters. */
 
 /* A running thread; valid only while it runs. */
 typedef uintptr_t psp_threadHandle;
@@ -2142,8 +2128,8 @@ PSP_API uint32_t psp_threadId(void);
  * written; an urgent one goes in front of all others.
  *
  * The module is started and stopped by its users, inside psp_init and psp_term: psp_queueInit,
- * psp_queueTerm. All functions may be called by any thread. Readers of one queue take turns: while
- * one waits for a message, the others wait for their turn without a time limit.
+ * psp_queueTerm. Readers of one queue take turns: while one waits for a message, the others wait
+ * for their turn without a time limit.
  *
  * A queue must not be deleted while another call on it is under way. A call is over for this rule
  * as soon as its effect is seen: whoever has read a message, or found the queue closed, may delete
@@ -2254,7 +2240,7 @@ PSP_API void psp_queueClose(psp_queue *queue);
 PSP_API uint32_t psp_queueCount(psp_queue *queue);
 
 /* ---- Time, environment and process ------------------------------------------------------------
- * Thin wrappers. They work without a start and in any thread. */
+ * Thin wrappers. */
 
 /** Suspends the calling thread, no shorter than told.
  *
