@@ -286,6 +286,7 @@ PSP_API void psp_moveMemTag(void *pointer, psp_tag *destination, psp_tag *source
  *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_memCmp(const void *first, const void *second, size_t length);
 
+/* Short forms, which name the caller's position. The copies are released like any block. */
 #define psp_createTag(flags) psp_createTagEx(NULL, (flags), __FILE__, __LINE__)
 #define psp_alloc(size, tag) psp_getMem((size), (tag), PSP_MEM_ALLOC, NULL, __FILE__, __LINE__)
 #define psp_allocZero(size, tag) psp_getMem((size), (tag), PSP_MEM_ZERO, NULL, __FILE__, __LINE__)
@@ -442,6 +443,7 @@ PSP_API void psp_enterCritSec(void);
  *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_exitCritSec(void);
 
+/* The short form, which names the caller's position. */
 #define psp_syncCreate(kind) psp_syncCreate_check((kind), __FILE__, __LINE__)
 
 /* ---- Formatted text ---------------------------------------------------------------------------
@@ -1022,7 +1024,7 @@ PSP_API psp_status psp_fileCopyExW(const psp_wchar *source, uint16_t source_mode
 
 /** Compares the contents of two files.
  *
- *  @param first,second  the files.
+ *  @param first,second            the files.
  *  @param first_mode,second_mode  their PSP_FILE_ bits.
  *  @return 0 when equal; PSP_FAILED when they differ or cannot be read; PSP_NOMEMORY;
  *          PSP_CMP_NO_FIRST or PSP_CMP_NO_SECOND when that file cannot be opened. A name that the
@@ -1069,7 +1071,7 @@ PSP_API psp_status psp_fileRemoveExW(const psp_wchar *name, uint16_t mode);
  *  file. A directory may not.
  *
  *  @param old_name,new_name  the names. In the store the new one's last component counts alone:
- *           what it names stays in its directory.
+ *                            what it names stays in its directory.
  *  @param old_mode,new_mode  their PSP_FILE_ bits.
  *  @return PSP_OKAY; PSP_FAILED; PSP_NOTFOUND for a store name that is missing. With a wide name
  *          that cannot be converted, PSP_NOMEMORY.
@@ -2428,14 +2430,14 @@ PSP_API psp_status psp_serviceInstall(const char *counterName, const char *servi
                                       const char *displayName, const char *description,
                                       const char *programPath, const char *programArguments);
 
-/** Stops and removes a service. Waits for its end where the manager tells it (on Linux it does).
+/** Stops and removes a service. Waits for its end where the manager tells it (on Linux it does). A
+ *  service that the manager does not stop is removed all the same.
  *
  *  @param counterName,serviceName  as in psp_serviceInstall.
  *  @return PSP_OKAY; PSP_NOSERVICE when there is no such service; PSP_NOACCESS; PSP_FAILED for
  *          anything else. The counter is lowered on PSP_OKAY alone.
  *
- *  Threads: any, and processes at the same time. Start: not needed. Memory: if short, PSP_FAILED;
- *  the service may have been stopped; no jump. */
+ *  Threads: any, and processes at the same time. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_serviceUninstall(const char *counterName, const char *serviceName);
 
 /* ---- Parser engine ----------------------------------------------------------------------------
