@@ -16,12 +16,22 @@
  * - Memory that a function hands out belongs to the caller, who gives it back with psp_freeMem and
  *   the tag that the comment names. A pointer marked "const" in a result stays the library's.
  * - When memory runs out, "Out of memory. Called from FILE:LINE" is logged and the function gives
- *   its failure result, having changed nothing. If the tag concerned is armed (psp_createTagEx,
- *   psp_resetTag), control returns to the armed point instead, from the outermost psp_ function,
- *   after everything that this function had taken has been given back.
- * - "Any thread" means: may run at the same time in any number of threads. "One thread at a time"
- *   means: calls that name the same object must not overlap.
+ *   its failure result. If the tag concerned is armed (psp_createTagEx, psp_resetTag), control
+ *   returns to the armed point instead, from the outermost psp_ function, after everything that
+ *   this function had taken has been given back. What a function takes of the default tag makes it
+ *   jump like any other when somebody has armed that.
  * - After a failed call psp_errno tells the platform's code; cleaning up never changes it.
+ *
+ * The comment of a function ends with what it asks of its caller. "As psp_NAME" before that means:
+ * with the arguments and results of that function.
+ * - Owner: who gives back what the function hands out or keeps, and with what.
+ * - Threads: "any": it may run at the same time in any number of threads. "one at a time": calls
+ *   that name the same object must not overlap.
+ * - Start: whether the library must be started, and what happens else. "that of the handle" (or
+ *   pool, ...): the call wants the object alive, which it is no longer after the last psp_term.
+ * - Memory: the result when memory is short, and what is left behind then. "needs none": the call
+ *   obtains none and never jumps; what the platform takes for its own is not the library's. "no
+ *   jump": the memory belongs to no tag, so that the call never jumps, and logs no message.
  *
  * Fork: a child may go on using memory, files, streams and log if no other thread of its parent
  * was inside the library or held one of its locks at the moment of the fork.
@@ -109,49 +119,56 @@ typedef int32_t psp_status;
 
 /** Starts the library, or counts one more start when it is started already.
  *
- *  @return PSP_OKAY; PSP_FAILED when a module could not start, and then everything is as before.
- *  Works without a start. Any thread. */
+ *  @return PSP_OKAY; PSP_FAILED when a module could not start.
+ *
+ *  Threads: any. Start: not needed. Memory: if short, PSP_FAILED, with everything as before. */
 PSP_API psp_status psp_init(void) PSP_MUST_USE;
 
-/** Counts one stop; the one that matches the first psp_init stops the library.
+/** Counts one stop; the one that matches the first psp_init stops the library. A call too many does
+ *  nothing.
  *
- *  No other thread may be inside the library at the last stop. A call too many does nothing.
- *  Works without a start. Any thread. */
+ *  Threads: any, but no other may be inside the library at the last stop. Start: not needed.
+ *  Memory: needs none. */
 PSP_API void psp_term(void);
 
 /** Switches read-only mode on for the rest of the process: disk files are opened only for reading,
  *  and writes to disk files and to the standard channels write nothing and give 0.
  *
- *  Works without a start. Any thread. */
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_rdonly(void);
 
 /** Switches no-disk mode on for the rest of the process: operations on the disk fail as if there
  *  were none. Handles opened before go on working.
  *
- *  Works without a start. Any thread. */
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_nodisk(void);
 
 /** Tells the version of the loaded library: 11, 0, 586.
  *
  *  @param major,minor,build  where to store the numbers; each may be null.
- *  Works without a start. Any thread. */
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_version(uint16_t *major, uint16_t *minor, uint16_t *build);
 
 /** Tells whether the process runs under a memory-checking tool that the library knows.
  *
  *  @return always 0.
- *  Works without a start. Any thread. */
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_isPurifyRunning(void);
 
-/** The platform's last error code of the calling thread: errno on POSIX, GetLastError on Windows.
+/** Tells the platform's last error code of the calling thread.
  *
- *  Works without a start. Any thread. */
+ *  @return errno on POSIX, GetLastError on Windows.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint32_t psp_errno(void);
 
 /** Writes the text and a newline to the C runtime's standard output, past all channels.
  *
  *  @param text  what to write; null writes an empty line.
- *  Works without a start. Any thread. */
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_errPrint(const char *text);
 
 /* ---- Tagged memory ----------------------------------------------------------------------------
@@ -179,52 +196,63 @@ typedef struct psp_tag psp_tag;
 
 /** Makes a tag.
  *
- *  @param jump   a filled jump buffer, which is copied, to arm the tag; null leaves it unarmed.
- *  @param flags  PSP_TAG_THREADSAFE or 0; other bits are ignored.
+ *  @param jump       a filled jump buffer, which is copied, to arm the tag; null leaves it unarmed.
+ *  @param flags      PSP_TAG_THREADSAFE or 0; other bits are ignored. A lock that cannot be made is
+ *                    left out: that all sync objects exist, or that memory is short, is logged.
  *  @param file,line  the caller's source position; not used at present.
  *  @return the tag; PSP_TAG_FAILED (not null) when the library is not started or memory is short.
- *  Ended by psp_freeTagMemory(tag, 1). Any thread. */
+ *
+ *  Owner: the caller, until psp_freeTagMemory with release. Threads: any. Start: needed, else
+ *  PSP_TAG_FAILED. Memory: if short, PSP_TAG_FAILED and nothing stays behind; for the lock alone,
+ *  see flags. */
 PSP_API psp_tag *psp_createTagEx(jmp_buf *jump, uint32_t flags, const char *file,
                                  uint32_t line) PSP_MUST_USE;
+
+/** Releases all blocks of a tag, and ends the tag if wanted.
+ *
+ *  @param tag      the tag; null and PSP_TAG_FAILED do nothing, the default tag is the library's.
+ *  @param release  0 keeps the empty tag; anything else ends it, and no other thread may use it.
+ *
+ *  Threads: as the tag. Start: needed, else it does nothing. Memory: needs none. */
+PSP_API void psp_freeTagMemory(psp_tag *tag, int16_t release);
 
 /** Arms the tag with a copy of the jump buffer, or disarms it.
  *
  *  @param jump  a filled jump buffer; null disarms.
- *  @param tag   the tag; null is the default tag.
- *  Does nothing when the library is not started. Thread rule of the tag. */
-PSP_API void psp_resetTag(jmp_buf *jump, psp_tag *tag);
-
-/** Releases all blocks of a tag.
+ *  @param tag   the tag; null is the default tag; PSP_TAG_FAILED does nothing.
  *
- *  @param tag      the tag; null and PSP_TAG_FAILED do nothing, the default tag is the library's.
- *  @param release  0 keeps the empty tag; anything else ends it, and no other thread may use it.
- *  Does nothing when the library is not started. Thread rule of the tag. */
-PSP_API void psp_freeTagMemory(psp_tag *tag, int16_t release);
+ *  Threads: as the tag. Start: needed, else it does nothing. Memory: needs none. */
+PSP_API void psp_resetTag(jmp_buf *jump, psp_tag *tag);
 
 /** Obtains a block, aligned for any type.
  *
- *  @param size    bytes; 0 gives null without a message in the modes that use it.
- *  @param tag     the owner; null is the default tag.
- *  @param mode    PSP_MEM_ALLOC to PSP_MEM_WSTRDUP; any other value gives null without a message.
- *  @param source  what to copy in modes 3 to 5, not null there; else ignored.
+ *  @param size       bytes; 0 gives null without a message in the modes that use it.
+ *  @param tag        the owner; null is the default tag; PSP_TAG_FAILED gives null.
+ *  @param mode       PSP_MEM_ALLOC to PSP_MEM_WSTRDUP; any other value gives null without a
+ *                    message.
+ *  @param source     what to copy in modes 3 to 5, null gives null there; else ignored.
  *  @param file,line  the caller's source position, for the message. The text must outlive the call.
- *  @return the block; null when the library is not started or memory is short (after the message
- *          "Out of memory. Called from FILE:LINE"; an armed tag jumps instead).
- *  Released by psp_freeMem with the same tag, or with the tag. Thread rule of the tag. */
+ *  @return the block, or null.
+ *
+ *  Owner: the caller, until psp_freeMem with the same tag, or with the tag. Threads: as the tag.
+ *  Start: needed, else null. Memory: if short, null after the message "Out of memory. Called from
+ *  FILE:LINE"; an armed tag jumps instead. */
 PSP_API void *psp_getMem(size_t size, psp_tag *tag, uint32_t mode, const void *source,
                          const char *file, uint32_t line) PSP_MUST_USE;
 
 /** Changes the size of a block, moving it if need be.
  *
- *  @param pointer     a block of the tag; null obtains a new one, zero-filled if zero is set.
+ *  @param pointer     a block of the tag; null obtains a new one, zero-filled if zero is set; a
+ *                     pointer that is no live block gives null.
  *  @param size        the new size in bytes; 0 keeps an empty block, or gives null for no pointer.
- *  @param tag         the block's tag; null is the default tag.
+ *  @param tag         the block's tag; null is the default tag; PSP_TAG_FAILED gives null.
  *  @param zero        not 0: set the last zero_count bytes of the new size to zero.
  *  @param zero_count  bytes to clear, normally those added; more than size clears size bytes.
  *  @param file,line   as in psp_getMem.
- *  @return the block, perhaps at another address; null when the library is not started, the pointer
- *          is no live block or memory is short. The old block is untouched then.
- *  Thread rule of the tag. */
+ *  @return the block, perhaps at another address, or null.
+ *
+ *  Owner: the caller, as of a block of psp_getMem. Threads: as the tag. Start: needed, else null.
+ *  Memory: if short, as psp_getMem, with the old block untouched. */
 PSP_API void *psp_extendMem(void *pointer, size_t size, psp_tag *tag, int32_t zero,
                             size_t zero_count, const char *file, uint32_t line) PSP_MUST_USE;
 
@@ -233,17 +261,20 @@ PSP_API void *psp_extendMem(void *pointer, size_t size, psp_tag *tag, int32_t ze
  *  @param pointer  the block; null does nothing. A pointer that is no live block (released already,
  *                  or never the library's) is left alone after the message "Attempting to free
  *                  previously freed memory" on the C runtime's standard output.
- *  @param tag      the block's tag; null is the default tag.
- *  Does nothing when the library is not started. Thread rule of the tag. */
+ *  @param tag      the block's tag; null is the default tag; PSP_TAG_FAILED does nothing.
+ *
+ *  Threads: as the tag. Start: needed, else it does nothing. Memory: needs none. */
 PSP_API void psp_freeMem(void *pointer, psp_tag *tag);
 
 /** Hands a block from one tag to another; its address stays.
  *
  *  @param pointer      the block; null and pointers that are no live block do nothing.
  *  @param destination  the new tag; null is the default tag.
- *  @param source       the block's tag; null is the default tag. Equal arguments do nothing.
- *  Does nothing when the library is not started. Thread rules of both tags, whose locks are never
- *  held together. */
+ *  @param source       the block's tag; null is the default tag. Equal arguments do nothing, nor
+ *                      does PSP_TAG_FAILED in either.
+ *
+ *  Threads: as the tags, whose locks are never held together. Start: needed, else it does nothing.
+ *  Memory: needs none. */
 PSP_API void psp_moveMemTag(void *pointer, psp_tag *destination, psp_tag *source);
 
 /** Compares two byte ranges as unsigned bytes.
@@ -251,9 +282,11 @@ PSP_API void psp_moveMemTag(void *pointer, psp_tag *destination, psp_tag *source
  *  @param first,second  the ranges.
  *  @param length        bytes of each; 0 compares equal.
  *  @return -1, 0 or 1 as the first range is smaller, equal or larger.
- *  Works without a start. Any thread. */
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_memCmp(const void *first, const void *second, size_t length);
 
+/* Short forms, which name the caller's position. The copies are released like any block. */
 #define psp_createTag(flags) psp_createTagEx(NULL, (flags), __FILE__, __LINE__)
 #define psp_alloc(size, tag) psp_getMem((size), (tag), PSP_MEM_ALLOC, NULL, __FILE__, __LINE__)
 #define psp_allocZero(size, tag) psp_getMem((size), (tag), PSP_MEM_ZERO, NULL, __FILE__, __LINE__)
@@ -282,22 +315,36 @@ typedef struct psp_pool psp_pool;
  *                      obtained.
  *  @param thread_safe  not 0 gives the pool a lock. A lock that cannot be made, which is logged, is
  *                      left out.
- *  @return the pool; null when the library is not started or memory is short.
- *  Ended by psp_zFreePool, or with its tag; then its lock lasts until the last psp_term. */
+ *  @return the pool, or null.
+ *
+ *  Owner: the caller, until psp_zFreePool, or the tag; then its lock lasts until the last psp_term.
+ *  Threads: as the tag. Start: needed, else null. Memory: if short, null and nothing stays behind;
+ *  for the lock alone, see thread_safe. */
 PSP_API psp_pool *psp_allocPool(psp_tag *tag, uint16_t fixed_size,
                                 uint32_t thread_safe) PSP_MUST_USE;
 
+/** Ends a pool with its waiting chunks. Those handed out stay blocks of the tag and must not be
+ *  given back any more.
+ *
+ *  @param pool  the variable that holds the pool; set to null. Null, there or in it, does nothing.
+ *
+ *  Owner: the library again. Threads: only when nobody else uses the pool, now or
+ *  later. Start: needed, else the variable is set and nothing else done. Memory: needs none. */
+PSP_API void psp_zFreePool(psp_pool **pool);
+
 /** Obtains a chunk, aligned for any type.
  *
- *  @param size    bytes.
- *  @param pool    the pool; null gives null.
- *  @param mode    PSP_MEM_ZERO clears size bytes; PSP_MEM_COPY copies size bytes from source; any
- *                 other value leaves the content as it is.
- *  @param source  what PSP_MEM_COPY copies; null gives null there.
+ *  @param size       bytes.
+ *  @param pool       the pool; null gives null.
+ *  @param mode       PSP_MEM_ZERO clears size bytes; PSP_MEM_COPY copies size bytes from source;
+ *                    any other value leaves the content as it is.
+ *  @param source     what PSP_MEM_COPY copies; null gives null there.
  *  @param file,line  the caller's source position, as in psp_getMem.
- *  @return the chunk; null when the library is not started or memory is short, after the message of
- *          psp_getMem; an armed tag jumps instead.
- *  Given back by psp_putInPool, or released with the tag. Thread rule of the pool. */
+ *  @return the chunk, or null.
+ *
+ *  Owner: the caller, who gives it back with psp_putInPool, or the tag. Threads: as the pool.
+ *  Start: needed, else null. Memory: if short, as psp_getMem with the pool's tag; a waiting chunk
+ *  that was too small is released by then. */
 PSP_API void *psp_getMemFromPool(size_t size, psp_pool *pool, uint32_t mode, const void *source,
                                  const char *file, uint32_t line) PSP_MUST_USE;
 
@@ -308,20 +355,13 @@ PSP_API void *psp_getMemFromPool(size_t size, psp_pool *pool, uint32_t mode, con
  *                  another pool's chunk becomes one of this pool and its tag, a chunk that waits
  *                  already is left alone.
  *  @param pool     the pool; null does nothing.
- *  Thread rule of the pool. */
-PSP_API void psp_putInPool(void *pointer, psp_pool *pool);
-
-/** Ends a pool with its waiting chunks. Those handed out stay blocks of the tag and must not be
- *  given back any more.
  *
- *  @param pool  the variable that holds the pool; set to null. Null, there or in it, does nothing.
- *  Nobody may use the pool meanwhile or afterwards. */
-PSP_API void psp_zFreePool(psp_pool **pool);
+ *  Threads: as the pool. Start: needed, else it does nothing. Memory: needs none. */
+PSP_API void psp_putInPool(void *pointer, psp_pool *pool);
 
 /* ---- Sync objects -----------------------------------------------------------------------------
  * A sync object is an exclusive lock or a gate, made by psp_syncCreate_check and ended by
- * psp_syncDelete. All functions may be called by any thread, except that nobody may use an object
- * while it is deleted or afterwards. A process can have 131,072 of them.
+ * psp_syncDelete. A process can have 131,072 of them.
  *
  * An exclusive lock is recursive. When a thread ends while it holds one, the next waiter gets it.
  * Entering and leaving a lock that nobody waits for costs no system call.
@@ -338,28 +378,36 @@ typedef struct psp_syncObject *psp_sync;
 
 /** Makes a sync object: a lock that nobody holds, or an open gate.
  *
- *  @param kind  PSP_SYNC_EXCL or PSP_SYNC_EVENT.
+ *  @param kind       PSP_SYNC_EXCL or PSP_SYNC_EVENT; any other value gives PSP_SYNC_NONE.
  *  @param file,line  the caller's source position, for the message.
- *  @return the object; PSP_SYNC_NONE when the library is not started, the kind is another, memory
- *          is short, or all 131,072 exist ("Insufficient number of semaphores, called from
- *          FILE:LINE" is logged then).
- *  Ended by psp_syncDelete, at the latest by the last psp_term. Any thread. */
+ *  @return the object; PSP_SYNC_NONE on failure, also when all 131,072 exist ("Insufficient number
+ *          of semaphores, called from FILE:LINE" is logged then).
+ *
+ *  Owner: the caller, until psp_syncDelete, at the latest the last psp_term. Threads: any. Start:
+ *  needed, else PSP_SYNC_NONE. Memory: if short, PSP_SYNC_NONE and nothing stays behind. */
 PSP_API psp_sync psp_syncCreate_check(int16_t kind, const char *file, uint32_t line) PSP_MUST_USE;
 
 /** Ends a sync object. Nobody may hold it, wait for it or use it any more.
  *
- *  @param object  a live object; PSP_SYNC_NONE and null do nothing. */
+ *  @param object  a live object; PSP_SYNC_NONE and null do nothing.
+ *
+ *  Threads: only when nobody else uses the object, now or later. Start: that of the
+ *  object. Memory: needs none. */
 PSP_API void psp_syncDelete(psp_sync object);
 
 /** Enters an exclusive lock, waiting as long as it takes. Each enter wants one exit.
  *
- *  @param object  a lock; a gate, PSP_SYNC_NONE and null do nothing. */
+ *  @param object  a lock; a gate, PSP_SYNC_NONE and null do nothing.
+ *
+ *  Threads: any. Start: that of the object. Memory: needs none. */
 PSP_API void psp_syncEnterExcl(psp_sync object);
 
 /** Leaves one level of an exclusive lock.
  *
  *  @param object  a lock; nothing happens if the calling thread does not hold it, nor for a gate,
- *                 PSP_SYNC_NONE and null. */
+ *                 PSP_SYNC_NONE and null.
+ *
+ *  Threads: any. Start: that of the object. Memory: needs none. */
 PSP_API void psp_syncExitExcl(psp_sync object);
 
 /** Waits until a gate is open.
@@ -367,29 +415,35 @@ PSP_API void psp_syncExitExcl(psp_sync object);
  *  @param object        a gate.
  *  @param milliseconds  the longest time to wait; 0 only looks, PSP_NO_LIMIT waits for ever.
  *  @return PSP_OKAY when open (and at once for any object that is no gate); PSP_TIMEOUT when the
- *          limit has passed; PSP_FAILED when the platform cannot wait. */
+ *          limit has passed; PSP_FAILED when the platform cannot wait.
+ *
+ *  Threads: any. Start: that of the object. Memory: needs none. */
 PSP_API psp_status psp_syncWait(psp_sync object, uint32_t milliseconds);
 
 /** Closes a gate: later waits block.
  *
- *  @param object  a gate; anything else does nothing. */
+ *  @param object  a gate; anything else does nothing.
+ *
+ *  Threads: any. Start: that of the object. Memory: needs none. */
 PSP_API void psp_syncStart(psp_sync object);
 
 /** Opens a gate and lets every waiter through.
  *
- *  @param object  a gate; anything else does nothing. */
+ *  @param object  a gate; anything else does nothing.
+ *
+ *  Threads: any. Start: that of the object. Memory: needs none. */
 PSP_API void psp_syncResume(psp_sync object);
 
-/** Enters the process-wide critical section, a recursive lock that guards one-time set-ups.
- *
- *  Works without a start. Any thread. It is not given up when its holder's thread ends. */
+/** Enters the process-wide critical section, a recursive lock that guards one-time set-ups. It is
+ *  not given up when its holder's thread ends. Threads: any. Start: not needed. Memory: needs none.
+ */
 PSP_API void psp_enterCritSec(void);
 
 /** Leaves one level of the process-wide critical section; nothing if the thread is not inside.
- *
- *  Works without a start. Any thread. */
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_exitCritSec(void);
 
+/* The short form, which names the caller's position. */
 #define psp_syncCreate(kind) psp_syncCreate_check((kind), __FILE__, __LINE__)
 
 /* ---- Formatted text ---------------------------------------------------------------------------
@@ -411,71 +465,111 @@ PSP_API void psp_exitCritSec(void);
  * An unknown conversion puts out nothing and takes no argument; a format that ends inside a
  * directive ends before it.
  *
- * The decimal point is the C runtime's locale's. No conversion allocates. All functions work in any
- * thread. */
+ * The decimal point is the C runtime's locale's. */
 
 /** Formats into a buffer.
  *
- *  @param buffer  where to store; null only measures.
- *  @param size    bytes of the buffer, the terminator included; at most size - 1 characters are
- *                 stored, and a size of 1 or more always gets a terminator.
- *  @param format  the format.
+ *  @param buffer     where to store; null only measures.
+ *  @param size       bytes of the buffer, the terminator included; at most size - 1 characters are
+ *                    stored, and a size of 1 or more always gets a terminator.
+ *  @param format     the format.
  *  @param arguments  the values that the format names.
  *  @return the characters that the whole text needs, without the terminator; -1 for a null format,
  *          a width or precision above 2^31 - 1, a floating value out of its notation's range (the
  *          text ends before the directive then), or a text of 2^31 - 1 characters or more.
- *  Works without a start. */
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_vsnprintf(char *buffer, size_t size, const char *format, va_list arguments);
 
-/** psp_vsnprintf with the values as arguments. */
+/** Formats the values behind the format into a buffer. As psp_vsnprintf. Threads: any. Start: not
+ *  needed. Memory: needs none. */
 PSP_API int32_t psp_snprintf(char *buffer, size_t size, const char *format, ...);
 
 /** Formats into a new string of the tag.
  *
  *  @param tag     the owner; null is the default tag.
- *  @param format  as in psp_vsnprintf.
- *  @return the string, released with psp_freeMem(string, tag); null when formatting fails or memory
- *          is short. */
+ *  @param format  as in psp_vsnprintf, with its values behind it.
+ *  @return the string; null when formatting fails, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, tag). Threads: as the tag. Start:
+ *  needed, else null. Memory: if short, null; an armed tag jumps. */
 PSP_API char *psp_makeStr(psp_tag *tag, const char *format, ...) PSP_MUST_USE;
 
-/** psp_makeStr under the default tag. */
+/** Formats into a new string of the default tag. As psp_makeStr.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: any. Start: needed,
+ *  else null. Memory: if short, null. */
 PSP_API char *psp_makeString(const char *format, ...) PSP_MUST_USE;
 
-/** psp_makeStr with the source position that an out-of-memory message names. */
+/** Formats into a new string, with the source position that an out-of-memory message names.
+ *
+ *  @param file,line  the position, as in psp_getMem.
+ *  @param tag        the owner; null is the default tag.
+ *  @param format     as in psp_vsnprintf, with its values behind it.
+ *  @return the string; null when formatting fails, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, tag). Threads: as the tag. Start:
+ *  needed, else null. Memory: if short, null; an armed tag jumps. */
 PSP_API char *psp_makeStrVA(const char *file, uint32_t line, psp_tag *tag, const char *format,
                             ...) PSP_MUST_USE;
 
 /* ---- Random numbers ---------------------------------------------------------------------------
  * Independent pseudo-random generators (MT19937). A seed gives the published sequence of that
- * generator on every platform. They are for tests and simulations, not for secrets. A generator is
- * used by one thread at a time; drawing needs no started library, but a generator lives no longer
- * than the last psp_term. */
+ * generator on every platform. They are for tests and simulations, not for secrets. */
 
 typedef struct psp_rand psp_rand;
 
 /** Makes a generator.
  *
  *  @param seed  its seed; 0 stands for 2381394812.
- *  @return the generator; null when the library is not started or memory is short.
- *  Ended by psp_randDestroy. */
+ *  @return the generator, or null.
+ *
+ *  Owner: the caller, until psp_randDestroy. Threads: any. Start: needed, else null. Memory: if
+ *  short, null. */
 PSP_API psp_rand *psp_randCreate(uint32_t seed) PSP_MUST_USE;
 
-/** Ends a generator; null does nothing. */
+/** Ends a generator.
+ *
+ *  @param generator  the generator; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API void psp_randDestroy(psp_rand *generator);
 
 /** Starts the generator's sequence anew.
  *
- *  @param seed  its seed; 0 stands for itself. */
+ *  @param generator  the generator; null does nothing.
+ *  @param seed       its seed; 0 stands for itself.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API void psp_randResetSeed(psp_rand *generator, uint32_t seed);
 
-/** The low 15 bits of the next number: 0 to 32767. The generator of this and the functions below is
- *  not null. */
+/** Draws the low 15 bits of the next number.
+ *
+ *  @param generator  the generator; not null.
+ *  @return 0 to 32767.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API int32_t psp_randGet(psp_rand *generator);
-/** The next number: 0 to 2^32 - 1. */
+/** Draws the next number.
+ *
+ *  @param generator  the generator; not null.
+ *  @return 0 to 2^32 - 1.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API uint32_t psp_randGetUInt32(psp_rand *generator);
-/** The next two numbers: the first in the high 32 bits, the second in the low ones. */
+/** Draws the next two numbers.
+ *
+ *  @param generator  the generator; not null.
+ *  @return the first in the high 32 bits, the second in the low ones.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API uint64_t psp_randGetUInt64(psp_rand *generator);
-/** The next number divided by 2^32 - 1: 0 to 1, both included. */
+/** Draws the next number and divides it by 2^32 - 1.
+ *
+ *  @param generator  the generator; not null.
+ *  @return 0 to 1, both included.
+ *
+ *  Threads: one at a time. Start: that of the generator. Memory: needs none. */
 PSP_API double psp_randGetDouble(psp_rand *generator);
 
 /* ---- UTF-8 and UTF-16 -------------------------------------------------------------------------
@@ -488,9 +582,7 @@ PSP_API double psp_randGetDouble(psp_rand *generator);
  * PSP_UTF8_STRICT fails at the first invalid byte or unit; PSP_UTF8_REPLACE puts a question mark in
  * its place. Any other mode acts as strict. U+FFFE, U+FFFF, encoded surrogates and overlong forms
  * are invalid in UTF-8. Note that the plain and the counted forms order their arguments
- * differently.
- *
- * The buffer functions work without a start; all work in any thread. */
+ * differently. */
 
 #define PSP_UTF8_STRICT 0u
 #define PSP_UTF8_REPLACE 1u
@@ -499,15 +591,26 @@ PSP_API double psp_randGetDouble(psp_rand *generator);
  *
  *  @param destination  bytes, or null to measure.
  *  @param source       the wide string, not null.
- *  @param size         bytes of the destination, the terminator included.
+ *  @param size         bytes of the destination, the terminator included; at least 1.
  *  @param mode         PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
  *  @return bytes stored or needed, the terminator included; -1 when the source is invalid, or a
  *          replacement for a held high surrogate finds no room, or the result would pass 2^31 - 1.
- *          After -1 the destination holds what came before, without a terminator. */
+ *          After -1 the destination holds what came before, without a terminator.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_wchar_to_utf8(char *destination, const psp_wchar *source, uint32_t size,
                                   uint32_t mode);
 
-/** Converts count units, zero units included. Otherwise as psp_wchar_to_utf8. */
+/** Converts so many units to UTF-8, zero units included.
+ *
+ *  @param destination  bytes, or null to measure.
+ *  @param size         bytes of the destination, the terminator included; at least 1.
+ *  @param source       the units.
+ *  @param count        how many.
+ *  @param mode         PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
+ *  @return as psp_wchar_to_utf8.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_wchar_to_utf8_len(char *destination, uint32_t size, const psp_wchar *source,
                                       uint32_t count, uint32_t mode);
 
@@ -515,16 +618,27 @@ PSP_API int32_t psp_wchar_to_utf8_len(char *destination, uint32_t size, const ps
  *
  *  @param destination  units, or null to measure.
  *  @param source       the UTF-8 string, not null.
- *  @param size         units of the destination, the terminator included.
+ *  @param size         units of the destination, the terminator included; at least 1.
  *  @param mode         PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
  *  @return units stored or needed, the terminator included; -1 when the source is invalid, or a
  *          replacement for a sequence cut short by the end finds no room, or the result would pass
  *          2^31 - 1. A character that does not fit is dropped, and a later shorter one may still
- *          take the remaining place. */
+ *          take the remaining place.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_utf8_to_wchar(psp_wchar *destination, const char *source, uint32_t size,
                                   uint32_t mode);
 
-/** Converts count bytes, zero bytes included. Otherwise as psp_utf8_to_wchar. */
+/** Converts so many bytes to UTF-16, zero bytes included.
+ *
+ *  @param destination  units, or null to measure.
+ *  @param size         units of the destination, the terminator included; at least 1.
+ *  @param source       the bytes.
+ *  @param count        how many.
+ *  @param mode         PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
+ *  @return as psp_utf8_to_wchar.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_utf8_to_wchar_len(psp_wchar *destination, uint32_t size, const char *source,
                                       uint32_t count, uint32_t mode);
 
@@ -532,33 +646,44 @@ PSP_API int32_t psp_utf8_to_wchar_len(psp_wchar *destination, uint32_t size, con
  *
  *  @param source  the wide string, not null.
  *  @param mode    PSP_UTF8_STRICT or PSP_UTF8_REPLACE.
- *  @return the string, released with psp_freeMem(string, NULL); null when the source is invalid,
- *          memory is short or the library is not started. */
+ *  @return the string; null when the source is invalid, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: any. Start: needed,
+ *  else null. Memory: if short, null. */
 PSP_API char *psp_convertToUTF8(const psp_wchar *source, uint32_t mode) PSP_MUST_USE;
 
-/** Converts a UTF-8 string to a new wide string of the default tag. As psp_convertToUTF8. */
+/** Converts a UTF-8 string, not null, to a new wide string of the default tag. As
+ *  psp_convertToUTF8.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: any. Start: needed,
+ *  else null. Memory: if short, null. */
 PSP_API psp_wchar *psp_convertToWchar(const char *source, uint32_t mode) PSP_MUST_USE;
 
 /** Converts an argument vector to UTF-8, strictly.
  *
- *  @param count      entries; 0 gives an empty array.
+ *  @param count      entries; 0 gives an empty array, a negative number PSP_FAILED.
  *  @param arguments  wide strings; a null entry gives a null entry.
- *  @param result     receives the array of count strings, without a null at the end. The caller
- *                    releases each string and then the array with psp_freeMem(..., NULL).
- *  @return PSP_OKAY; PSP_FAILED when an entry is invalid or memory is short: nothing is left
- *          allocated then, and the result is null (untouched if the array itself failed). */
+ *  @param result     receives the array of count strings, without a null at the end; null when an
+ *                    entry cannot be converted, untouched when the array itself cannot be made.
+ *  @return PSP_OKAY; PSP_FAILED when an entry is invalid, too.
+ *
+ *  Owner: the caller, who releases each string and then the array with psp_freeMem(..., NULL).
+ *  Threads: any. Start: needed, else PSP_FAILED. Memory: if short, PSP_FAILED and nothing stays
+ *  behind. */
 PSP_API psp_status psp_convertArgvToUTF8(int32_t count, psp_wchar *const *arguments,
                                          char ***result) PSP_MUST_USE;
 
 /* ---- Small utilities --------------------------------------------------------------------------
- * Pure functions. They work without a start and in any thread. */
+ * Pure functions. */
 
 /** Finds a pattern in a text without regard to the case of the letters A to Z.
  *
  *  @param text     the text; null counts as empty.
  *  @param pattern  the pattern; null counts as empty.
  *  @return the first place where it occurs; null when it does not, and for an empty text. An empty
- *          pattern occurs at the start of any other text. */
+ *          pattern occurs at the start of any other text.
+ *
+ *  Owner: that of the text. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API const char *psp_strcasestr(const char *text, const char *pattern);
 
 /** Copies at most size - 1 characters, fills the rest of the buffer with zeros and terminates it.
@@ -566,40 +691,73 @@ PSP_API const char *psp_strcasestr(const char *text, const char *pattern);
  *  @param destination  the buffer.
  *  @param source       the string; null counts as empty.
  *  @param size         bytes of the buffer; 0 touches nothing.
- *  @return the destination. */
+ *  @return the destination.
+ *
+ *  Owner: that of the destination. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API char *psp_strncpyZ(char *destination, const char *source, uint32_t size);
 
-/** psp_strncpyZ for wide strings; the size is in units. */
+/** Copies a wide string; the size is in units. As psp_strncpyZ.
+ *
+ *  Owner: that of the destination. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_wchar *psp_wcsncpyZ(psp_wchar *destination, const psp_wchar *source, uint32_t size);
 
-/** Rounds to the nearest whole number, halves away from zero. Infinity and NaN stay what they are;
- *  the sign stays also at zero. */
+/** Rounds to the nearest whole number, halves away from zero.
+ *
+ *  @param value  the number.
+ *  @return the whole number, with the sign of the value also at zero. Infinity and NaN stay what
+ *          they are.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API double psp_round(double value);
 
-/** The alignment class (0 to 6) of a field type code such as 'i' or 'F'; 0 for unknown codes. */
+/** Tells the alignment class of a field type.
+ *
+ *  @param code  the type's code, such as 'i' or 'F'.
+ *  @return 0 to 6; 0 for unknown codes.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_alignType(char code);
 
-/** The smallest offset not below the given one that is a multiple of the class's alignment.
+/** Finds the smallest offset not below the given one that is a multiple of the class's alignment.
  *
  *  @param offset           bytes; near 65,535 the result wraps.
- *  @param alignment_class  0 to 6: 1, 2, 2, 4, 4, 8, 8 bytes; any other value aligns to 1. */
+ *  @param alignment_class  0 to 6: 1, 2, 2, 4, 4, 8, 8 bytes; any other value aligns to 1.
+ *  @return the offset in bytes.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint16_t psp_align(uint16_t offset, int32_t alignment_class);
 
-/** The bytes of a value in reverse order. */
+/** Reverses the bytes of a value.
+ *
+ *  @param value  any value.
+ *  @return the value with its bytes in reverse order.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint16_t psp_swaporder16(uint16_t value);
-/** The bytes of a value in reverse order. */
+/** Reverses the bytes of a value. As psp_swaporder16. Threads: any. Start: not needed. Memory:
+ *  needs none. */
 PSP_API uint32_t psp_swaporder32(uint32_t value);
-/** The bytes of a value in reverse order. */
+/** Reverses the bytes of a value. As psp_swaporder16. Threads: any. Start: not needed. Memory:
+ *  needs none. */
 PSP_API uint64_t psp_swaporder64(uint64_t value);
-/** The float whose bytes are those of the pattern in reverse order. */
+/** Gives the float whose bytes are those of a pattern in reverse order.
+ *
+ *  @param pattern  any bits.
+ *  @return the float.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API float psp_swaporderf32(uint32_t pattern);
-/** The double whose bytes are those of the pattern in reverse order. */
+/** Gives the double whose bytes are those of a pattern in reverse order.
+ *
+ *  @param pattern  any bits.
+ *  @return the double.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API double psp_swaporderf64(uint64_t pattern);
 
 /* ---- Files ------------------------------------------------------------------------------------
  * psp_fileOpen makes a handle, psp_fileClose ends it; every handle is to be closed before the last
- * psp_term. A handle is used by one thread at a time. It is never inherited by a child process that
- * runs another program.
+ * psp_term. A handle is never inherited by a child process that runs another program.
  *
  * Names are UTF-8. Both separators, slash and backslash, are accepted. The names "stdin", "stdout"
  * and "stderr" designate the process's standard channels, in every mode; closing such a handle
@@ -667,18 +825,25 @@ typedef struct psp_file *PSP_FH;
  *  @param name   the path.
  *  @param flags  PSP_OPEN_ bits.
  *  @param mode   PSP_FILE_ bits.
- *  @return the handle; null when the library is not started, the name is null, a directory or
- *          refused by the platform, another handle's mode forbids it, a process-wide mode forbids
- *          it, memory is short, or the mode asks for the in-memory store and it has no such file.
- *  Any thread. */
+ *  @return the handle; null when the name is null, a directory or refused by the platform, another
+ *          handle's mode forbids it, a process-wide mode forbids it, or the mode asks for the
+ *          in-memory store and it has no such file.
+ *
+ *  Owner: the caller, until psp_fileClose. Threads: any. Start: needed, else null. Memory: if
+ *  short, null; no file has been created or changed. */
 PSP_API PSP_FH psp_fileOpen(const char *name, uint32_t flags, uint16_t mode) PSP_MUST_USE;
 
-/** psp_fileOpen with a wide name; a name that is not valid UTF-16 fails. */
+/** Opens a file with a wide name; one that is not valid UTF-16 fails. As psp_fileOpen.
+ *
+ *  Owner: the caller, until psp_fileClose. Threads: any. Start: needed, else null. Memory: if
+ *  short, null; no file has been created or changed. */
 PSP_API PSP_FH psp_fileOpenW(const psp_wchar *name, uint32_t flags, uint16_t mode) PSP_MUST_USE;
 
 /** Closes a file and ends its handle.
  *
- *  @param file  the handle; null does nothing. */
+ *  @param file  the handle; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API void psp_fileClose(PSP_FH file);
 
 /** Moves the sequential position.
@@ -686,78 +851,137 @@ PSP_API void psp_fileClose(PSP_FH file);
  *  @param file    the handle.
  *  @param offset  bytes, from whence.
  *  @param whence  PSP_SEEK_START, _CURRENT or _END; another value is reported and taken as start.
- *  @return PSP_OKAY; PSP_FAILED when the file cannot be positioned or the place is negative, and in
- *          the store for a place behind the end or another whence. */
+ *  @return PSP_OKAY; PSP_FAILED when the handle is null, the file cannot be positioned or the place
+ *          is negative, and in the store for a place behind the end or another whence.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API psp_status psp_fileSeek(PSP_FH file, int64_t offset, int32_t whence);
 
-/** Reads at most count bytes at the sequential position and moves it.
+/** Reads bytes at the sequential position and moves it.
  *
- *  @return bytes read, 0 at the end; -1 after a failure, which is logged. A count above 2^31 - 1
- *          reads that much at most. */
+ *  @param file    the handle.
+ *  @param buffer  where to store them.
+ *  @param count   the most to read; above 2^31 - 1 that much; 0 does nothing.
+ *  @return bytes read, 0 at the end; -1 for a null handle or buffer, and after a failure, which is
+ *          logged.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none on the disk; if short in
+ *  the store, fewer bytes are read. */
 PSP_API int32_t psp_fileRead(PSP_FH file, void *buffer, uint32_t count);
 
-/** Writes count bytes at the sequential position and moves it.
+/** Writes bytes at the sequential position and moves it.
  *
+ *  @param file    the handle.
+ *  @param buffer  the bytes.
+ *  @param count   how many; 0 does nothing.
  *  @return bytes written, fewer only if the platform stopped half-way (a full disk); 0 in read-only
- *          mode; -1 after a failure or for a count above 2^31 - 1, told on the C runtime's standard
- *          error. In the store fewer when memory is short; of a count above 2^31 - 1 that much. */
+ *          mode; -1 for a null handle or buffer, and after a failure or for a count above 2^31 - 1,
+ *          told on the C runtime's standard error. In the store, of a count above 2^31 - 1 that
+ *          much.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none on the disk; if short in
+ *  the store, fewer bytes are written. */
 PSP_API int32_t psp_fileWrite(PSP_FH file, const void *buffer, uint32_t count);
 
-/** Reads at most count bytes at an offset. Where the sequential position is afterwards is open.
+/** Reads bytes at an offset. Where the sequential position is afterwards is open.
  *
- *  @return bytes read, 0 at or past the end; -1 after a failure, which is logged. While another
- *          handle holds the first byte, a read of it repeats itself without end. */
+ *  @param file    the handle.
+ *  @param offset  the place, in bytes from the start.
+ *  @param buffer  where to store them.
+ *  @param count   the most to read; above 2^31 - 1 that much; 0 does nothing.
+ *  @return bytes read, 0 at or past the end; -1 for a null handle or buffer, and after a failure,
+ *          which is logged. While another handle holds the first byte, a read of it repeats itself
+ *          without end.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none on the disk; if short in
+ *  the store, fewer bytes are read. */
 PSP_API int32_t psp_fileSeekRead(PSP_FH file, int64_t offset, void *buffer, uint32_t count);
 
-/** Writes count bytes at an offset. Where the sequential position is afterwards is open.
+/** Writes bytes at an offset. Where the sequential position is afterwards is open.
  *
- *  @return bytes written, fewer only if the platform stopped half-way; 0 in read-only mode; -1
- * after a failure or for a count above 2^31 - 1, which is logged. */
+ *  @param file    the handle.
+ *  @param offset  the place, in bytes from the start.
+ *  @param buffer  the bytes.
+ *  @param count   how many; 0 does nothing.
+ *  @return bytes written, fewer only if the platform stopped half-way; 0 in read-only mode; -1 for
+ *          a null handle or buffer, and after a failure or for a count above 2^31 - 1, which is
+ *          logged. In the store, of a count above 2^31 - 1 that much.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none on the disk; if short in
+ *  the store, fewer bytes are written. */
 PSP_API int32_t psp_fileSeekWrite(PSP_FH file, int64_t offset, const void *buffer, uint32_t count);
 
-/** The length of an open file in bytes; 0 when it cannot be told. */
+/** Tells the length of an open file.
+ *
+ *  @param file  the handle.
+ *  @return bytes; 0 when it cannot be told and for a null handle.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API int64_t psp_fileLength(PSP_FH file);
 
-/** The length of a file by name.
+/** Tells the length of a file by name. No-disk mode does not matter.
  *
+ *  @param name  the path.
+ *  @param mode  PSP_FILE_ bits.
  *  @return bytes; -1 when it cannot be queried. In the store 0 for what is no file, -1 only for a
- *          null name. No-disk mode does not matter. Works on the disk without a start. Any
- *          thread. */
+ *          null name.
+ *
+ *  Threads: any. Start: not needed on the disk; the store's answer is 0 without it. Memory: needs
+ *  none on the disk; if short in the store, 0. */
 PSP_API int64_t psp_fileLengthStat(const char *name, uint16_t mode);
 
 /** Sets the length of a file: cuts it, or appends zero bytes. On the disk the position is the new
  *  end then; in the store it stays, even behind the end.
  *
+ *  @param file  the handle.
  *  @param size  the new length in bytes.
- *  @return 0. On the disk -1 when the file could not grow, for a negative size and in read-only
- *          mode; a cut that fails gives 0: to learn of it, look at psp_errno as for psp_fileSync.
- * In the store 2 when memory is short or the size is beyond it, with the length unchanged. */
+ *  @return 0. On the disk -1 when the file could not grow, for a null handle, a negative size and
+ *          in read-only mode; a cut that fails gives 0: to learn of it, look at psp_errno as for
+ *          psp_fileSync. In the store 2 when memory is short or the size is beyond it.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none on the disk; if short in
+ *  the store, 2 with the length unchanged; what has been obtained by then stays with the file until
+ *  it is cut. */
 PSP_API int32_t psp_fileSetSize(PSP_FH file, int64_t size);
 
 /** Takes the first byte of the file for this handle; never waits. In the store takes the lock of
  *  the whole file for this thread, and waits for it.
  *
- *  @return PSP_OKAY; PSP_FAILED when another handle, or this one, holds it. In the store always
- *          PSP_OKAY. */
+ *  @param file  the handle.
+ *  @return PSP_OKAY; PSP_FAILED for a null handle, and when another handle, or this one, holds it.
+ *          In the store always PSP_OKAY.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API psp_status psp_fileLock(PSP_FH file);
 
 /** Gives the first byte back; in the store one level of the lock that this thread took through this
  *  handle.
  *
- *  @return PSP_OKAY; PSP_FAILED when the handle does not hold it. In the store always PSP_OKAY. */
+ *  @param file  the handle.
+ *  @return PSP_OKAY; PSP_FAILED for a null handle, and when the handle does not hold it. In the
+ *          store always PSP_OKAY.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API psp_status psp_fileUnlock(PSP_FH file);
 
 /** Makes what was written durable.
  *
+ *  @param file  the handle; null does nothing, nor does one of the store or of PSP_FILE_NOSYNC.
  *  @return always PSP_OKAY. To learn of a failure, clear the platform's last error before the call
- *          and look at psp_errno after it. */
+ *          and look at psp_errno after it.
+ *
+ *  Threads: one at a time. Start: that of the handle. Memory: needs none. */
 PSP_API psp_status psp_fileSync(PSP_FH file);
 
-/** The time of the last modification of a file by name.
+/** Tells the time of the last modification of a file by name.
  *
- *  @return seconds since 1970-01-01 UTC; -1 when it cannot be queried and in no-disk mode. In the
- *          store 0 for what is no file or was never written. Works on the disk without a start. Any
- *          thread. */
+ *  @param name  the path.
+ *  @param mode  PSP_FILE_ bits.
+ *  @return seconds since 1970-01-01 UTC; -1 when it cannot be queried, for a null name and on the
+ *          disk in no-disk mode. In the store 0 for what is no file or was never written.
+ *
+ *  Threads: any. Start: not needed on the disk; the store's answer is 0 without it. Memory: needs
+ *  none on the disk; if short in the store, 0. */
 PSP_API int64_t psp_fileModTimeStat(const char *name, uint16_t mode);
 
 /* ---- Whole files ------------------------------------------------------------------------------
@@ -767,28 +991,31 @@ PSP_API int64_t psp_fileModTimeStat(const char *name, uint16_t mode);
  * directory move give PSP_FAILED, remove and rename PSP_NOMEMORY, the existence test 0.
  *
  * They are sequences of platform calls on names: another thread or process that uses the same names
- * at the same time sees the steps between. They work in any thread. In read-only mode removing,
- * renaming and moving to the disk fail; in no-disk mode everything on the disk fails.
- *
- * What they leave behind when memory fails: names and files as they were before the step that
- * failed; no copy is left half-made unless the comment says so. */
+ * at the same time sees the steps between. In read-only mode removing, renaming and moving to the
+ * disk fail; in no-disk mode everything on the disk fails. */
 
 /** Copies a file onto a new or an existing name, writing only the blocks of 1024 bytes that differ.
  *
- *  @param source       the file to read.
- *  @param source_mode  its PSP_FILE_ bits.
- *  @param destination  the file to create or change.
+ *  @param source            the file to read.
+ *  @param source_mode       its PSP_FILE_ bits.
+ *  @param destination       the file to create or change.
  *  @param destination_mode  its PSP_FILE_ bits.
- *  @return PSP_OKAY; PSP_FAILED when a file cannot be opened, read or written or memory is short;
- * -1 when the final length cannot be set. After a failure in the middle the destination keeps the
- * blocks written so far and its old length. */
+ *  @return PSP_OKAY; PSP_FAILED when a name is null or a file cannot be opened, read or written; -1
+ *          when the final length cannot be set. After a failure in the middle the destination keeps
+ *          the blocks written so far and its old length.
+ *
+ *  Threads: any. Start: needed, else PSP_FAILED. Memory: if short, PSP_FAILED with the destination
+ *  untouched; in the store it may be short in the middle. */
 PSP_API psp_status psp_fileCopyEx(const char *source, uint16_t source_mode, const char *destination,
                                   uint16_t destination_mode);
-/** psp_fileCopyEx on the disk. */
+/** Copies a file on the disk. As psp_fileCopyEx. Threads: any. Start: needed, else PSP_FAILED.
+ *  Memory: if short, PSP_FAILED with the destination untouched. */
 PSP_API psp_status psp_fileCopy(const char *source, const char *destination);
-/** psp_fileCopy with wide names. */
+/** Copies a file on the disk, with wide names. As psp_fileCopyEx. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, PSP_FAILED with the destination untouched. */
 PSP_API psp_status psp_fileCopyW(const psp_wchar *source, const psp_wchar *destination);
-/** psp_fileCopyEx with wide names. */
+/** Copies a file, with wide names. As psp_fileCopyEx. Threads: any. Start: needed, else PSP_FAILED.
+ *  Memory: if short, as there. */
 PSP_API psp_status psp_fileCopyExW(const psp_wchar *source, uint16_t source_mode,
                                    const psp_wchar *destination, uint16_t destination_mode);
 
@@ -797,17 +1024,24 @@ PSP_API psp_status psp_fileCopyExW(const psp_wchar *source, uint16_t source_mode
 
 /** Compares the contents of two files.
  *
- *  @param first,second  the files.
+ *  @param first,second            the files.
  *  @param first_mode,second_mode  their PSP_FILE_ bits.
  *  @return 0 when equal; PSP_FAILED when they differ or cannot be read; PSP_NOMEMORY;
- *          PSP_CMP_NO_FIRST; PSP_CMP_NO_SECOND. */
+ *          PSP_CMP_NO_FIRST or PSP_CMP_NO_SECOND when that file cannot be opened. A name that the
+ *          two share gives 0 whether the file exists or not.
+ *
+ *  Threads: any. Start: needed, else PSP_CMP_NO_FIRST. Memory: if short, PSP_NOMEMORY, or as for
+ *  the file that was being opened or read. */
 PSP_API psp_status psp_fileCmpEx(const char *first, uint16_t first_mode, const char *second,
                                  uint16_t second_mode);
-/** psp_fileCmpEx on the disk. */
+/** Compares two files of the disk. As psp_fileCmpEx. Threads: any. Start: needed, else
+ *  PSP_CMP_NO_FIRST. Memory: if short, as there. */
 PSP_API psp_status psp_fileCmp(const char *first, const char *second);
-/** psp_fileCmp with wide names. */
+/** Compares two files of the disk, with wide names. As psp_fileCmpEx. Threads: any. Start: needed,
+ *  else PSP_FAILED. Memory: if short, as there, or PSP_FAILED for a name. */
 PSP_API psp_status psp_fileCmpW(const psp_wchar *first, const psp_wchar *second);
-/** psp_fileCmpEx with wide names. */
+/** Compares two files, with wide names. As psp_fileCmpEx. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, as there, or PSP_FAILED for a name. */
 PSP_API psp_status psp_fileCmpExW(const psp_wchar *first, uint16_t first_mode,
                                   const psp_wchar *second, uint16_t second_mode);
 
@@ -815,13 +1049,20 @@ PSP_API psp_status psp_fileCmpExW(const psp_wchar *first, uint16_t first_mode,
  *
  *  @param name  the file.
  *  @param mode  its PSP_FILE_ bits.
- *  @return PSP_OKAY; PSP_FAILED; PSP_NOMEMORY; PSP_NOTFOUND for a store name that is missing. */
+ *  @return PSP_OKAY; PSP_FAILED; PSP_NOTFOUND for a store name that is missing. With a wide name
+ *          that cannot be converted, PSP_NOMEMORY.
+ *
+ *  Threads: any. Start: not needed on the disk; PSP_FAILED in the store without it. Memory: needs
+ *  none on the disk; if short in the store, PSP_FAILED and the file stays. */
 PSP_API psp_status psp_fileRemoveEx(const char *name, uint16_t mode);
-/** psp_fileRemoveEx on the disk. */
+/** Removes a file of the disk. As psp_fileRemoveEx. Threads: any. Start: not needed. Memory: needs
+ *  none. */
 PSP_API psp_status psp_fileRemove(const char *name);
-/** psp_fileRemove with a wide name. */
+/** Removes a file of the disk, with a wide name. As psp_fileRemoveEx. Threads: any. Start: needed,
+ *  else PSP_NOMEMORY. Memory: if short, PSP_NOMEMORY and the file stays. */
 PSP_API psp_status psp_fileRemoveW(const psp_wchar *name);
-/** psp_fileRemoveEx with a wide name. */
+/** Removes a file, with a wide name. As psp_fileRemoveEx. Threads: any. Start: needed, else
+ *  PSP_NOMEMORY. Memory: if short, PSP_NOMEMORY or PSP_FAILED, and the file stays. */
 PSP_API psp_status psp_fileRemoveExW(const psp_wchar *name, uint16_t mode);
 
 /** Gives a file or directory a new name; never replaces an existing one and never crosses between
@@ -829,16 +1070,24 @@ PSP_API psp_status psp_fileRemoveExW(const psp_wchar *name, uint16_t mode);
  *  durable, named in one step, and the old one goes last; it fails while a handle may write the
  *  file. A directory may not.
  *
- *  @param old_name,new_name  the names.
+ *  @param old_name,new_name  the names. In the store the new one's last component counts alone:
+ *                            what it names stays in its directory.
  *  @param old_mode,new_mode  their PSP_FILE_ bits.
- *  @return PSP_OKAY; PSP_FAILED; PSP_NOMEMORY; PSP_NOTFOUND for a store name that is missing. */
+ *  @return PSP_OKAY; PSP_FAILED; PSP_NOTFOUND for a store name that is missing. With a wide name
+ *          that cannot be converted, PSP_NOMEMORY.
+ *
+ *  Threads: any. Start: not needed on the disk; PSP_FAILED in the store without it. Memory: needs
+ *  none on the disk; if short in the store, PSP_FAILED and the old name stays. */
 PSP_API psp_status psp_fileRenameEx(const char *old_name, uint16_t old_mode, const char *new_name,
                                     uint16_t new_mode);
-/** psp_fileRenameEx on the disk. */
+/** Renames on the disk. As psp_fileRenameEx. Threads: any. Start: not needed. Memory: needs none.
+ */
 PSP_API psp_status psp_fileRename(const char *old_name, const char *new_name);
-/** psp_fileRename with wide names. */
+/** Renames on the disk, with wide names. As psp_fileRenameEx. Threads: any. Start: needed, else
+ *  PSP_NOMEMORY. Memory: if short, PSP_NOMEMORY and the old name stays. */
 PSP_API psp_status psp_fileRenameW(const psp_wchar *old_name, const psp_wchar *new_name);
-/** psp_fileRenameEx with wide names. */
+/** Renames, with wide names. As psp_fileRenameEx. Threads: any. Start: needed, else PSP_NOMEMORY.
+ *  Memory: if short, PSP_NOMEMORY or PSP_FAILED, and the old name stays. */
 PSP_API psp_status psp_fileRenameExW(const psp_wchar *old_name, uint16_t old_mode,
                                      const psp_wchar *new_name, uint16_t new_mode);
 
@@ -848,172 +1097,257 @@ PSP_API psp_status psp_fileRenameExW(const psp_wchar *old_name, uint16_t old_mod
  *  @param mode       its PSP_FILE_ bits.
  *  @param directory  receives 0 for a file, 16384 (disk) or 1 (store) for a directory, nothing when
  *                    the name does not exist; may be null.
- *  @return 1 or 0. */
+ *  @return 1 or 0.
+ *
+ *  Threads: any. Start: not needed on the disk; 0 in the store without it. Memory: needs none on
+ *  the disk; if short in the store, 0. */
 PSP_API int32_t psp_fileValidateEx(const char *name, uint16_t mode, uint32_t *directory);
-/** psp_fileValidateEx on the disk, without the flag. */
+/** Tells whether a name exists on the disk. As psp_fileValidateEx. Threads: any. Start: not needed.
+ *  Memory: needs none. */
 PSP_API int32_t psp_fileValidate(const char *name);
-/** psp_fileValidate with a wide name. */
+/** Tells whether a wide name exists on the disk. As psp_fileValidateEx. Threads: any. Start:
+ *  needed, else 0. Memory: if short, 0. */
 PSP_API int32_t psp_fileValidateW(const psp_wchar *name);
-/** psp_fileValidateEx with a wide name. */
+/** Tells whether a wide name exists. As psp_fileValidateEx. Threads: any. Start: needed, else 0.
+ *  Memory: if short, 0. */
 PSP_API int32_t psp_fileValidateExW(const psp_wchar *name, uint16_t mode, uint32_t *directory);
 
 /** Moves a file onto a name, replacing what is there: by a rename where that is possible, else by a
  *  copy. The old destination is gone even if the move then fails; the source is kept then.
  *
+ *  @param source            the file to move.
+ *  @param source_mode       its PSP_FILE_ bits; only PSP_FILE_MEMORY counts.
+ *  @param destination       the name that it gets.
+ *  @param destination_mode  its PSP_FILE_ bits; only PSP_FILE_MEMORY counts.
  *  @return as psp_fileCopyEx. Two names of the same file give PSP_OKAY and nothing is removed;
  *          PSP_FAILED, and nothing is removed, where it cannot be found out whether they are. A
- *          pipe, a device or a socket is renamed, but never copied: PSP_FAILED. */
+ *          pipe, a device or a socket is renamed, but never copied: PSP_FAILED.
+ *
+ *  Threads: any. Start: not needed on the disk where a rename will do; PSP_FAILED for all else
+ *  without it. Memory: needs none on the disk where a rename will do; if short for all else,
+ *  PSP_FAILED with the source whole and the old destination perhaps gone. */
 PSP_API psp_status psp_fileMoveEx(const char *source, uint16_t source_mode, const char *destination,
                                   uint16_t destination_mode);
-/** psp_fileMoveEx on the disk. */
+/** Moves a file on the disk. As psp_fileMoveEx. Threads: any. Start: not needed where a rename will
+ *  do; PSP_FAILED without it for a copy. Memory: needs none where a rename will do; if short for a
+ *  copy, as there. */
 PSP_API psp_status psp_fileMove(const char *source, const char *destination);
-/** psp_fileMove with wide names. */
+/** Moves a file on the disk, with wide names. As psp_fileMoveEx. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, PSP_FAILED and nothing is removed; for a copy as there. */
 PSP_API psp_status psp_fileMoveW(const psp_wchar *source, const psp_wchar *destination);
-/** psp_fileMoveEx with wide names. */
+/** Moves a file, with wide names. As psp_fileMoveEx. Threads: any. Start: needed, else PSP_FAILED.
+ *  Memory: if short, as there. */
 PSP_API psp_status psp_fileMoveExW(const psp_wchar *source, uint16_t source_mode,
                                    const psp_wchar *destination, uint16_t destination_mode);
 
 /** Moves a directory: by a rename where that is possible; else the files directly inside it, into a
  *  destination that is created with its parents. Subdirectories stay where they are then.
  *
+ *  @param source            the directory to move.
+ *  @param source_mode       its PSP_FILE_ bits; only PSP_FILE_MEMORY counts.
+ *  @param destination       the name that it gets.
+ *  @param destination_mode  its PSP_FILE_ bits; only PSP_FILE_MEMORY counts.
  *  @return PSP_OKAY, also when there was nothing to move; PSP_FAILED when the source cannot be
- * read, and before anything is created in read-only and no-disk mode; otherwise the result of the
- *          step or of the file move that failed. Files moved before it stay moved. Files that
- *          psp_pathNext passes over stay too, and the source with them. */
+ *          read, and before anything is created in read-only and no-disk mode; otherwise the result
+ *          of the step or of the file move that failed. Files moved before it stay moved. Files
+ *          that psp_pathNext passes over stay too, and the source with them.
+ *
+ *  Threads: any. Start: not needed on the disk where a rename will do; PSP_FAILED for all else
+ *  without it. Memory: needs none on the disk where a rename will do; if short for all else,
+ *  PSP_NOMEMORY or PSP_FAILED; files moved before stay moved, and the destination stays. */
 PSP_API psp_status psp_dirMoveEx(const char *source, uint16_t source_mode, const char *destination,
                                  uint16_t destination_mode);
-/** psp_dirMoveEx on the disk. */
+/** Moves a directory on the disk. As psp_dirMoveEx. Threads: any. Start: not needed where a rename
+ *  will do; PSP_FAILED without it for all else. Memory: needs none where a rename will do; if short
+ *  for all else, as there. */
 PSP_API psp_status psp_dirMove(const char *source, const char *destination);
-/** psp_dirMove with wide names. */
+/** Moves a directory on the disk, with wide names. As psp_dirMoveEx. Threads: any. Start: needed,
+ *  else PSP_FAILED. Memory: if short, as there, or PSP_FAILED for a name. */
 PSP_API psp_status psp_dirMoveW(const psp_wchar *source, const psp_wchar *destination);
-/** psp_dirMoveEx with wide names. */
+/** Moves a directory, with wide names. As psp_dirMoveEx. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, as there, or PSP_FAILED for a name. */
 PSP_API psp_status psp_dirMoveExW(const psp_wchar *source, uint16_t source_mode,
                                   const psp_wchar *destination, uint16_t destination_mode);
 
 /* ---- Paths and directories --------------------------------------------------------------------
  * Names as text, directories, the temporary directory. The library writes backslashes and accepts
- * slashes too, on every platform. Strings handed out belong to the caller, who releases them with
- * psp_freeMem and the default tag (null), unless a tag is an argument. Everything works in any
- * thread; an iterator is used by one thread at a time. */
-
-/** The current directory, as the platform spells it; "\" in no-disk mode.
- *
- *  @return a new string; null on failure. */
-PSP_API char *psp_currdir(void) PSP_MUST_USE;
-
-/** Whether a name starts at a root: with a separator, or with a letter, a colon and a separator.
- *
- *  @return 1 or 0. Works without a start. */
-PSP_API int32_t psp_pathIsFullyQualified(const char *name);
-
-/** The full path of a directory, ending in a backslash. No "." or ".." is resolved.
- *
- *  @param name  the directory; null, empty, "." and ".\" are the current one.
- *  @return a new string; null on failure. */
-PSP_API char *psp_fullpath(const char *name) PSP_MUST_USE;
-
-/** Splits a name at its last backslash; else at its last slash; else at its last colon.
- *
- *  @param name       the name.
- *  @param directory  receives a new string, the separator included, or null; may be null.
- *  @param file       receives a new string or null; may be null.
- *  When memory is short both are null. */
-PSP_API void psp_pathSplit(const char *name, char **directory, char **file);
-
-/** The name without a drive prefix (any character and a colon): a pointer into the same string.
- *  Works without a start. */
-PSP_API const char *psp_pathStripDrive(const char *name);
-
-/** Whether a name is spelled like a directory: its last character is a backslash or a colon.
- *
- *  @return 1 or 0; -1 for a null or empty name. Works without a start. */
-PSP_API int32_t psp_pathIsDir(const char *name);
-
-/** Whether a name is a link: links are not recognised.
- *
- *  @return always 0. Works without a start. */
-PSP_API int32_t psp_pathIsLink(const char *name);
+ * slashes too, on every platform. */
 
 typedef struct psp_pathIter psp_pathIter;
 
-/** psp_pathOpenEx on the disk. */
+/** Starts an iteration over the entries of a directory of the disk. As psp_pathOpenEx.
+ *
+ *  Owner: the caller, until psp_pathClose. Threads: any. Start: needed, else null. Memory: if
+ *  short, null. */
 PSP_API psp_pathIter *psp_pathOpen(const char *directory, const char *pattern) PSP_MUST_USE;
 
-/** Starts an iteration over the entries of a directory, "." and ".." included.
+/** Starts an iteration over the entries of a directory, "." and ".." included. Entries that come or
+ *  go meanwhile may or may not be met. On POSIX an entry whose name holds a backslash is passed
+ *  over: to the library the name would be a path, perhaps of another file.
+ *
+ *  In the store the names come in order (ASCII letters as lower case), "." and ".." are not among
+ *  them, and "*.*" wants a dot. An iterator is given for a directory without a match, too; names
+ *  that come or go behind the last one are met or not as they stand when their turn comes.
  *
  *  @param directory  the directory.
  *  @param mode       its PSP_FILE_ bits.
  *  @param pattern    which names: "?" is one character, "*" any number, letters match without
  *                    regard to case; the character after a "*" is taken literally. On the disk
  *                    "*.*" matches every name.
- *  @return the iterator, ended by psp_pathClose; null when no entry matches, the directory cannot
- * be read, an argument is null or the directory empty, in no-disk mode and when memory is short.
- * Entries that come or go meanwhile may or may not be met. On POSIX an entry whose name holds a
- * backslash is passed over: to the library the name would be a path, perhaps of another file.
+ *  @return the iterator; null when no entry matches, the directory cannot be read, an argument is
+ *          null or the directory empty, and in no-disk mode.
  *
- *  In the store the names come in order (ASCII letters as lower case), "." and ".." are not among
- *  them, and "*.*" wants a dot. An iterator is given for a directory without a match, too; names
- *  that come or go behind the last one are met or not as they stand when their turn comes. */
+ *  Owner: the caller, until psp_pathClose. Threads: any. Start: needed, else null. Memory: if
+ *  short, null. */
 PSP_API psp_pathIter *psp_pathOpenEx(const char *directory, uint16_t mode,
                                      const char *pattern) PSP_MUST_USE;
 
-/** The next entry.
+/** Ends an iteration.
+ *
+ *  @param iterator  the iterator; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the iterator. Memory: needs none. */
+PSP_API void psp_pathClose(psp_pathIter *iterator);
+
+/** Goes to the next entry.
  *
  *  @param iterator   the iterator.
  *  @param directory  receives 0 for a file, 16 (disk) or 1 (store) for a directory; not null.
- *  @return the entry's name, the iterator's until the next call on it; null when none is left, or
- *          in the store when memory is short; there the next call begins anew. */
+ *  @return the entry's name; null when none is left, and for a null argument.
+ *
+ *  Owner: the iterator, until the next call on it. Threads: one at a time. Start: that of the
+ *  iterator. Memory: needs none on the disk; if short in the store, null, and the next call begins
+ *  anew. */
 PSP_API const char *psp_pathNext(psp_pathIter *iterator, uint32_t *directory);
 
-/** Ends an iteration; null does nothing. */
-PSP_API void psp_pathClose(psp_pathIter *iterator);
+/** Tells the current directory, as the platform spells it; a backslash alone in no-disk mode.
+ *
+ *  @return a new string; null when the platform cannot tell it, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: any. Start: needed,
+ *  else null. Memory: if short, null. */
+PSP_API char *psp_currdir(void) PSP_MUST_USE;
+
+/** Tells whether a name starts at a root: with a separator, or with a letter, a colon and a
+ *  separator.
+ *
+ *  @param name  the name; null gives 0.
+ *  @return 1 or 0.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
+PSP_API int32_t psp_pathIsFullyQualified(const char *name);
+
+/** Makes the full path of a directory, ending in a backslash. No "." or ".." is resolved.
+ *
+ *  @param name  the directory; null, empty, a dot and a dot with a backslash are the current one.
+ *  @return a new string; null when the current directory cannot be told, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: any. Start: needed,
+ *  else null. Memory: if short, null. */
+PSP_API char *psp_fullpath(const char *name) PSP_MUST_USE;
+
+/** Splits a name at its last backslash; else at its last slash; else at its last colon.
+ *
+ *  @param name       the name; null has no parts.
+ *  @param directory  receives a new string, the separator included, or null; may be null.
+ *  @param file       receives a new string or null; may be null.
+ *
+ *  Owner: the caller, who releases both with psp_freeMem(string, NULL). Threads: any. Start:
+ *  needed, else both are null. Memory: if short, both are null. */
+PSP_API void psp_pathSplit(const char *name, char **directory, char **file);
+
+/** Passes over a drive prefix (any character and a colon).
+ *
+ *  @param name  the name; null gives null.
+ *  @return the name without it: a place in the same string.
+ *
+ *  Owner: that of the name. Threads: any. Start: not needed. Memory: needs none. */
+PSP_API const char *psp_pathStripDrive(const char *name);
+
+/** Tells whether a name is spelled like a directory: its last character is a backslash or a colon.
+ *
+ *  @param name  the name.
+ *  @return 1 or 0; -1 for a null or empty name.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
+PSP_API int32_t psp_pathIsDir(const char *name);
+
+/** Tells whether a name is a link: links are not recognised.
+ *
+ *  @param name  the name; not looked at.
+ *  @return always 0.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
+PSP_API int32_t psp_pathIsLink(const char *name);
 
 /** Creates a directory.
  *
- *  @return PSP_OKAY; PSP_EXISTS; PSP_FAILED; PSP_NOMEMORY. */
+ *  @param name  the directory.
+ *  @return PSP_OKAY; PSP_EXISTS when the name is taken; PSP_FAILED, also for a null name and in
+ *          no-disk mode.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_dirCreate(const char *name);
-/** psp_dirCreate with a wide name. */
+/** Creates a directory with a wide name. As psp_dirCreate. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, PSP_FAILED. */
 PSP_API psp_status psp_dirCreateW(const psp_wchar *name);
 
 /** Creates a directory with all its parents.
  *
+ *  @param name  the directory.
  *  @return as psp_dirCreate. A name that ends in a separator gives PSP_EXISTS even when it was
- *          created just now. */
+ *          created just now. After a failure the parents created before it stay.
+ *
+ *  Threads: any. Start: not needed where the parents exist, else PSP_FAILED. Memory: needs none
+ *  where the parents exist; if short, PSP_FAILED and nothing is created. */
 PSP_API psp_status psp_dirCreateAll(const char *name);
-/** psp_dirCreateAll with a wide name. */
+/** Creates a directory with all its parents, with a wide name. As psp_dirCreateAll. Threads: any.
+ *  Start: needed, else PSP_FAILED. Memory: if short, PSP_FAILED and nothing is created. */
 PSP_API psp_status psp_dirCreateAllW(const psp_wchar *name);
 
 /** Removes an empty directory.
  *
- *  @return PSP_OKAY, also when it does not exist; PSP_FAILED; PSP_NOMEMORY. */
+ *  @param name  the directory.
+ *  @return PSP_OKAY, also when it does not exist; PSP_FAILED, also for a null name and in no-disk
+ *          mode.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_dirRemove(const char *name);
-/** psp_dirRemove with a wide name. */
+/** Removes an empty directory with a wide name. As psp_dirRemove. Threads: any. Start: needed, else
+ *  PSP_FAILED. Memory: if short, PSP_FAILED and the directory stays. */
 PSP_API psp_status psp_dirRemoveW(const psp_wchar *name);
 
 /** Makes a name for a temporary file; creates nothing and tests nothing.
  *
  *  @param counter    the caller's counter, part of the name by its value and its address; it is
- *                    raised by one.
+ *                    raised by one. Null gives null.
  *  @param prefix     null is "temp".
  *  @param extension  null is "tmp".
  *  @param tag        the owner; null is the default tag.
- *  @return a new string; null when memory is short. The caller serialises the use of a counter. */
+ *  @return a new string, or null.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, tag). Threads: one at a time for
+ *  each counter, else as the tag. Start: needed, else null. Memory: if short, null; the counter has
+ *  been raised. */
 PSP_API char *psp_fileCreateTmpName(uint32_t *counter, const char *prefix, const char *extension,
                                     psp_tag *tag) PSP_MUST_USE;
 
-/** The temporary directory: the environment's VKD_TMPDIR as it stands; else the first of TEMP, TMP,
- *  the system's own and the current directory in which a file could be made, found once. An empty
- *  TEMP or TMP counts as not set.
+/** Tells the temporary directory: the environment's VKD_TMPDIR unchanged; else the first of TEMP,
+ *  TMP, the system's own and the current directory in which a file could be made, found once. An
+ *  empty TEMP or TMP counts as not set.
  *
  *  @param tag  the owner; null is the default tag.
- *  @return a new string; null when there is none or memory is short. */
+ *  @return a new string; null when there is no such directory, too.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, tag). Threads: as the tag. Start:
+ *  needed, else null. Memory: if short, null; the next call looks again. */
 PSP_API char *psp_tmpdir(psp_tag *tag) PSP_MUST_USE;
 
 /* ---- Text streams -----------------------------------------------------------------------------
- * A stream is a buffered text file: psp_fopen makes it, psp_fclose ends it. One thread at a time.
- * Texts are UTF-8 whatever the file holds. A read stream recognises a byte-order mark and turns
- * UTF-16 into UTF-8; a write stream of width 2 writes a mark and UTF-16, little-endian. A carriage
- * return with a line feed reads as one line feed, and a line feed is written as the two.
+ * A stream is a buffered text file: psp_fopen makes it, psp_fclose ends it. Texts are UTF-8
+ * whatever the file holds. A read stream recognises a byte-order mark and turns UTF-16 into UTF-8;
+ * a write stream of width 2 writes a mark and UTF-16, little-endian. A carriage return with a line
+ * feed reads as one line feed, and a line feed is written as the two.
  *
  * Reading and writing may alternate. What is written reaches the file when a block of 1024 bytes is
  * full, at a flush and at the close. In read-only mode output is dropped in silence. A write that
@@ -1025,98 +1359,155 @@ PSP_API char *psp_tmpdir(psp_tag *tag) PSP_MUST_USE;
 
 typedef struct psp_stream psp_stream;
 
-/** psp_fopenEx with mode word 0. */
+/** Opens a text file of the disk. As psp_fopenEx.
+ *
+ *  Owner: the caller, until psp_fclose. Threads: any. Start: needed, else null. Memory: if short,
+ *  null; no file has been created or changed. */
 PSP_API psp_stream *psp_fopen(const char *name, const char *mode, uint32_t width) PSP_MUST_USE;
 
 /** Opens a text file.
  *
- *  @param name       the path.
+ *  @param name       the path; null gives null.
  *  @param mode       "r", "w" (create or empty) or "a" (create; starts at the end), each with an
  *                    optional "+" for reading and writing; any other character fails, "b" and "t"
  *                    too. Null reads.
  *  @param width      bytes of a unit of a write stream, 1 or 2; 0 is 1. Read streams find out.
  *  @param mode_word  PSP_FILE_ bits.
- *  @return the stream; null when the file cannot be opened or memory is short.
- *  Ended by psp_fclose. Any thread. */
+ *  @return the stream; null when the file cannot be opened, or its end not be found for "a".
+ *
+ *  Owner: the caller, until psp_fclose. Threads: any. Start: needed, else null. Memory: if short,
+ *  null; no file has been created or changed. */
 PSP_API psp_stream *psp_fopenEx(const char *name, const char *mode, uint32_t width,
                                 uint16_t mode_word) PSP_MUST_USE;
 
-/** Opens a standard channel by name, "stdin", "stdout" or "stderr", as 8-bit text.
+/** Opens a standard channel by name as 8-bit text.
  *
- *  @return the stream; null when that fails. Ended by psp_fclose, which leaves the channel open. */
+ *  @param name  "stdin", "stdout" or "stderr"; any other name is a file of the disk, opened to read
+ *               its bytes.
+ *  @return the stream; null when that fails. Its end leaves the channel open.
+ *
+ *  Owner: the caller, until psp_fclose. Threads: any. Start: needed, else null. Memory: if short,
+ *  null. */
 PSP_API psp_stream *psp_fopen_std(const char *name) PSP_MUST_USE;
 
 /** Writes what is buffered, a failure of which is not reported (psp_fflush first, if it matters),
  *  closes the file and ends the stream.
  *
- *  @param stream  the stream; null does nothing. */
+ *  @param stream  the stream; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none on the disk; if short in
+ *  the store, the file lacks the end of what was buffered. */
 PSP_API void psp_fclose(psp_stream *stream);
 
 /** Reads one character: one byte of the UTF-8 text.
  *
+ *  @param stream  the stream; null gives -1.
  *  @return the byte as a signed value (0x80 to 0xFF are -128 to -1; continuation bytes made from
- *          UTF-16 are 128 to 191), or a value pushed back, as it was; -1 at the end. */
+ *          UTF-16 are 128 to 191), or a value pushed back, as it was; -1 at the end.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none on the disk; if short in
+ *  the store, as at the end. */
 PSP_API int32_t psp_fgetc(psp_stream *stream);
 
 /** Pushes a value back; the next psp_fgetc gives it. Up to 20 are held, last in, first out.
  *
- *  @return the value; -1 when 20 are held. */
+ *  @param character  any value.
+ *  @param stream     the stream; null gives -1.
+ *  @return the value; -1 when 20 are held.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none. */
 PSP_API int32_t psp_fungetc(int32_t character, psp_stream *stream);
 
 /** Reads up to a line feed, which is kept, or size - 1 characters, and terminates them.
  *
  *  @param buffer  where to store.
  *  @param size    bytes of the buffer; 1 gives an empty string.
- *  @return the buffer; null when nothing was read, the buffer is null or the size not positive. */
+ *  @param stream  the stream; null gives null.
+ *  @return the buffer; null when nothing was read, the buffer is null or the size not positive.
+ *
+ *  Owner: that of the buffer. Threads: one at a time. Start: that of the stream. Memory: needs none
+ *  on the disk; if short in the store, as at the end. */
 PSP_API char *psp_fgets(char *buffer, int32_t size, psp_stream *stream);
 
 /** Reads a line of any length. A zero byte belongs to the line like any other.
  *
  *  @param stream  the stream.
  *  @param buffer  in and out: the line buffer, a block of the default tag that grows and is reused;
- *                 null obtains one. The caller releases it with psp_freeMem(buffer, NULL).
+ *                 null obtains one.
  *  @param size    in and out: its size in bytes; 0 is taken as 100.
- *  @return the line with its line feed, if it had one; null at the end, for a null argument and
- *          when the buffer cannot grow (buffer and size stay valid and hold the line's beginning).
- */
+ *  @return the line with its line feed, if it had one: the buffer; null at the end, for a null
+ *          argument and when the buffer cannot grow.
+ *
+ *  Owner: the caller, who releases the buffer with psp_freeMem(buffer, NULL). Threads: one at a
+ *  time. Start: that of the stream. Memory: if short, null; buffer and size stay valid and hold the
+ *  line's beginning, which has been read. */
 PSP_API char *psp_fGetLine(psp_stream *stream, char **buffer, uint32_t *size);
 
 /** Writes one character; a line feed goes out as carriage return and line feed.
  *
- *  @return 1, or 0 when it failed. */
+ *  @param character  the byte, in the low 8 bits.
+ *  @param stream     the stream; null gives 0.
+ *  @return 1, or 0 when it failed.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none on the disk; if short in
+ *  the store, 0, and what is buffered stays. */
 PSP_API int32_t psp_fputc(int32_t character, psp_stream *stream);
 
 /** Writes a string.
  *
- *  @return the bytes of the string; -1 at the first character that fails (earlier ones stay). */
+ *  @param string  the string; null gives -1.
+ *  @param stream  the stream; null gives -1.
+ *  @return the bytes of the string, 2^31 - 1 for more; -1 at the first character that fails
+ *          (earlier ones stay).
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none on the disk; if short in
+ *  the store, -1, and what is buffered stays. */
 PSP_API int32_t psp_fputs(const char *string, psp_stream *stream);
 
-/** Writes formatted text (see psp_vsnprintf).
+/** Writes formatted text.
  *
- *  @return the bytes of the text; -1 when formatting, memory or writing fails. */
+ *  @param stream     the stream; null gives -1.
+ *  @param format     as in psp_vsnprintf; null gives -1.
+ *  @param arguments  the values that the format names.
+ *  @return the bytes of the text; -1 when formatting or writing fails.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: if short, -1 with nothing written of
+ *  a text of 512 bytes or more, shorter ones need none on the disk; in the store as psp_fputs. */
 PSP_API int32_t psp_vfprintf(psp_stream *stream, const char *format, va_list arguments);
 
-/** psp_vfprintf with the values as arguments. */
+/** Writes formatted text, with the values behind the format.
+ *
+ *  @param stream  the stream; null gives -1.
+ *  @param format  as in psp_vsnprintf; null gives -1.
+ *  @return as psp_vfprintf.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: if short, as psp_vfprintf. */
 PSP_API int32_t psp_fprintf(psp_stream *stream, const char *format, ...);
 
 /** Writes what is buffered and makes it durable.
  *
+ *  @param stream  the stream; null gives -1.
  *  @return 0; -1 when half of a UTF-8 character waits to be written as UTF-16. A failed write is
- * not reported here; its bytes stay buffered. */
+ *          not reported here; its bytes stay buffered.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none on the disk; if short in
+ *  the store, as after a failed write. */
 PSP_API int32_t psp_fflush(psp_stream *stream);
 
-/** Moves the position.
+/** Moves the position. Values pushed back stay.
  *
- *  @param offset  bytes: from the first character after the mark (origin 0), from the position (1)
- *                 or from the known length (2). Values pushed back stay.
- *  @return PSP_OKAY; PSP_FAILED for another origin and for a place before the start of the file. */
+ *  @param stream  the stream; null gives PSP_FAILED.
+ *  @param offset  bytes from the origin.
+ *  @param origin  0: the first character after the mark; 1: the position; 2: the known length.
+ *  @return PSP_OKAY; PSP_FAILED for another origin and for a place before the start of the file.
+ *
+ *  Threads: one at a time. Start: that of the stream. Memory: needs none. */
 PSP_API psp_status psp_fseek(psp_stream *stream, int32_t offset, int32_t origin);
 
 /* ---- Channels and log -------------------------------------------------------------------------
  * The process has three output channels: standard output, standard error and the log. Each writes
- * to the output that was pushed on it last; the first two start with the process's own. Pushing and
- * popping must not run while another thread writes to the same channel; everything else may be
- * called by any thread, and one message is always written in one piece.
+ * to the output that was pushed on it last; the first two start with the process's own. One message
+ * is always written in one piece.
  *
  * A log message goes to the standard output channel (psp_log_err: standard error) and, with a stamp
  * "[19-Nov-2026 06:32:28]" and two blanks before it, to the log's output if there is one. End your
@@ -1128,50 +1519,91 @@ PSP_API psp_status psp_fseek(psp_stream *stream, int32_t offset, int32_t origin)
  *
  *  @param name  the file to create or empty; a name that the channel writes to already (in any case
  *               of letters) is shared. Null or empty pushes an output that swallows everything.
- *  @return PSP_OKAY; PSP_FAILED when the library is not started or the file cannot be opened;
- *          PSP_NOMEMORY. The channel is unchanged then. */
+ *  @return PSP_OKAY; PSP_FAILED when the file cannot be opened; PSP_NOMEMORY.
+ *
+ *  Threads: only while no other writes to the channel. Start: needed, else PSP_FAILED. Memory: if
+ *  short, PSP_NOMEMORY, or PSP_FAILED from the opening; channel and file are unchanged. */
 PSP_API psp_status psp_stdout_open(const char *name);
-/** Pushes an output on the standard error channel. As psp_stdout_open. */
+/** Pushes an output on the standard error channel. As psp_stdout_open. Threads: only while no other
+ *  writes to the channel. Start: needed, else PSP_FAILED. Memory: if short, as there. */
 PSP_API psp_status psp_stderr_open(const char *name);
-/** Pushes an output on the log channel. As psp_stdout_open. */
+/** Pushes an output on the log channel. As psp_stdout_open. Threads: only while no other writes to
+ *  the channel. Start: needed, else PSP_FAILED. Memory: if short, as there. */
 PSP_API psp_status psp_log_open(const char *name);
 
-/** Pushes the output whose name is the two strings joined on the log channel.
+/** Pushes the output whose name is two strings joined on the log channel.
  *
- *  @return as psp_log_open; PSP_OKAY, with nothing opened, when the library is not started. */
+ *  @param first,second  the strings.
+ *  @return as psp_log_open, but PSP_OKAY, with nothing opened, when the library is not started.
+ *
+ *  Threads: only while no other writes to the channel. Start: needed, else PSP_OKAY with nothing
+ *  opened. Memory: if short, as psp_log_open. */
 PSP_API psp_status psp_log_create(const char *first, const char *second);
 
-/** Pops the standard output channel's output, if there is one; its last use closes the file. */
+/** Pops the standard output channel's output, if there is one; its last use closes the file.
+ *  Threads: only while no other writes to the channel. Start: needed, else it does nothing. Memory:
+ *  needs none. */
 PSP_API void psp_stdout_close(void);
-/** Pops the standard error channel's output. As psp_stdout_close. */
+/** Pops the standard error channel's output, if there is one; its last use closes the file.
+ *  Threads: only while no other writes to the channel. Start: needed, else it does nothing. Memory:
+ *  needs none. */
 PSP_API void psp_stderr_close(void);
-/** Pops the log channel's output. As psp_stdout_close. */
+/** Pops the log channel's output, if there is one; its last use closes the file. Threads: only
+ *  while no other writes to the channel. Start: needed, else it does nothing. Memory: needs none.
+ */
 PSP_API void psp_log_close(void);
 
 /** Writes formatted text to the standard output channel, without a flush.
  *
- *  @return bytes of the text; 0 when the channel swallows it; -1 when it failed. */
+ *  @param format  as in psp_vsnprintf, with its values behind it.
+ *  @return bytes of the text; 0 when the channel swallows it; -1 when it failed.
+ *
+ *  Threads: any. Start: not needed; without it the text goes to the C runtime. Memory: if short, -1
+ *  with nothing written of a text of 512 bytes or more, no jump. */
 PSP_API int32_t psp_printf(const char *format, ...);
-/** psp_printf with an argument list. */
+/** Writes formatted text to the standard output channel, without a flush.
+ *
+ *  @param format     as in psp_vsnprintf.
+ *  @param arguments  the values that the format names.
+ *  @return as psp_printf.
+ *
+ *  Threads: any. Start: not needed; without it the text goes to the C runtime. Memory: if short, as
+ *  psp_printf. */
 PSP_API int32_t psp_printfV(const char *format, va_list arguments);
-/** Writes formatted text to the standard error channel. As psp_printf. */
+/** Writes formatted text to the standard error channel. As psp_printf. Threads: any. Start: not
+ *  needed; without it the text goes to the C runtime. Memory: if short, as there. */
 PSP_API int32_t psp_printfErr(const char *format, ...);
-/** psp_printfErr with an argument list. */
+/** Writes formatted text to the standard error channel. As psp_printfV. Threads: any. Start: not
+ *  needed; without it the text goes to the C runtime. Memory: if short, as there. */
 PSP_API int32_t psp_printfErrV(const char *format, va_list arguments);
 
-/** Flushes the standard output channel; without an output, the C runtime's standard output. */
+/** Flushes the standard output channel; without an output, the C runtime's standard output.
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_flush(void);
-/** Flushes the standard error channel; without an output, the C runtime's standard error. */
+/** Flushes the standard error channel; without an output, the C runtime's standard error. Threads:
+ *  any. Start: not needed. Memory: needs none. */
 PSP_API void psp_flushErr(void);
 
 /** Logs a message and flushes it. The platform's last error code is left as it was.
  *
+ *  @param format  as in psp_vsnprintf, with its values behind it.
  *  @return bytes written to the standard output channel, 0 when it swallows them; -1 when that
- *          failed. A message that cannot be formatted is dropped and gives 0. */
+ *          failed. A message that cannot be formatted is dropped and gives 0.
+ *
+ *  Threads: any. Start: not needed; without it the text goes to the C runtime. Memory: if short, 0
+ *  and a message of 512 bytes or more is dropped, no jump. */
 PSP_API int32_t psp_log(const char *format, ...);
-/** psp_log with an argument list. */
+/** Logs a message and flushes it. The platform's last error code is left as it was.
+ *
+ *  @param format     as in psp_vsnprintf.
+ *  @param arguments  the values that the format names.
+ *  @return as psp_log.
+ *
+ *  Threads: any. Start: not needed; without it the text goes to the C runtime. Memory: if short, as
+ *  psp_log. */
 PSP_API int32_t psp_logV(const char *format, va_list arguments);
-/** Logs a message to the standard error channel and the log. As psp_log. */
+/** Logs a message to the standard error channel and the log. As psp_log. Threads: any. Start: not
+ *  needed; without it the text goes to the C runtime. Memory: if short, as there. */
 PSP_API int32_t psp_log_err(const char *format, ...);
 
 /* A message built from pieces. */
@@ -1179,18 +1611,32 @@ typedef struct psp_logChunk psp_logChunk;
 
 /** Starts a message that is built from pieces and logged whole.
  *
- *  @return the chunk, ended by psp_log_chunk_end; null when the library is not started or memory is
- *          short. It belongs to the thread that builds it. */
+ *  @return the chunk, or null.
+ *
+ *  Owner: the caller, until psp_log_chunk_end. Threads: any. Start: needed, else null. Memory: if
+ *  short, null, no jump. */
 PSP_API psp_logChunk *psp_log_chunk_init(void) PSP_MUST_USE;
 
-/** Adds a formatted piece. A null chunk or format does nothing; a piece that cannot be formatted or
- *  held is left out whole. */
-PSP_API void psp_log_chunk(psp_logChunk *chunk, const char *format, ...);
-
-/** Adds a last piece (format may be null), logs the message if it has text, and ends the chunk. */
+/** Adds a last piece, logs the message if it has text, and ends the chunk.
+ *
+ *  @param chunk   the message; null does nothing.
+ *  @param format  as in psp_vsnprintf, with its values behind it; null adds nothing.
+ *
+ *  Threads: one at a time. Start: not needed; without it the text goes to the C runtime. Memory: if
+ *  short, the last piece is left out whole, no jump. */
 PSP_API void psp_log_chunk_end(psp_logChunk *chunk, const char *format, ...);
 
-/** Flushes all three channels. */
+/** Adds a formatted piece.
+ *
+ *  @param chunk   the message; null does nothing.
+ *  @param format  as in psp_vsnprintf, with its values behind it; null does nothing. A piece that
+ *                 cannot be formatted is left out whole.
+ *
+ *  Threads: one at a time. Start: not needed. Memory: if short, the piece is left out whole, no
+ *  jump. */
+PSP_API void psp_log_chunk(psp_logChunk *chunk, const char *format, ...);
+
+/** Flushes all three channels. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_log_flush(void);
 
 /* ---- Typed buffers ----------------------------------------------------------------------------
@@ -1210,9 +1656,7 @@ PSP_API void psp_log_flush(void);
  * unless the failure fell between two values, give the connection up.
  *
  * A transport function may use the library and other buffers. It may also be left by an
- * out-of-memory jump: the buffer then stays as after a transport that failed.
- *
- * One thread at a time for each buffer; different buffers may be used at the same time. */
+ * out-of-memory jump: the buffer then stays as after a transport that failed. */
 
 /** Fills the buffer from the transport; waits until there is at least one byte, or fails.
  *
@@ -1242,48 +1686,72 @@ typedef struct psp_outputBuff psp_outputBuff; /* a buffer to put values into */
  *  @param timed_read  fills it for a psp_inputBuffGetInt32Timeout; null: read does.
  *  @param context     handed to the two.
  *  @param swap        not 0: values arrive in the order opposite to the machine's.
- *  @param buff        where to store the buffer, ended by psp_inputBuffDestroy; not null.
- *  @return PSP_OKAY; PSP_ERR_INVARG; PSP_ERR_NOMEMORY when memory is short or the library is not
- *          started. On failure *buff is unchanged. The memory is the default tag's. Any thread. */
+ *  @param buff        where to store the buffer; not null. Unchanged on failure.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; PSP_ERR_NOMEMORY.
+ *
+ *  Owner: the caller, until psp_inputBuffDestroy; the functions and the context must last as long.
+ *  Threads: any. Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, PSP_ERR_NOMEMORY. */
 PSP_API psp_status psp_inputBuffCreate(psp_transportRead read, psp_transportReadTimed timed_read,
                                        void *context, uint16_t swap,
                                        psp_inputBuff **buff) PSP_MUST_USE;
-/** Ends an input buffer; bytes not handed out are dropped. Null does nothing. */
+/** Ends an input buffer; bytes not handed out are dropped.
+ *
+ *  @param buff  the buffer; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API void psp_inputBuffDestroy(psp_inputBuff *buff);
 
 /** Takes a character.
  *
  *  @param buff   the buffer; not null.
  *  @param value  where to store it; null takes the character off the stream and drops it.
- *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status. */
-PSP_API psp_status psp_inputBuffGetChar(psp_inputBuff *buff, char *value);
-/** Takes a 16-bit integer. As psp_inputBuffGetChar; a failure may leave the value partly stored. */
-PSP_API psp_status psp_inputBuffGetInt16(psp_inputBuff *buff, int16_t *value);
-/** Takes a 32-bit integer. As psp_inputBuffGetInt16. */
-PSP_API psp_status psp_inputBuffGetInt32(psp_inputBuff *buff, int32_t *value);
-/** Takes a 32-bit integer with a limit of time. As psp_inputBuffGetInt16.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status.
  *
- *  @param timeout  handed to the timed read function at each call that is needed; 0, or a buffer
- *                  without such a function, has the plain read function called. */
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
+PSP_API psp_status psp_inputBuffGetChar(psp_inputBuff *buff, char *value);
+/** Takes a 16-bit integer; a failure may leave the value partly stored. As psp_inputBuffGetChar.
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
+PSP_API psp_status psp_inputBuffGetInt16(psp_inputBuff *buff, int16_t *value);
+/** Takes a 32-bit integer; a failure may leave the value partly stored. As psp_inputBuffGetChar.
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
+PSP_API psp_status psp_inputBuffGetInt32(psp_inputBuff *buff, int32_t *value);
+/** Takes a 32-bit integer with a limit of time; a failure may leave the value partly stored.
+ *
+ *  @param buff     the buffer; not null.
+ *  @param value    where to store it; null takes it off the stream and drops it.
+ *  @param timeout  handed to the timed read function at each call that is needed, in that
+ *                  function's unit; 0, or a buffer without such a function, has the plain read
+ *                  function called.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetInt32Timeout(psp_inputBuff *buff, int32_t *value,
                                                 uint32_t timeout);
-/** Takes a 64-bit integer. As psp_inputBuffGetInt16. */
+/** Takes a 64-bit integer; a failure may leave the value partly stored. As psp_inputBuffGetChar.
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetInt64(psp_inputBuff *buff, int64_t *value);
-/** Takes a float; its bits arrive as they were sent, NaNs included. As psp_inputBuffGetInt16. */
+/** Takes a float; its bits arrive as they were sent, NaNs included. A failure may leave the value
+ *  partly stored. As psp_inputBuffGetChar. Threads: one at a time. Start: that of the buffer.
+ *  Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetFloat32(psp_inputBuff *buff, float *value);
-/** Takes a double. As psp_inputBuffGetFloat32. */
+/** Takes a double; its bits arrive as they were sent, NaNs included. A failure may leave the value
+ *  partly stored. As psp_inputBuffGetChar. Threads: one at a time. Start: that of the buffer.
+ *  Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetFloat64(psp_inputBuff *buff, double *value);
 
-/** Takes a string with its length as a new string.
+/** Takes a string with its length as a new string. A sender that lies about the length costs 1 MiB
+ *  at first; beyond that memory is taken as the bytes arrive. There is no other limit: use
+ *  psp_inputBuffGetStringWithLength to have one.
  *
  *  @param buff   the buffer; not null.
  *  @param value  where to store the string, ended by a zero byte (zero bytes sent within it stay);
- *                null for a null string and on failure. Released with psp_freeMem(string, NULL). A
- *                null value takes the string off the stream and drops it.
- *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status; PSP_ERR_NOMEMORY, and then the length
- *          and perhaps a part of the bytes are taken.
- *  A sender that lies about the length costs 1 MiB at first; beyond that memory is taken as the
- *  bytes arrive. There is no other limit: use psp_inputBuffGetStringWithLength to have one. */
+ *                null for a null string and on failure. A null value takes the string off the
+ *                stream and drops it.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; PSP_ERR_NOMEMORY; the transport's status.
+ *
+ *  Owner: the caller, who releases it with psp_freeMem(string, NULL). Threads: one at a time.
+ *  Start: that of the buffer. Memory: if short, PSP_ERR_NOMEMORY; the length and perhaps a part of
+ *  the bytes are taken. */
 PSP_API psp_status psp_inputBuffGetString(psp_inputBuff *buff, char **value) PSP_MUST_USE;
 
 /** Takes a string with its length into a given space.
@@ -1295,18 +1763,27 @@ PSP_API psp_status psp_inputBuffGetString(psp_inputBuff *buff, char **value) PSP
  *  @param size         bytes at destination, at least 1.
  *  @return PSP_OKAY; PSP_ERR_TRUNCATED when the string did not fit: its first size - 1 bytes are
  *          stored and the whole string is taken; PSP_ERR_INVARG, also for size 0; the transport's
- *          status. */
+ *          status.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetStringWithLength(psp_inputBuff *buff, char *destination,
                                                     uint32_t size);
 
-/** Takes bytes as they are.
+/** Takes bytes without a look at them.
  *
+ *  @param buff         the buffer; not null.
  *  @param destination  where to store them; null drops them. A failure keeps those that arrived.
  *  @param count        bytes; 0 does nothing.
- *  @return PSP_OKAY; PSP_ERR_INVARG for a null buffer; the transport's status. */
+ *  @return PSP_OKAY; PSP_ERR_INVARG for a null buffer; the transport's status.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_inputBuffGetBytes(psp_inputBuff *buff, void *destination, uint32_t count);
 
-/** Drops the bytes that the buffer holds; the next value is asked of the transport. */
+/** Drops the bytes that the buffer holds; the next value is asked of the transport.
+ *
+ *  @param buff  the buffer; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API void psp_inputBuffReset(psp_inputBuff *buff);
 
 /** Makes an output buffer.
@@ -1314,60 +1791,92 @@ PSP_API void psp_inputBuffReset(psp_inputBuff *buff);
  *  @param write    sends its bytes; not null.
  *  @param context  handed to it.
  *  @param swap     not 0: values are sent in the order opposite to the machine's.
- *  @param buff     where to store the buffer, ended by psp_outputBuffDestroy; not null.
- *  @return as psp_inputBuffCreate. Any thread. */
+ *  @param buff     where to store the buffer; not null. Unchanged on failure.
+ *  @return PSP_OKAY; PSP_ERR_INVARG; PSP_ERR_NOMEMORY.
+ *
+ *  Owner: the caller, until psp_outputBuffDestroy; the function and the context must last as long.
+ *  Threads: any. Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, PSP_ERR_NOMEMORY. */
 PSP_API psp_status psp_outputBuffCreate(psp_transportWrite write, void *context, uint16_t swap,
                                         psp_outputBuff **buff) PSP_MUST_USE;
 /** Ends an output buffer WITHOUT sending the bytes that wait in it: call psp_outputBuffFlush first.
- *  Null does nothing. */
+ *
+ *  @param buff  the buffer; null does nothing.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API void psp_outputBuffDestroy(psp_outputBuff *buff);
 
 /** Puts a character. It is sent when the buffer is full and more bytes come, or by a flush.
  *
- *  @param buff  the buffer; not null.
+ *  @param buff   the buffer; not null.
+ *  @param value  what to put.
  *  @return PSP_OKAY; PSP_ERR_INVARG; the transport's status, and then all bytes that were in the
- *          buffer go on waiting, perhaps with the first bytes of this value behind them. */
+ *          buffer go on waiting, perhaps with the first bytes of this value behind them.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutChar(psp_outputBuff *buff, char value);
-/** Puts a 16-bit integer. As psp_outputBuffPutChar. */
+/** Puts a 16-bit integer. As psp_outputBuffPutChar. Threads: one at a time. Start: that of the
+ *  buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutInt16(psp_outputBuff *buff, int16_t value);
-/** Puts a 32-bit integer. As psp_outputBuffPutChar. */
+/** Puts a 32-bit integer. As psp_outputBuffPutChar. Threads: one at a time. Start: that of the
+ *  buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutInt32(psp_outputBuff *buff, int32_t value);
-/** Puts a 64-bit integer. As psp_outputBuffPutChar. */
+/** Puts a 64-bit integer. As psp_outputBuffPutChar. Threads: one at a time. Start: that of the
+ *  buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutInt64(psp_outputBuff *buff, int64_t value);
-/** Puts a float. As psp_outputBuffPutChar. */
+/** Puts a float. As psp_outputBuffPutChar. Threads: one at a time. Start: that of the buffer.
+ *  Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutFloat32(psp_outputBuff *buff, float value);
-/** Puts a double. As psp_outputBuffPutChar. */
+/** Puts a double. As psp_outputBuffPutChar. Threads: one at a time. Start: that of the buffer.
+ *  Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutFloat64(psp_outputBuff *buff, double value);
 
-/** Puts the bytes of a string, which is not null, without length and terminator. As
- *  psp_outputBuffPutChar. */
+/** Puts the bytes of a string, without length and terminator.
+ *
+ *  @param buff    the buffer; not null.
+ *  @param string  the string; not null.
+ *  @return as psp_outputBuffPutChar.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutString(psp_outputBuff *buff, const char *string);
 
 /** Puts a string with its length.
  *
+ *  @param buff    the buffer; not null.
  *  @param string  the string, shorter than 4 GiB - 1; null is sent as a null string.
- *  @return as psp_outputBuffPutChar; PSP_ERR_INVARG, with nothing put, for a longer string. */
+ *  @return as psp_outputBuffPutChar; PSP_ERR_INVARG, with nothing put, for a longer string.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutStringWithLength(psp_outputBuff *buff, const char *string);
 
-/** Puts bytes as they are. As psp_outputBuffPutChar.
+/** Puts bytes without a look at them.
  *
+ *  @param buff   the buffer; not null.
  *  @param data   the bytes; may be null if there are none.
- *  @param count  how many; 0 does nothing. */
+ *  @param count  how many; 0 does nothing.
+ *  @return as psp_outputBuffPutChar.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffPutBytes(psp_outputBuff *buff, const void *data, uint32_t count);
 
 /** Sends the bytes that wait, if there are any, in one call of the write function.
  *
+ *  @param buff  the buffer; not null.
  *  @return PSP_OKAY; PSP_ERR_INVARG for a null buffer; the transport's status, and then the bytes
- *          go on waiting. */
+ *          go on waiting.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffFlush(psp_outputBuff *buff);
 
 /** Sends the bytes that wait and then, in one more call of the write function and without a copy,
  *  the caller's own: the way for large blocks.
  *
+ *  @param buff   the buffer; not null.
  *  @param data   the bytes; may be null if there are none.
  *  @param count  how many; 0 does nothing and sends nothing.
  *  @return PSP_OKAY; PSP_ERR_INVARG; the status of the transport. If sending the waiting bytes
- *          failed they go on waiting and the others have not been touched. */
+ *          failed they go on waiting and the others have not been touched.
+ *
+ *  Threads: one at a time. Start: that of the buffer. Memory: needs none. */
 PSP_API psp_status psp_outputBuffSendDirect(psp_outputBuff *buff, const void *data, uint32_t count);
 
 /* ---- INI configuration ------------------------------------------------------------------------
@@ -1375,8 +1884,7 @@ PSP_API psp_status psp_outputBuffSendDirect(psp_outputBuff *buff, const void *da
  * the file and reads it again. Names of sections and keys compare without regard to case, and of
  * two of one name the first counts. Names of files compare as the platform does (on POSIX byte for
  * byte), in the file store without regard to case; two spellings of one file are two entries.
- * Lookups and updates may be called by any thread and are serialised; psp_readIniFile and
- * psp_iniCleanup must not run meanwhile.
+ * Lookups and updates are serialised.
  *
  * The format: "[section]" lines and "key=value" lines; ";" starts a comment anywhere. Spaces around
  * the key's end and the value are dropped. Names keep their first 127 bytes.
@@ -1389,29 +1897,46 @@ PSP_API psp_status psp_outputBuffSendDirect(psp_outputBuff *buff, const void *da
  * Each function comes in four forms: plain (mode word 0), Ex, W and ExW (wide strings, none of them
  * null; a failed conversion gives PSP_ERR_NOMEMORY). */
 
-/** Starts the module; psp_init does it.
+/** Starts the module, if it is not started; psp_init does it.
  *
- *  @return PSP_OKAY; PSP_FAILED. */
+ *  @return PSP_OKAY; PSP_FAILED.
+ *
+ *  Threads: only while no other uses the family. Start: needed, else PSP_FAILED. Memory: if short,
+ *  PSP_FAILED. */
 PSP_API psp_status psp_iniInit(void);
-/** Stops the module; psp_term does it. */
+/** Stops the module; psp_term does it. Threads: only while no other uses the family. Start: needed,
+ *  else it does nothing. Memory: needs none. */
 PSP_API void psp_iniTerm(void);
-/** Empties the store. No other thread may use the INI functions meanwhile. */
+/** Empties the store. Threads: only while no other uses the family. Start: needed, else it does
+ *  nothing. Memory: needs none. */
 PSP_API void psp_iniCleanup(void);
 
-/** Reads a file into the store, replacing what it holds of it; a file that cannot be opened leaves
- *  an empty entry.
+/** Reads a file into the store, replacing what it holds of it; a file that cannot be read leaves an
+ *  empty entry or none, and the next lookup reads it.
+ *
+ *  @param file  the file's name, under which lookups find it; null does nothing.
+ *  @param mode  its PSP_FILE_ bits.
+ *  @return always PSP_OKAY.
+ *
+ *  Threads: only while no other uses the family. Start: needed, else it does nothing. Memory: if
+ *  short, as for a file that cannot be read. */
+PSP_API psp_status psp_readIniFileEx(const char *file, uint16_t mode);
+/** Reads a file of the disk into the store. As psp_readIniFileEx. Threads: only while no other uses
+ *  the family. Start: needed, else it does nothing. Memory: if short, as there. */
+PSP_API psp_status psp_readIniFile(const char *file);
+/** Reads a file of the disk with a wide name into the store. As psp_readIniFileExW. Threads: only
+ *  while no other uses the family. Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, as
+ *  there. */
+PSP_API psp_status psp_readIniFileW(const psp_wchar *file);
+/** Reads a file with a wide name into the store; one that cannot be read keeps its old entry.
  *
  *  @param file  the file's name, under which lookups find it.
  *  @param mode  its PSP_FILE_ bits.
- *  @return always PSP_OKAY. */
-PSP_API psp_status psp_readIniFileEx(const char *file, uint16_t mode);
-/** psp_readIniFileEx on the disk. */
-PSP_API psp_status psp_readIniFile(const char *file);
-/** Reads a file with a wide name; one that cannot be opened keeps its old entry.
+ *  @return PSP_OKAY; PSP_ERR_INVARG for a null name; PSP_ERR_NOMEMORY when the name cannot be
+ *          converted.
  *
- *  @return PSP_OKAY; PSP_ERR_NOMEMORY when the name cannot be converted. */
-PSP_API psp_status psp_readIniFileW(const psp_wchar *file);
-/** psp_readIniFileW with a mode word. */
+ *  Threads: only while no other uses the family. Start: needed, else PSP_ERR_NOMEMORY. Memory: if
+ *  short, PSP_ERR_NOMEMORY for the name, else PSP_OKAY with the old entry kept. */
 PSP_API psp_status psp_readIniFileExW(const psp_wchar *file, uint16_t mode);
 
 /** Looks a value up, or lists names.
@@ -1419,86 +1944,123 @@ PSP_API psp_status psp_readIniFileExW(const psp_wchar *file, uint16_t mode);
  *  @param file     the INI file.
  *  @param section  the section; null lists the sections.
  *  @param key      the key; null lists the section's keys.
- *  @param buffer   receives the value, or each name with its zero byte, and one zero byte more.
+ *  @param buffer   receives the value, or each name with its zero byte, and one zero byte more;
+ *                  untouched by PSP_ERR_NOFILE and _INVARG.
  *  @param size     bytes of the buffer, at least 2.
  *  @param mode     the file's PSP_FILE_ bits.
  *  @return PSP_OKAY; PSP_FAILED when there is no such section or key; PSP_ERR_NOFILE;
  *          PSP_ERR_INVARG for a null file or buffer or a size below 2; PSP_ERR_BUFFERFULL when the
- *          result was cut (a value of L bytes needs a size of L + 3). */
+ *          result was cut (a value of L bytes needs a size of L + 3).
+ *
+ *  Threads: any. Start: needed, else PSP_ERR_NOFILE. Memory: if short, PSP_ERR_NOFILE with the
+ *  store as before where the file had to be read; none is needed once the store holds it. */
 PSP_API psp_status psp_iniGetEx(const char *file, const char *section, const char *key,
                                 char *buffer, uint32_t size, uint16_t mode);
-/** psp_iniGetEx on the disk. */
+/** Looks up in a file of the disk. As psp_iniGetEx. Threads: any. Start: needed, else
+ *  PSP_ERR_NOFILE. Memory: if short, as there. */
 PSP_API psp_status psp_iniGet(const char *file, const char *section, const char *key, char *buffer,
                               uint32_t size);
-/** psp_iniGetEx with wide strings; the size is in units. The buffer is touched on PSP_OKAY only.
- *  A value of more units than the buffer holds is cut without a sign as long as its UTF-8 is at
- * most 4 * size - 3 bytes: give a buffer of a unit for each byte that a value can have. */
+/** Looks a value up, with wide strings, none of them null.
+ *
+ *  @param file,section,key  the file, the section and the key.
+ *  @param buffer            receives the value; touched on PSP_OKAY only.
+ *  @param size              units of the buffer, at least 2. A value of more units than the buffer
+ *                           holds is cut without a sign as long as its UTF-8 is at most 4 * size -
+ *                           3 bytes: give a buffer of a unit for each byte that a value can have.
+ *  @param mode              the file's PSP_FILE_ bits.
+ *  @return as psp_iniGetEx; PSP_ERR_INVARG for anything null; PSP_ERR_NOMEMORY when a string or the
+ *          value cannot be converted.
+ *
+ *  Threads: any. Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, PSP_ERR_NOMEMORY, or as
+ *  psp_iniGetEx while the file is read. */
 PSP_API psp_status psp_iniGetExW(const psp_wchar *file, const psp_wchar *section,
                                  const psp_wchar *key, psp_wchar *buffer, uint32_t size,
                                  uint16_t mode);
-/** psp_iniGetExW on the disk. */
+/** Looks a value up in a file of the disk, with wide strings. As psp_iniGetExW. Threads: any.
+ *  Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, as there. */
 PSP_API psp_status psp_iniGetW(const psp_wchar *file, const psp_wchar *section,
                                const psp_wchar *key, psp_wchar *buffer, uint32_t size);
 
-/** The same as psp_iniGetEx. */
+/** Looks a value up, or lists names: another name of the same. As psp_iniGetEx. Threads: any.
+ *  Start: needed, else PSP_ERR_NOFILE. Memory: if short, as there. */
 PSP_API psp_status psp_iniStringEx(const char *file, const char *section, const char *key,
                                    char *buffer, uint32_t size, uint16_t mode);
-/** The same as psp_iniGet. */
+/** Looks up in a file of the disk. As psp_iniGetEx. Threads: any. Start: needed, else
+ *  PSP_ERR_NOFILE. Memory: if short, as there. */
 PSP_API psp_status psp_iniString(const char *file, const char *section, const char *key,
                                  char *buffer, uint32_t size);
-/** The same as psp_iniGetExW. */
+/** Looks a value up, with wide strings. As psp_iniGetExW. Threads: any. Start: needed, else
+ *  PSP_ERR_NOMEMORY. Memory: if short, as there. */
 PSP_API psp_status psp_iniStringExW(const psp_wchar *file, const psp_wchar *section,
                                     const psp_wchar *key, psp_wchar *buffer, uint32_t size,
                                     uint16_t mode);
-/** The same as psp_iniGetW. */
+/** Looks a value up in a file of the disk, with wide strings. As psp_iniGetExW. Threads: any.
+ *  Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, as there. */
 PSP_API psp_status psp_iniStringW(const psp_wchar *file, const psp_wchar *section,
                                   const psp_wchar *key, psp_wchar *buffer, uint32_t size);
 
 /** Looks a number up: leading white space, a sign, digits; no digits give 0, and a number beyond 32
  *  bits the nearest.
  *
- *  @param number  receives it; untouched on any failure.
- *  @return as psp_iniGetEx, no argument being null; PSP_ERR_BUFFERFULL for a value of more than 17
- *          bytes. */
+ *  @param file,section,key  the file, the section and the key, none of them null.
+ *  @param number            receives it; untouched on any failure; not null.
+ *  @param mode              the file's PSP_FILE_ bits.
+ *  @return PSP_OKAY; PSP_FAILED when there is no such section or key; PSP_ERR_NOFILE;
+ *          PSP_ERR_INVARG for anything null; PSP_ERR_BUFFERFULL for a value of more than 17 bytes.
+ *          With wide strings, PSP_ERR_NOMEMORY when one cannot be converted.
+ *
+ *  Threads: any. Start: needed, else PSP_ERR_NOFILE. Memory: if short, as psp_iniGetEx. */
 PSP_API psp_status psp_iniInt32Ex(const char *file, const char *section, const char *key,
                                   int32_t *number, uint16_t mode);
-/** psp_iniInt32Ex on the disk. */
+/** Looks a number up in a file of the disk. As psp_iniInt32Ex. Threads: any. Start: needed, else
+ *  PSP_ERR_NOFILE. Memory: if short, as psp_iniGetEx. */
 PSP_API psp_status psp_iniInt32(const char *file, const char *section, const char *key,
                                 int32_t *number);
-/** psp_iniInt32Ex with wide strings. */
+/** Looks a number up, with wide strings. As psp_iniInt32Ex. Threads: any. Start: needed, else
+ *  PSP_ERR_NOMEMORY. Memory: if short, as psp_iniGetExW. */
 PSP_API psp_status psp_iniInt32ExW(const psp_wchar *file, const psp_wchar *section,
                                    const psp_wchar *key, int32_t *number, uint16_t mode);
-/** psp_iniInt32ExW on the disk. */
+/** Looks a number up in a file of the disk, with wide strings. As psp_iniInt32Ex. Threads: any.
+ *  Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, as psp_iniGetExW. */
 PSP_API psp_status psp_iniInt32W(const psp_wchar *file, const psp_wchar *section,
                                  const psp_wchar *key, int32_t *number);
 
 /** Sets or removes a value in an existing file, keeping every other line.
  *
+ *  @param file     the INI file.
  *  @param section  the section, not null.
  *  @param key      the key; null removes the section.
- *  @param value    the value; null removes the key. Names and value are written as they are: a
+ *  @param value    the value; null removes the key. Names and value are written without a change: a
  *                  line feed in them begins another line, and what a reader drops of a line (a
  *                  comment, spaces at the ends) it drops of them.
- *  @return PSP_OKAY; PSP_ERR_INVARG for a null file or section; PSP_ERR_NOMEMORY; PSP_ERR_NOFILE
- *          when the file or the temporary file cannot be opened, also when another process has
- *          the latter for too long and when "_temp_.ini" is a link or no file;
- *          PSP_ERR_REPLACEFILE when the new file could not be written whole or take the old one's
- *          place, which then stays. */
+ *  @param mode     the file's PSP_FILE_ bits.
+ *  @return PSP_OKAY; PSP_ERR_INVARG for a null file or section, and for anything null that is wide;
+ *          PSP_ERR_NOMEMORY; PSP_ERR_NOFILE when the file or the temporary file cannot be opened,
+ *          also when another process has the latter for too long and when "_temp_.ini" is a link or
+ *          no file; PSP_ERR_REPLACEFILE when the new file could not be written whole or take the
+ *          old one's place, which then stays.
+ *
+ *  Threads: any. Start: needed, else PSP_ERR_NOMEMORY or PSP_ERR_NOFILE. Memory: if short,
+ *  PSP_ERR_NOMEMORY, PSP_ERR_NOFILE or, in the store, PSP_ERR_REPLACEFILE, with the file unchanged;
+ *  if only the file's new entry finds none, PSP_OKAY, and the next lookup reads the file. */
 PSP_API psp_status psp_iniSetEx(const char *file, const char *section, const char *key,
                                 const char *value, uint16_t mode);
-/** psp_iniSetEx on the disk. */
+/** Sets or removes a value in a file of the disk. As psp_iniSetEx. Threads: any. Start: needed,
+ *  else PSP_ERR_NOMEMORY or PSP_ERR_NOFILE. Memory: if short, as there. */
 PSP_API psp_status psp_iniSet(const char *file, const char *section, const char *key,
                               const char *value);
-/** psp_iniSetEx with wide strings. */
+/** Sets a value, with wide strings, none of them null. As psp_iniSetEx. Threads: any. Start:
+ *  needed, else PSP_ERR_NOMEMORY. Memory: if short, as there. */
 PSP_API psp_status psp_iniSetExW(const psp_wchar *file, const psp_wchar *section,
                                  const psp_wchar *key, const psp_wchar *value, uint16_t mode);
-/** psp_iniSetExW on the disk. */
+/** Sets a value in a file of the disk, with wide strings, none of them null. As psp_iniSetEx.
+ *  Threads: any. Start: needed, else PSP_ERR_NOMEMORY. Memory: if short, as there. */
 PSP_API psp_status psp_iniSetW(const psp_wchar *file, const psp_wchar *section,
                                const psp_wchar *key, const psp_wchar *value);
 
 /* ---- Threads ----------------------------------------------------------------------------------
  * psp_threadBegin starts a thread; nobody waits for it (use a gate). When a thread ends, the locks
- * that it holds go to their next waiters. Everything works in any thread and without a start. */
+ * that it holds go to their next waiters. */
 
 /* A running thread; valid only while it runs. */
 typedef uintptr_t psp_threadHandle;
@@ -1509,38 +2071,57 @@ typedef uintptr_t psp_threadHandle;
 
 /** Starts a thread.
  *
- *  @param function  what it runs; its return ends the thread.
+ *  @param function  what it runs; its return ends the thread. Null gives PSP_FAILED.
  *  @param stack     bytes of its stack; 0 is the platform's own choice, less than 64 KiB or the
  *                   platform's least is the larger of these.
  *  @param argument  handed to the function.
- *  @return PSP_OKAY; PSP_FAILED after the message "Failed to create thread". */
+ *  @return PSP_OKAY; PSP_FAILED after the message "Failed to create thread".
+ *
+ *  Owner: the argument is the function's. Threads: any. Start: not needed. Memory: if short,
+ *  PSP_FAILED, no jump. */
 PSP_API psp_status psp_threadBegin(void (*function)(void *), uint32_t stack, void *argument);
 
 /** Starts a thread with a priority.
  *
+ *  @param function,stack,argument  as in psp_threadBegin.
  *  @param handle    receives the thread; may be null. The thread may have ended by then.
  *  @param priority  as in psp_threadSetPriority; 0 leaves it normal. A refused one is not told.
  *  @param reserved  ignored.
- *  @return as psp_threadBegin. */
+ *  @return as psp_threadBegin.
+ *
+ *  Owner: the argument is the function's; the handle wants no giving back. Threads: any. Start: not
+ *  needed. Memory: if short, PSP_FAILED, no jump. */
 PSP_API psp_status psp_threadBeginEx(void (*function)(void *), uint32_t stack, void *argument,
                                      psp_threadHandle *handle, int32_t priority, int32_t reserved);
 
 /** Sets the priority of a running thread.
  *
+ *  @param thread    the thread.
  *  @param priority  PSP_PRIORITY_LOWEST, PSP_PRIORITY_HIGHEST; any other value is normal, the
  *                   process's own. On POSIX the two are 10 nice values off it.
- *  @return PSP_OKAY; PSP_FAILED when the platform refuses (raising wants a right on POSIX). */
+ *  @return PSP_OKAY; PSP_FAILED when the platform refuses (raising wants a right on POSIX), also
+ *          for a thread that has ended.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_threadSetPriority(psp_threadHandle thread, int32_t priority);
 
-/** Ends the calling thread. Does not return. */
+/** Ends the calling thread. Does not return. Threads: any. Start: not needed. Memory: needs none.
+ */
 PSP_API void psp_threadEnd(void);
 
-/** Waiting for a thread is not available.
+/** Would wait for a thread, which is not available.
  *
- *  @return always PSP_NOTSUPPORTED, at once. */
+ *  @param thread  the thread; not looked at.
+ *  @return always PSP_NOTSUPPORTED, at once.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_threadJoin(psp_threadHandle thread);
 
-/** The platform's identifier of the calling thread. */
+/** Tells the platform's identifier of the calling thread.
+ *
+ *  @return the identifier.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint32_t psp_threadId(void);
 
 /* ---- Message queues ---------------------------------------------------------------------------
@@ -1549,8 +2130,8 @@ PSP_API uint32_t psp_threadId(void);
  * written; an urgent one goes in front of all others.
  *
  * The module is started and stopped by its users, inside psp_init and psp_term: psp_queueInit,
- * psp_queueTerm. All functions may be called by any thread. Readers of one queue take turns: while
- * one waits for a message, the others wait for their turn without a time limit.
+ * psp_queueTerm. Readers of one queue take turns: while one waits for a message, the others wait
+ * for their turn without a time limit.
  *
  * A queue must not be deleted while another call on it is under way. A call is over for this rule
  * as soon as its effect is seen: whoever has read a message, or found the queue closed, may delete
@@ -1569,124 +2150,203 @@ typedef struct psp_queue psp_queue;
 /** Starts the module, if it is not started.
  *
  *  @param reset  not 0: end all queues that exist first, as psp_queueTerm(1).
- *  @return PSP_OKAY; PSP_FAILED when the library is not started or memory is short. */
+ *  @return PSP_OKAY; PSP_FAILED.
+ *
+ *  Threads: any. Start: needed, else PSP_FAILED. Memory: if short, PSP_FAILED; what reset ended is
+ *  gone. */
 PSP_API psp_status psp_queueInit(int16_t reset) PSP_MUST_USE;
 
 /** Stops the module. It must run before the last psp_term.
  *
  *  @param force  0 does nothing while queues exist; anything else deletes them, under the rule of
- *                psp_queueDelete. */
+ *                psp_queueDelete.
+ *
+ *  Threads: any. Start: needed, else it does nothing. Memory: needs none. */
 PSP_API void psp_queueTerm(int16_t force);
 
 /** Makes a queue.
  *
  *  @param name  its name, which is copied; null is "". Names need not be unique.
- *  @return the queue; null when the module is not started or memory is short. A name that finds no
- *          memory is left out: such a queue is never found and lasts until psp_queueTerm.
- *  Ended by psp_queueDelete or psp_queueTerm. */
+ *  @return the queue; null when the module is not started, too.
+ *
+ *  Owner: the caller, until psp_queueDelete or psp_queueTerm. Threads: any. Start: needed, else
+ *  null. Memory: if short, null; a name that alone finds none is left out: such a queue is never
+ *  found and lasts until psp_queueTerm. */
 PSP_API psp_queue *psp_queueCreate(const char *name) PSP_MUST_USE;
 
-/** Deletes a queue with its messages, closing it first.
+/** Deletes a queue with its messages, closing it first. No other call on the queue may be under
+ *  way, except one waiting psp_queueRead.
  *
  *  @param queue  the queue; null does nothing. One that does not exist (any more) is not touched;
  *                "Deleted too many queues" is logged.
- *  No other call on the queue may be under way, except one waiting psp_queueRead. */
+ *
+ *  Threads: any. Start: needed, else as for a queue that does not exist. Memory: needs none. */
 PSP_API void psp_queueDelete(psp_queue *queue);
 
 /** Finds a queue by its name, byte for byte.
  *
- *  @return the queue of that name that was made last; null when there is none or the name is null.
- *          It is not protected against its deletion. */
+ *  @param name  the name; null finds none.
+ *  @return the queue of that name that was made last; null when there is none.
+ *
+ *  Owner: whoever made it; it is not protected against its deletion. Threads: any. Start: needed,
+ *  else null. Memory: needs none. */
 PSP_API psp_queue *psp_queueFind(const char *name);
 
-/** Writes a message. It is dropped when the queue is closed, and when memory is short (after the
- *  message "Out of memory").
+/** Writes a message. It is dropped when the queue is closed.
  *
+ *  @param queue            the queue; null is reported.
  *  @param data,extra,type  the message; only psp_queuePurge looks at type.
- *  @param flags            PSP_QUEUE_URGENT or 0; other bits are ignored. */
+ *  @param flags            PSP_QUEUE_URGENT or 0; other bits are ignored.
+ *
+ *  Threads: any. Start: that of the queue. Memory: if short, the message is dropped after "Out of
+ *  memory"; a jump does not come. */
 PSP_API void psp_queueWrite(psp_queue *queue, psp_word data, psp_word extra, psp_word type,
                             uint32_t flags);
 
 /** Takes the first message, waiting for one.
  *
- *  @param data   receives the message's data; not null.
+ *  @param queue       the queue; null is reported.
+ *  @param data        receives the message's data; not null.
  *  @param extra,type  receive the rest; each may be null. All three are stored on PSP_OKAY only.
- *  @param limit  the longest wait in milliseconds, counted from the reader's turn; 0 does not wait
- *                for a message, PSP_NO_LIMIT waits as long as it takes.
+ *  @param limit       the longest wait in milliseconds, counted from the reader's turn; 0 does not
+ *                     wait for a message, PSP_NO_LIMIT waits as long as it takes.
  *  @return PSP_OKAY; PSP_TIMEOUT; PSP_QUEUE_CLOSED, messages or not; PSP_FAILED when the queue is
  *          empty and limit is 0, when the queue or data is null, and when the queue was emptied by
  *          a purge between the wake-up and the look ("unexpected empty queue on NAME" is logged).
- */
+ *
+ *  Threads: any. Start: that of the queue. Memory: needs none. */
 PSP_API psp_status psp_queueRead(psp_queue *queue, psp_word *data, psp_word *extra, psp_word *type,
                                  uint32_t limit) PSP_MUST_USE;
 
 /** Removes messages. A closed queue keeps what it has.
  *
- *  @param type  the type of those that go; PSP_QUEUE_ALL_TYPES removes every message. */
+ *  @param queue  the queue; null is reported.
+ *  @param type   the type of those that go; PSP_QUEUE_ALL_TYPES removes every message.
+ *
+ *  Threads: any. Start: that of the queue. Memory: needs none. */
 PSP_API void psp_queuePurge(psp_queue *queue, psp_word type);
 
-/** Closes a queue for good: later and waiting reads give PSP_QUEUE_CLOSED, writes are dropped. */
+/** Closes a queue for good: later and waiting reads give PSP_QUEUE_CLOSED, writes are dropped.
+ *
+ *  @param queue  the queue; null is reported.
+ *
+ *  Threads: any. Start: that of the queue. Memory: needs none. */
 PSP_API void psp_queueClose(psp_queue *queue);
 
-/** The number of messages in the queue, closed or not; 0 for null. */
+/** Tells the number of messages in the queue, closed or not.
+ *
+ *  @param queue  the queue; null has none.
+ *  @return the number.
+ *
+ *  Threads: any. Start: that of the queue. Memory: needs none. */
 PSP_API uint32_t psp_queueCount(psp_queue *queue);
 
 /* ---- Time, environment and process ------------------------------------------------------------
- * Thin wrappers. They work without a start and in any thread. */
+ * Thin wrappers. */
 
 /** Suspends the calling thread, no shorter than told.
  *
- *  @param milliseconds  0 yields. */
+ *  @param milliseconds  how long; 0 yields.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_sleep(uint32_t milliseconds);
 
-/** The process identifier. */
+/** Tells the process identifier.
+ *
+ *  @return the identifier.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int32_t psp_get_pid(void);
 
 /** Prepares running in the background: nothing to do, a service manager does it.
  *
- *  @return always PSP_OKAY. */
+ *  @param first,second  ignored.
+ *  @return always PSP_OKAY.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_daemonStart(int32_t first, int32_t second);
-/** Ends the preparation; does nothing. */
+/** Ends the preparation; does nothing.
+ *
+ *  @param value  ignored.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_daemonComplete(int32_t value);
 
-/** The calendar time, for seeding a random generator. */
+/** Tells the calendar time, for seeding a random generator. As psp_timeSecs. Threads: any. Start:
+ *  not needed. Memory: needs none. */
 PSP_API int64_t psp_seed(void);
-/** The calendar time in seconds since 1970-01-01 UTC. */
+/** Tells the calendar time.
+ *
+ *  @return seconds since 1970-01-01 UTC.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API int64_t psp_timeSecs(void);
-/** The calendar time in milliseconds, modulo 2^32. */
+/** Tells the calendar time in milliseconds.
+ *
+ *  @return the milliseconds since 1970-01-01 UTC, modulo 2^32.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint32_t psp_timeMilliSecs(void);
-/** A monotonic time in nanoseconds since some point; 0 when the platform has none. */
+/** Tells a monotonic time.
+ *
+ *  @return nanoseconds since some point; 0 when the platform has none.
+ *
+ *  Threads: any. Start: not needed. Memory: needs none. */
 PSP_API uint64_t psp_timeNanoSecs(void);
 
 /** Converts a calendar time to local time.
  *
+ *  @param time    seconds since 1970-01-01 UTC.
  *  @param result  receives the nine fields.
- *  @return result; null when it is null or the time cannot be converted. */
+ *  @return result; null when it is null or the time cannot be converted.
+ *
+ *  Owner: that of the result. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API struct tm *psp_timeLocaltime(int64_t time, struct tm *result);
 
-/** The text of a calendar time in local time, as ctime gives it, with its newline.
+/** Tells a calendar time as text, in local time, as ctime gives it, with its newline.
  *
- *  @return the C runtime's own buffer, which the next such call of any thread overwrites; null when
- *          the time cannot be converted. */
+ *  @param time  seconds since 1970-01-01 UTC.
+ *  @return the text; null when the time cannot be converted.
+ *
+ *  Owner: the C runtime, until the next such call of any thread. Threads: one at a time in the
+ *  process. Start: not needed. Memory: needs none. */
 PSP_API const char *psp_timeCtime(int64_t time);
 
-/** The value of an environment variable.
+/** Tells the value of an environment variable.
  *
- *  @return the runtime's text; null when it is not set or the name is null. */
+ *  @param name  the variable; null is not set.
+ *  @return the text; null when it is not set.
+ *
+ *  Owner: the C runtime, until somebody changes the environment. Threads: any, while nobody changes
+ *  the environment. Start: not needed. Memory: needs none. */
 PSP_API const char *psp_getenv(const char *name);
-/** psp_getenv for wide strings.
+/** Tells the value of an environment variable as a wide string.
  *
- *  @return the text, which stays valid until the last psp_term; null when it is not set, is not
- *          UTF-8, or memory is short. */
+ *  @param name  the variable; null is not set.
+ *  @return the text; null when it is not set or not UTF-8, too.
+ *
+ *  Owner: the library, until the last psp_term. Threads: any, while nobody changes the environment.
+ *  Start: not needed. Memory: if short, null, no jump. */
 PSP_API const psp_wchar *psp_getenvW(const psp_wchar *name);
 
-/** Sets or, for a null name, queries the locale. Numbers and meaning are the C runtime's.
+/** Sets or queries the locale of the process. Numbers and meaning are the C runtime's.
  *
- *  @param category  LC_ALL and its relatives of <locale.h>.
- *  @param name      the locale.
- *  @return the runtime's text; null when the locale does not exist. */
+ *  @param category  LC_ALL and its relatives of the C runtime's locale.h.
+ *  @param name      the locale; null queries.
+ *  @return the text of the locale; null when it does not exist.
+ *
+ *  Owner: the C runtime, until the next such call. Threads: one at a time; to set it, only while no
+ *  other thread formats or converts. Start: not needed. Memory: needs none. */
 PSP_API const char *psp_setlocale(int32_t category, const char *name);
-/** psp_setlocale for wide strings. The result is as long valid as that of psp_getenvW. */
+/** Sets or queries the locale of the process, with wide strings.
+ *
+ *  @param category  as in psp_setlocale.
+ *  @param name      the locale; null queries.
+ *  @return the text of the locale; null when it does not exist or is not UTF-8, too.
+ *
+ *  Owner: the library, until the last psp_term. Threads: one at a time; to set it, only while no
+ *  other thread formats or converts. Start: not needed. Memory: if short, null, no jump; the locale
+ *  may have been set. */
 PSP_API const psp_wchar *psp_setlocaleW(int32_t category, const psp_wchar *name);
 
 /** Installs the function that an interrupt calls, or removes it.
@@ -1701,7 +2361,10 @@ PSP_API const psp_wchar *psp_setlocaleW(int32_t category, const psp_wchar *name)
  *
  *  @param handler  the function; it replaces an earlier one. Null removes it and restores what the
  *                  interrupts did before, save where the client has changed that since.
- *  @return PSP_OKAY; PSP_FAILED when the platform refuses, and then nothing is changed. */
+ *  @return PSP_OKAY; PSP_FAILED when the platform refuses, and then nothing is changed.
+ *
+ *  Owner: the library calls the handler until it is replaced or removed. Threads: any. Start: not
+ *  needed. Memory: if short, PSP_FAILED and nothing is changed, no jump. */
 PSP_API psp_status psp_handleInterrupt(void (*handler)(void));
 
 /* ---- Services ---------------------------------------------------------------------------------
@@ -1716,35 +2379,39 @@ PSP_API psp_status psp_handleInterrupt(void (*handler)(void));
 typedef int32_t (*psp_serviceMain)(psp_word first, psp_word second);
 
 /** Runs the main function: as a service on a thread of its own if the name is installed and the
- *  manager started this process, otherwise at once in the calling thread. Needs no start.
+ *  manager started this process, otherwise at once in the calling thread.
  *
  *  As a service, a stop or a shutdown sets the stop flag; on Linux that is SIGTERM, which then
  *  reaches no handler of psp_handleInterrupt until the service has ended, and does what it did
  *  before after that. The log functions write to the log alone from then on.
  *
- *  @param name      the counter's name; it must last until the return.
- *  @param stopFlag  set to 1 by a stop, from another thread; may be null.
- *  @param first     handed to main, as is second.
- *  @param main      the main function.
+ *  @param name          the counter's name.
+ *  @param stopFlag      set to 1 by a stop, from another thread; may be null.
+ *  @param first,second  handed to main.
+ *  @param main          the main function.
  *  @return 0 after a service, be it that it could not be run; otherwise what main returned;
- *          PSP_FAILED for a null main. */
+ *          PSP_FAILED for a null main.
+ *
+ *  Owner: the caller, who keeps name and stopFlag until the return. Threads: any, but a second
+ *  service of the process is not run. Start: not needed. Memory: if short, a service is not run,
+ *  which gives 0; no jump. */
 PSP_API int32_t psp_serviceStart(const char *name, uint16_t *stopFlag, psp_word first,
                                  psp_word second, psp_serviceMain main);
 
-/** Tells the manager that the service is ready. Does nothing outside a service. Any thread. */
+/** Tells the manager that the service is ready. Does nothing outside a service. Threads: any.
+ *  Start: not needed. Memory: needs none. */
 PSP_API void psp_serviceStarted(void);
 
 /** Tells the manager that the service is about to end; it has ended when main returns. Does nothing
- *  outside a service. Any thread. */
+ *  outside a service. Threads: any. Start: not needed. Memory: needs none. */
 PSP_API void psp_serviceDone(void);
 
 /** Installs a service that starts with the system, and starts it. Waits for no start.
  *
  *  On Linux it writes the unit /etc/systemd/system/NAME.service. Characters that a unit's name
  *  cannot hold are escaped there; slashes, backslashes and control characters are refused, as are
- *  control characters in the command line. A unit of that name, wherever it lies, is never
- *  changed. Processes may install and uninstall at the same time. The service is told of stops
- *  only if it calls psp_serviceStart with the counter's name.
+ *  control characters in the command line. A unit of that name, wherever it lies, is never changed.
+ *  The service is told of stops only if it calls psp_serviceStart with the counter's name.
  *
  *  @param counterName       the name that the program gives to psp_serviceStart.
  *  @param serviceName       the name by which the manager knows the service.
@@ -1755,16 +2422,22 @@ PSP_API void psp_serviceDone(void);
  *                           a backslash before a double quote makes it a character. Null is none.
  *  @return PSP_OKAY, even if the service could not be counted or started; PSP_NOACCESS when the
  *          caller may not manage services; PSP_FAILED for anything else (no manager, the name is
- *          taken, a text is refused or not UTF-8, memory), and then nothing is left behind. */
+ *          taken, a text is refused or not UTF-8), and then nothing is left behind.
+ *
+ *  Threads: any, and processes at the same time. Start: needed, else PSP_FAILED. Memory: if short,
+ *  PSP_FAILED and nothing is left behind. */
 PSP_API psp_status psp_serviceInstall(const char *counterName, const char *serviceName,
                                       const char *displayName, const char *description,
                                       const char *programPath, const char *programArguments);
 
-/** Stops and removes a service. Waits for its end where the manager tells it (on Linux it does).
- *  Needs no start.
+/** Stops and removes a service. Waits for its end where the manager tells it (on Linux it does). A
+ *  service that the manager does not stop is removed all the same.
  *
+ *  @param counterName,serviceName  as in psp_serviceInstall.
  *  @return PSP_OKAY; PSP_NOSERVICE when there is no such service; PSP_NOACCESS; PSP_FAILED for
- *          anything else. The counter is lowered on PSP_OKAY alone. */
+ *          anything else. The counter is lowered on PSP_OKAY alone.
+ *
+ *  Threads: any, and processes at the same time. Start: not needed. Memory: needs none. */
 PSP_API psp_status psp_serviceUninstall(const char *counterName, const char *serviceName);
 
 /* ---- Parser engine ----------------------------------------------------------------------------
@@ -1830,14 +2503,14 @@ typedef struct {
 /** Parses one input. Its depth is limited by memory alone.
  *
  *  @param context  the parse.
- *  @return 0 when the input was accepted;
- *          3 when a syntax error was met that no rule takes (after error was called), or the input
- *          ended while one was being recovered from (error is not called);
- *          PSP_NOMEMORY, the same number, when memory is short: everything taken, from a client's
- *          tag too, has been given back, and error is not called;
- *          PSP_ERR_INVARG when context, tables, lexer or action is null;
- *          else what action returned.
- *  Any thread; the context, and a tag without a lock, by one at a time. */
+ *  @return 0 when the input was accepted; 3 when a syntax error was met that no rule takes (after
+ *          error was called), or the input ended while one was being recovered from (error is not
+ *          called); PSP_NOMEMORY, the same number, when memory is short (error is not called);
+ *          PSP_ERR_INVARG when context, tables, lexer or action is null; else what action returned.
+ *
+ *  Threads: any; the context, and a tag without a lock, one at a time. Start: needed, else
+ *  PSP_NOMEMORY as soon as the parse wants memory. Memory: if short, PSP_NOMEMORY; everything
+ *  taken, from a client's tag too, has been given back. */
 PSP_API int16_t psp_yyparse(const psp_yyContext *context);
 
 #if defined(__cplusplus)
