@@ -387,7 +387,9 @@ typedef struct psp_syncObject *psp_sync;
  *  needed, else PSP_SYNC_NONE. Memory: if short, PSP_SYNC_NONE and nothing stays behind. */
 PSP_API psp_sync psp_syncCreate_check(int16_t kind, const char *file, uint32_t line) PSP_MUST_USE;
 
-/** Ends a sync object. Nobody may hold it, wait for it or use it any more.
+/** Ends a sync object. Nobody may hold it, wait for it or use it any more. A call is over for this
+ *  rule as soon as its effect is seen: a thread that has waited for a gate may end it, though the
+ *  psp_syncResume that opened it has not returned yet.
  *
  *  @param object  a live object; PSP_SYNC_NONE and null do nothing.
  *
@@ -1390,8 +1392,8 @@ PSP_API psp_stream *psp_fopenEx(const char *name, const char *mode, uint32_t wid
  *  null. */
 PSP_API psp_stream *psp_fopen_std(const char *name) PSP_MUST_USE;
 
-/** Writes what is buffered, a failure of which is not reported (psp_fflush first, if it matters),
- *  closes the file and ends the stream.
+/** Writes what is buffered, closes the file and ends the stream. A failure is not reported: if it
+ *  matters, call psp_fflush first and look at psp_errno as told there.
  *
  *  @param stream  the stream; null does nothing.
  *
@@ -1487,8 +1489,9 @@ PSP_API int32_t psp_fprintf(psp_stream *stream, const char *format, ...);
 /** Writes what is buffered and makes it durable.
  *
  *  @param stream  the stream; null gives -1.
- *  @return 0; -1 when half of a UTF-8 character waits to be written as UTF-16. A failed write is
- *          not reported here; its bytes stay buffered.
+ *  @return 0; -1 when half of a UTF-8 character waits to be written as UTF-16. A failed write gives
+ *          0 too, and its bytes stay buffered: the platform's error code, cleared before the call
+ *          (errno = 0), tells it behind the call (psp_errno).
  *
  *  Threads: one at a time. Start: that of the stream. Memory: needs none on the disk; if short in
  *  the store, as after a failed write. */
@@ -2027,6 +2030,10 @@ PSP_API psp_status psp_iniInt32W(const psp_wchar *file, const psp_wchar *section
 
 /** Sets or removes a value in an existing file, keeping every other line.
  *
+ *  A key's line is known here by its text up to "=", without a change: a line "key = 1", with a
+ *  blank before "=", is another key's. A set then adds a line that lookups do not reach, since they
+ *  take the first of a name, and a removal finds nothing; both give PSP_OKAY.
+ *
  *  @param file     the INI file.
  *  @param section  the section, not null.
  *  @param key      the key; null removes the section.
@@ -2386,7 +2393,8 @@ typedef int32_t (*psp_serviceMain)(psp_word first, psp_word second);
  *  before after that. The log functions write to the log alone from then on.
  *
  *  @param name          the counter's name.
- *  @param stopFlag      set to 1 by a stop, from another thread; may be null.
+ *  @param stopFlag      set to 1 by a stop, from another thread, as an atomic store: read it as an
+ *                       atomic word. May be null.
  *  @param first,second  handed to main.
  *  @param main          the main function.
  *  @return 0 after a service, be it that it could not be run; otherwise what main returned;
