@@ -2,13 +2,18 @@
 # CMake package `psp` with the targets psp::psp and psp::static. The tree may be moved as a whole.
 include(CMakePackageConfigHelpers)
 
-set(CMAKE_INSTALL_LIBDIR lib CACHE STRING "Folder of the libraries under the prefix")
+if(PROJECT_IS_TOP_LEVEL AND NOT DEFINED CMAKE_INSTALL_LIBDIR)
+  # The same place on every system; who packages names another.
+  set(CMAKE_INSTALL_LIBDIR lib CACHE STRING "Folder of the libraries under the prefix")
+endif()
+include(GNUInstallDirs)
 set(psp_package_dir ${CMAKE_INSTALL_LIBDIR}/cmake/psp)
 
 install(TARGETS psp_shared psp_static EXPORT psp-targets
   LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}
-  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR})
-install(FILES ${PROJECT_SOURCE_DIR}/include/psp.h DESTINATION include)
+  ARCHIVE DESTINATION ${CMAKE_INSTALL_LIBDIR}
+  INCLUDES DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
+install(FILES ${PROJECT_SOURCE_DIR}/include/psp.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 
 install(EXPORT psp-targets NAMESPACE psp:: DESTINATION ${psp_package_dir})
 write_basic_package_version_file(${PROJECT_BINARY_DIR}/psp-config-version.cmake
