@@ -26,3 +26,16 @@ file(RELATIVE_PATH psp_prefix_from_pc
   /prefix/${CMAKE_INSTALL_LIBDIR}/pkgconfig /prefix)
 configure_file(${PROJECT_SOURCE_DIR}/cmake/psp.pc.in ${PROJECT_BINARY_DIR}/psp.pc @ONLY)
 install(FILES ${PROJECT_BINARY_DIR}/psp.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
+
+# Last, so that it describes everything that was installed.
+set(psp_spdx_name ${CMAKE_INSTALL_DOCDIR}/psp.spdx.json)
+install(CODE "
+  set(PSP_SPDX_ROOT \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}\")
+  set(PSP_SPDX_NAME psp)
+  set(PSP_SPDX_FILE ${psp_spdx_name})
+  string(REPLACE \"\${CMAKE_INSTALL_PREFIX}/\" \"\" PSP_SPDX_FILES \"\${CMAKE_INSTALL_MANIFEST_FILES}\")
+  list(FILTER PSP_SPDX_FILES INCLUDE REGEX \"/(lib)?psp[-./]\")  # not those of a project around it
+  include(\"${PROJECT_SOURCE_DIR}/cmake/spdx.cmake\")
+  list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${CMAKE_INSTALL_PREFIX}/${psp_spdx_name}\")
+  message(STATUS \"Installing: \${PSP_SPDX_ROOT}/${psp_spdx_name}\")
+")

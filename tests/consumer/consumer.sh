@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
 # One step of using the installed library as a stranger does; called by CTest in a build folder.
+# PSP_PREFIX and PSP_LIBDIR name another place where it lies than the step "install" makes.
 set -euo pipefail
 
 step=$1
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 consumer_dir=$source_dir/tests/consumer
-prefix=$PWD/consumer/prefix
+prefix=${PSP_PREFIX:-$PWD/consumer/prefix}
+libdir=$prefix/${PSP_LIBDIR:-lib}
 warnings="-Wall -Wextra -pedantic -Werror"
-export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
-export LD_LIBRARY_PATH=$prefix/lib
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+export LD_LIBRARY_PATH=$libdir
 
 fail() { echo "$*" >&2; exit 1; }
 
@@ -33,10 +35,11 @@ step_install() {
   expected=$(printf '%s\n' include/psp.h lib/cmake/psp/psp-config-version.cmake \
     lib/cmake/psp/psp-config.cmake lib/cmake/psp/psp-targets-relwithdebinfo.cmake \
     lib/cmake/psp/psp-targets.cmake lib/libpsp.a lib/libpsp.so lib/libpsp.so.11 \
-    lib/libpsp.so.11.0.586 lib/pkgconfig/psp.pc)
+    lib/libpsp.so.11.0.586 lib/pkgconfig/psp.pc share/doc/psp/psp.spdx.json)
   expect "installed files" "$expected" "$(cd "$prefix" && find . ! -type d | cut -c3- | LC_ALL=C sort)"
   expect "soname" libpsp.so.11 \
     "$(readelf -d "$prefix/lib/libpsp.so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')"
+  "$source_dir/tools/check_spdx" "$prefix/share/doc/psp/psp.spdx.json" "$prefix"
 }
 
 step_pkg_config() {
