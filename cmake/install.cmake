@@ -28,14 +28,20 @@ configure_file(${PROJECT_SOURCE_DIR}/cmake/psp.pc.in ${PROJECT_BINARY_DIR}/psp.p
 install(FILES ${PROJECT_BINARY_DIR}/psp.pc DESTINATION ${CMAKE_INSTALL_LIBDIR}/pkgconfig)
 
 # Last, so that it describes everything that was installed.
-set(psp_spdx_name ${CMAKE_INSTALL_DOCDIR}/psp.spdx.json)
+set(psp_spdx_file ${CMAKE_INSTALL_DOCDIR}/psp.spdx.json)
 install(CODE "
-  set(PSP_SPDX_ROOT \"\$ENV{DESTDIR}\${CMAKE_INSTALL_PREFIX}\")
+  get_filename_component(psp_prefix \"\${CMAKE_INSTALL_PREFIX}\" ABSOLUTE)
+  set(PSP_SPDX_ROOT \"\$ENV{DESTDIR}\${psp_prefix}\")
   set(PSP_SPDX_NAME psp)
-  set(PSP_SPDX_FILE ${psp_spdx_name})
-  string(REPLACE \"\${CMAKE_INSTALL_PREFIX}/\" \"\" PSP_SPDX_FILES \"\${CMAKE_INSTALL_MANIFEST_FILES}\")
-  list(FILTER PSP_SPDX_FILES INCLUDE REGEX \"/(lib)?psp[-./]\")  # not those of a project around it
+  set(PSP_SPDX_FILE ${psp_spdx_file})
+  set(PSP_SPDX_FILES \"\")
+  foreach(psp_file IN LISTS CMAKE_INSTALL_MANIFEST_FILES)
+    file(RELATIVE_PATH psp_file \"\${psp_prefix}\" \"\${psp_file}\")
+    if(psp_file MATCHES \"/(lib)?psp[-./]\")  # nothing of a project around it
+      list(APPEND PSP_SPDX_FILES \"\${psp_file}\")
+    endif()
+  endforeach()
   include(\"${PROJECT_SOURCE_DIR}/cmake/spdx.cmake\")
-  list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${CMAKE_INSTALL_PREFIX}/${psp_spdx_name}\")
-  message(STATUS \"Installing: \${PSP_SPDX_ROOT}/${psp_spdx_name}\")
+  list(APPEND CMAKE_INSTALL_MANIFEST_FILES \"\${psp_prefix}/${psp_spdx_file}\")
+  message(STATUS \"Installing: \${PSP_SPDX_ROOT}/${psp_spdx_file}\")
 ")
