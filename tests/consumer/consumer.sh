@@ -1,14 +1,16 @@
 #!/usr/bin/env bash
 # One step of using the installed library as a stranger does; called by CTest in a build folder.
+# PSP_PREFIX and PSP_LIBDIR name another place where it lies than the step "install" makes.
 set -euo pipefail
 
 step=$1
 source_dir=$(cd "$(dirname "${BASH_SOURCE[0]}")/../.." && pwd)
 consumer_dir=$source_dir/tests/consumer
-prefix=$PWD/consumer/prefix
+prefix=${PSP_PREFIX:-$PWD/consumer/prefix}
+libdir=$prefix/${PSP_LIBDIR:-lib}
 warnings="-Wall -Wextra -pedantic -Werror"
-export PKG_CONFIG_PATH=$prefix/lib/pkgconfig
-export LD_LIBRARY_PATH=$prefix/lib
+export PKG_CONFIG_PATH=$libdir/pkgconfig
+export LD_LIBRARY_PATH=$libdir
 
 fail() { echo "$*" >&2; exit 1; }
 
@@ -33,28 +35,53 @@ step_install() {
   expected=$(printf '%s\n' include/psp.h lib/cmake/psp/psp-config-version.cmake \
     lib/cmake/psp/psp-config.cmake lib/cmake/psp/psp-targets-relwithdebinfo.cmake \
     lib/cmake/psp/psp-targets.cmake lib/libpsp.a lib/libpsp.so lib/libpsp.so.11 \
-    lib/libpsp.so.11.0.586 lib/pkgconfig/psp.pc)
+    lib/libpsp.so.11.0.586 lib/pkgconfig/psp.pc share/doc/psp/psp.spdx.json)
   expect "installed files" "$expected" "$(cd "$prefix" && find . ! -type d | cut -c3- | LC_ALL=C sort)"
   expect "soname" libpsp.so.11 \
     "$(readelf -d "$prefix/lib/libpsp.so" | sed -n 's/.*(SONAME).*\[\(.*\)\]/\1/p')"
+  "$source_dir/tools/check_spdx" "$prefix/share/doc/psp/psp.spdx.json" "$prefix"
 }
 
 step_pkg_config() {
   expect "version" 11.0.586 "$(pkg-config --modversion psp)"
   compile_c consumer/hello "$consumer_dir/hello.c"
   expect "output" "40 + 2 = 42" "$(output_of consumer/hello)"
+  # With every library inside: a program that needs nothing at run time.
+  # shellcheck disable=SC2046,SC2086
+  cc -std=c11 $warnings -static "$consumer_dir/hello.c" $(pkg-config --static --cflags --libs psp) \
+    -o consumer/hello_all_static
+  expect "output of the static program" "40 + 2 = 42" "$(output_of consumer/hello_all_static)"
+  expect "libraries of the static program" "" \
+    "$(readelf -d consumer/hello_all_static | grep NEEDED || true)"
+}
+
+build_consumer() {  # build_consumer FOLDER CMAKE-ARGUMENT...
+  local folder=consumer/$1 program
+  shift
+  cmake -S "$consumer_dir/find_package" -B "$folder" -G Ninja "$@" > "$folder.log"
+  cmake --build "$folder" >> "$folder.log"
+  for program in hello_shared hello_static hello_cxx; do
+    expect "$program" "40 + 2 = 42" "$(output_of "$folder/$program")"
+  done
+  expect "libraries of the static program" libc.so.6 \
+    "$(readelf -d "$folder/hello_static" | sed -n 's/.*(NEEDED).*\[\(.*\)\]/\1/p')"
 }
 
 step_find_package() {
-  cmake -S "$consumer_dir/find_package" -B consumer/find_package -G Ninja \
-    -DCMAKE_PREFIX_PATH="$prefix" > consumer/find_package.log
-  cmake --build consumer/find_package >> consumer/find_package.log
-  for program in hello_shared hello_static hello_cxx; do
-    expect "$program" "40 + 2 = 42" "$(output_of "consumer/find_package/$program")"
+  build_consumer find_package -DCMAKE_PREFIX_PATH="$prefix"
+}
+
+# Both ways share a build folder, where the second finds the library built by the first.
+step_subproject() {
+  local from out=consumer/subproject
+  unset LD_LIBRARY_PATH
+  for from in add_subdirectory FetchContent; do
+    rm -rf $out/hello_* $out/prefix
+    build_consumer subproject -DPSP_FROM=$from -DPSP_SOURCE="$source_dir"
+    cmake --install $out --prefix $out/prefix > consumer/subproject-install.log
+    expect "what the project installs" $out/prefix/bin/hello_cxx "$(find $out/prefix ! -type d)"
+    expect "tests in the project" "" "$(find $out -name CTestTestfile.cmake)"
   done
-  local needed
-  needed=$(readelf -d consumer/find_package/hello_static | grep -c 'NEEDED.*libpsp') || true
-  expect "shared psp needed by the static program" 0 "$needed"
 }
 
 step_header() {

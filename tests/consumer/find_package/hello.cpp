@@ -5,6 +5,11 @@
 
 // The header's types and macros as a C++ program uses them.
 int main() {
+  uint16_t major, minor, build;
+  psp_version(&major, &minor, &build);
+  if (major != PSP_VERSION_MAJOR || minor != PSP_VERSION_MINOR || build != PSP_VERSION_BUILD) {
+    return 1;
+  }
   if (psp_init() != PSP_OKAY) return 1;
   {
     const auto release = [](char *text) { psp_freeMem(text, nullptr); };
