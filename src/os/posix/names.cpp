@@ -178,6 +178,7 @@ Error write_piece(int fd, const char *bytes, size_t count) {
   while (count > 0) {
     const ssize_t written = retry_interrupted([&] { return write(fd, bytes, count); });
     if (written == -1) return last_error();
+    if (written == 0) return fail(EIO);  // a device that takes nothing and says nothing
     bytes += written;
     count -= static_cast<size_t>(written);
   }
