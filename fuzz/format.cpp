@@ -1,12 +1,17 @@
 // The formatting engine: directives made of the input with arguments that match, and formats that
 // are the input itself with arguments that do no harm. For every size of the buffer the result is
 // the same, the text is a beginning of the whole one, and nothing is written behind the buffer;
-// where both have the same rules the text is the C library's.
+// where both have the same rules the text is the C library's, and floating conversions give what
+// slow and plain ones give.
 //
-// An input is a kind; then a format, or two times a text and a directive with its value.
+// An input is a kind; then a format, or two times a text and a directive with its value, or
+// floating directives with their values.
 #include <algorithm>
+#include <cctype>
+#include <cmath>
 #include <cstdarg>
 #include <cstdio>
+#include <cstdlib>
 #include <utility>
 #include <vector>
 
@@ -72,7 +77,7 @@ int by_c_library(char *buffer, size_t size, const char *format, ...) {
 }
 
 // ---- Directives with arguments that match
-// ---------------------------------------------------------
+// --------------------------------------------------------
 
 struct Format {
   std::string text;
@@ -194,8 +199,128 @@ void run_directives(fuzz::Input *input) {
   });
 }
 
+// ---- Floating conversions, against a slow and plain way to make them
+// -----------------------------
+
+// Each operation goes through memory, so that the compiler cannot fuse or widen it.
+double power_of_ten(int32_t exponent) {
+  volatile double power = 1;
+  for (; exponent > 0; --exponent) power = power * 10;
+  for (; exponent < 0; ++exponent) power = power / 10;
+  return power;
+}
+
+int32_t estimated_exponent(double magnitude) {
+  if (magnitude == 0) return 0;
+  int32_t exponent = 0;
+  volatile double power = 1;
+  if (magnitude < 1) {
+    for (; power > magnitude; --exponent) power = power / 10;
+  } else {
+    for (power = 10; power <= magnitude; ++exponent) power = power * 10;
+  }
+  return exponent;
+}
+
+struct Parts {
+  uint64_t whole = 0, fraction = 0;
+  int32_t precision = 0, exponent = 0;
+  bool exponent_form = false;
+
+  bool generate(double magnitude) {
+    precision = std::min(precision, 19);
+    volatile double x = magnitude;
+    if (exponent_form) x = magnitude / power_of_ten(exponent);
+    if (x >= 18446744073709551616.0) return false;
+    whole = static_cast<uint64_t>(x);
+    const double scale = power_of_ten(precision);
+    volatile double rest = x - static_cast<double>(whole);
+    volatile double y = rest * scale;
+    fraction = static_cast<uint64_t>(y);
+    volatile double over = y - static_cast<double>(fraction);
+    if (over >= 0.5) ++fraction;
+    if (fraction >= static_cast<uint64_t>(scale)) {
+      ++whole, fraction = 0;
+      if (exponent_form && whole == 10) ++exponent, whole = 1;
+    }
+    return true;
+  }
+};
+
+std::string plain_floating(const Directive &directive, double value) {
+  const std::string sign = value < 0            ? "-"
+                           : directive.has('+') ? "+"
+                           : directive.has(' ') ? " "
+                                                : "";
+  const double magnitude = value < 0 ? -value : value;
+  const bool special = !(magnitude < HUGE_VAL);
+  std::string body = std::isnan(value) ? "#NAN" : "1.#INF";
+  if (!special) {
+    const bool general = directive.conversion == 'g' || directive.conversion == 'G';
+    Parts parts;
+    parts.precision = directive.has_precision ? directive.precision : 6;
+    if (general) parts.precision = std::max(parts.precision, 1) - 1;
+    parts.exponent_form = general || directive.conversion == 'e' || directive.conversion == 'E';
+    parts.exponent = estimated_exponent(magnitude);
+    if (!parts.generate(magnitude)) return "<failed>";
+    if (general && parts.precision + 1 > parts.exponent && parts.exponent >= -4) {
+      parts.precision -= parts.exponent;
+      parts.exponent_form = false;
+      if (!parts.generate(magnitude)) return "<failed>";
+    }
+    std::string fraction = parts.fraction == 0 ? "" : std::to_string(parts.fraction);
+    fraction.insert(0, static_cast<size_t>(parts.precision) - fraction.size(), '0');
+    if (general && !directive.has('#')) fraction.erase(fraction.find_last_not_of('0') + 1);
+    body = std::to_string(parts.whole);
+    if (!fraction.empty() || directive.has('#')) body += "." + fraction;
+    if (parts.exponent_form) {
+      char text[16];
+      snprintf(text, sizeof text, "%c%+04d", std::isupper(directive.conversion) ? 'E' : 'e',
+               parts.exponent);
+      body += text;
+    }
+  }
+  const size_t length = sign.size() + body.size(), width = static_cast<size_t>(directive.width);
+  const std::string padding(width > length ? width - length : 0,
+                            directive.has('0') && !directive.has('-') && !special ? '0' : ' ');
+  if (directive.has('-')) return sign + body + std::string(padding.size(), ' ');
+  return padding[0] == '0' ? sign + padding + body : padding + sign + body;
+}
+
+double floating_value(fuzz::Input *input) {
+  const auto below = [input](uint32_t limit) { return static_cast<int32_t>(input->below(limit)); };
+  switch (input->below(4)) {
+    case 0:
+      return input->number<double>();
+    case 1:
+      return std::ldexp(1 + input->number<uint32_t>() * 0x1p-32, below(140) - 70);
+    case 2:
+      return below(50000) / 1000.0;
+    default: {  // about a power of ten
+      const double power = power_of_ten(below(634) - 324);
+      const int32_t step = below(3) - 1;
+      return step == 0 ? power : std::nextafter(power, step * HUGE_VAL);
+    }
+  }
+}
+
+void run_floating(fuzz::Input *input) {
+  while (!input->empty()) {
+    Directive directive(input);
+    directive.from_arguments = false;
+    directive.width = std::abs(directive.width);
+    directive.precision = std::abs(directive.precision);
+    directive.size.clear();
+    directive.conversion = "feEgGFaA"[input->below(8)];
+    const double value = floating_value(input);
+    for (const double either : {value, -value}) {
+      FUZZ_EXPECT(formatted(directive.text().c_str(), either) == plain_floating(directive, either));
+    }
+  }
+}
+
 // ---- Any format
-// -----------------------------------------------------------------------------------
+// ----------------------------------------------------------------------------------
 
 template <size_t... Index>
 void format_harmlessly(const char *format, std::index_sequence<Index...>) {
@@ -206,7 +331,9 @@ void format_harmlessly(const char *format, std::index_sequence<Index...>) {
 }  // namespace
 
 void fuzz::run(Input input) {
-  if (input.below(4) != 0) return run_directives(&input);
+  const uint32_t kind = input.below(8);
+  if (kind == 4) return run_floating(&input);
+  if (kind != 0) return run_directives(&input);
   // No directive takes more than two numbers and a value of two words.
   constexpr size_t kDirectives = 10;
   std::string format = input.text(400);

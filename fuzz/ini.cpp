@@ -9,7 +9,7 @@
 
 #include "fuzz.h"
 #include "psp.h"
-#include "support/stream_model.h"
+#include "stream_model.h"
 
 namespace {
 
@@ -39,7 +39,7 @@ bool equal(Text first, Text second) {
 // The lines of a file's text, each with its line feed. A byte FF, which a stream reads as its end,
 // is a byte like any other here.
 std::vector<Text> lines_of(const Text &bytes) {
-  psp::tests::StreamModel stream(bytes, "r", 1);
+  fuzz::StreamModel stream(bytes, "r", 1);
   std::vector<Text> lines(1);
   for (;;) {
     const int32_t c = stream.getc();

@@ -5,11 +5,11 @@
 // bytes for each call, and the file's bytes. Calls that need more bytes take of the file's.
 #include "fuzz.h"
 #include "psp.h"
-#include "support/stream_model.h"
+#include "stream_model.h"
 
 namespace {
 
-using psp::tests::StreamModel;
+using fuzz::StreamModel;
 
 class Script {
  public:

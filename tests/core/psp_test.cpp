@@ -4,8 +4,8 @@
 #include <gtest/gtest.h>
 
 #include <cerrno>
-#include <thread>
-#include <vector>
+
+#include "support/fixtures.h"
 
 namespace {
 
@@ -22,21 +22,17 @@ TEST(Life, StartsNestAndTheLastStopStops) {
 }
 
 TEST(Life, IndependentUsersStartAndStopAtTheSameTime) {
-  std::vector<std::thread> users;
-  for (int user = 0; user < 4; ++user) {
-    users.emplace_back([] {
-      for (int round = 0; round < 300; ++round) {
-        ASSERT_EQ(psp_init(), PSP_OKAY);
-        void *block = psp_alloc(100, nullptr);
-        ASSERT_NE(block, nullptr);
-        psp_enterCritSec();
-        psp_exitCritSec();
-        psp_freeMem(block, nullptr);
-        psp_term();
-      }
-    });
-  }
-  for (std::thread &user : users) user.join();
+  psp::tests::in_threads(4, [](int) {
+    for (int round = 0; round < 300; ++round) {
+      ASSERT_EQ(psp_init(), PSP_OKAY);
+      void *block = psp_alloc(100, nullptr);
+      ASSERT_NE(block, nullptr);
+      psp_enterCritSec();
+      psp_exitCritSec();
+      psp_freeMem(block, nullptr);
+      psp_term();
+    }
+  });
   EXPECT_EQ(psp_alloc(10, nullptr), nullptr);
 }
 

@@ -4,12 +4,10 @@
 #include <cstring>
 #include <map>
 #include <random>
-#include <thread>
-#include <vector>
 
 #include "core/exported_call.h"
 #include "psp.h"
-#include "support/output.h"
+#include "support/fixtures.h"
 
 namespace {
 
@@ -18,11 +16,7 @@ using psp::tests::output_of;
 constexpr char kDoubleRelease[] = "Attempting to free previously freed memory\n";
 constexpr size_t kTooMuch = SIZE_MAX;  // wraps with the header: fails under every allocator
 
-class Memory : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(psp_init(), PSP_OKAY); }
-  void TearDown() override { psp_term(); }
-};
+using Memory = psp::tests::Started;
 
 TEST_F(Memory, EachModeFillsItsBlock) {
   psp_tag *tag = psp_createTag(0);
@@ -171,34 +165,30 @@ TEST_F(Memory, TheJumpWaitsForTheOutermostCall) {
 
 TEST_F(Memory, ThreadsShareATag) {
   psp_tag *tag = psp_createTag(PSP_TAG_THREADSAFE);
-  std::vector<std::thread> threads;
-  for (unsigned seed = 1; seed <= 4; ++seed) {
-    threads.emplace_back([tag, seed] {
-      std::mt19937 random(seed);
-      std::map<void *, size_t> blocks;
-      for (int step = 0; step < 5000; ++step) {
-        const size_t size = random() % 300 + 1;
-        if (blocks.size() < 20) {
-          void *block = psp_alloc(size, tag);
-          std::memset(block, static_cast<int>(seed), size);
-          blocks[block] = size;
-        }
-        auto chosen = std::next(blocks.begin(), static_cast<long>(random() % blocks.size()));
-        void *block = chosen->first;
-        const size_t held = chosen->second;
-        blocks.erase(chosen);
-        for (size_t i = 0; i < held; ++i) ASSERT_EQ(static_cast<char *>(block)[i], char(seed));
-        if (random() % 2 == 0) {
-          psp_freeMem(block, tag);
-        } else {
-          block = psp_extendMem(block, size, tag, 0, 0, "f", 1);
-          std::memset(block, static_cast<int>(seed), size);
-          blocks[block] = size;
-        }
+  psp::tests::in_threads(4, [&](int seed) {
+    std::mt19937 random(seed);
+    std::map<void *, size_t> blocks;
+    for (int step = 0; step < 5000; ++step) {
+      const size_t size = random() % 300 + 1;
+      if (blocks.size() < 20) {
+        void *block = psp_alloc(size, tag);
+        std::memset(block, static_cast<int>(seed), size);
+        blocks[block] = size;
       }
-    });
-  }
-  for (std::thread &thread : threads) thread.join();
+      auto chosen = std::next(blocks.begin(), static_cast<long>(random() % blocks.size()));
+      void *block = chosen->first;
+      const size_t held = chosen->second;
+      blocks.erase(chosen);
+      for (size_t i = 0; i < held; ++i) ASSERT_EQ(static_cast<char *>(block)[i], char(seed));
+      if (random() % 2 == 0) {
+        psp_freeMem(block, tag);
+      } else {
+        block = psp_extendMem(block, size, tag, 0, 0, "f", 1);
+        std::memset(block, static_cast<int>(seed), size);
+        blocks[block] = size;
+      }
+    }
+  });
   psp_freeTagMemory(tag, 1);
 }
 

@@ -8,7 +8,7 @@
 #include <vector>
 
 #include "psp.h"
-#include "support/output.h"
+#include "support/fixtures.h"
 
 namespace {
 

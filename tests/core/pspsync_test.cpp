@@ -7,6 +7,7 @@
 #include <vector>
 
 #include "psp.h"
+#include "support/fixtures.h"
 
 #if defined(__linux__)
 #include <linux/seccomp.h>
@@ -18,14 +19,9 @@
 
 namespace {
 
-class Sync : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(psp_init(), PSP_OKAY); }
-  void TearDown() override { psp_term(); }
-};
-using SyncLock = Sync;
-using SyncGate = Sync;
-using SyncTable = Sync;
+using SyncLock = psp::tests::Started;
+using SyncGate = psp::tests::Started;
+using SyncTable = psp::tests::Started;
 
 // Whether another thread gets the lock at once (it gives it back).
 bool free_for_others(psp_sync lock) {
@@ -58,19 +54,15 @@ TEST_F(SyncLock, ExcludesUnderContention) {
   psp_sync lock = psp_syncCreate(PSP_SYNC_EXCL);
   constexpr int kThreads = 4, kRounds = 20000;
   int64_t counter = 0;  // plain: only the lock keeps it right
-  std::vector<std::thread> threads;
-  for (int index = 0; index < kThreads; ++index) {
-    threads.emplace_back([&] {
-      for (int round = 0; round < kRounds; ++round) {
-        psp_syncEnterExcl(lock);
-        if (round % 7 == 0) psp_syncEnterExcl(lock);
-        ++counter;
-        if (round % 7 == 0) psp_syncExitExcl(lock);
-        psp_syncExitExcl(lock);
-      }
-    });
-  }
-  for (std::thread &thread : threads) thread.join();
+  psp::tests::in_threads(kThreads, [&](int) {
+    for (int round = 0; round < kRounds; ++round) {
+      psp_syncEnterExcl(lock);
+      if (round % 7 == 0) psp_syncEnterExcl(lock);
+      ++counter;
+      if (round % 7 == 0) psp_syncExitExcl(lock);
+      psp_syncExitExcl(lock);
+    }
+  });
   EXPECT_EQ(counter, kThreads * kRounds);
   psp_syncDelete(lock);
 }
@@ -288,19 +280,15 @@ TEST_F(SyncTable, ReusesTheSlotFreedLastAndTakesNoHarmFromBadHandles) {
 TEST(CriticalSection, WorksBeforeTheStartAndAfterTheStop) {
   psp_exitCritSec();
   int64_t counter = 0;
-  std::vector<std::thread> threads;
-  for (int index = 0; index < 3; ++index) {
-    threads.emplace_back([&] {
-      for (int round = 0; round < 10000; ++round) {
-        psp_enterCritSec();
-        psp_enterCritSec();
-        ++counter;
-        psp_exitCritSec();
-        psp_exitCritSec();
-      }
-    });
-  }
-  for (std::thread &thread : threads) thread.join();
+  psp::tests::in_threads(3, [&](int) {
+    for (int round = 0; round < 10000; ++round) {
+      psp_enterCritSec();
+      psp_enterCritSec();
+      ++counter;
+      psp_exitCritSec();
+      psp_exitCritSec();
+    }
+  });
   EXPECT_EQ(counter, 30000);
   ASSERT_EQ(psp_init(), PSP_OKAY);
   psp_term();

@@ -102,19 +102,6 @@ FAULT_TEST(MemoryFaults, FailedGrowthLeavesTheBlockInItsTag) {
 
 // ---- Sync objects -------------------------------------------------------------------------------
 
-FAULT_TEST(SyncFaults, ObjectThatNeedsANewSlotBlock) {
-  static psp_sync object;
-  Scenario scenario{.sweeps = kAllocations | kJumps, .kept_blocks = 1};
-  scenario.prepare = [] { leave_sync_slots(0); };
-  scenario.act = [] {
-    object = PSP_SYNC_NONE;
-    object = psp_syncCreate(PSP_SYNC_EXCL);
-    return object != PSP_SYNC_NONE;
-  };
-  scenario.clean = [] { psp_syncDelete(object); };
-  sweep(scenario);
-}
-
 // The record of a tag is no tagged memory: no message, no jump.
 FAULT_TEST(SyncFaults, TagWithAndWithoutALockThatNeedsANewSlotBlock) {
   static psp_tag *plain;
@@ -171,47 +158,57 @@ FAULT_TEST(SyncFaults, LockIsWaitedForThoughThePlatformCannotWait) {
   sweep(scenario);
 }
 
-// ---- Texts that are made ------------------------------------------------------------------------
+// ---- What is made in one call -------------------------------------------------------------------
 
-FAULT_TEST(TextFaults, MakerGivesNullOrJumps) {
+struct Maker {
+  void *(*make)();
+  void (*release)(void *);
+  bool needs_slots = false;  // for sync objects, of which none is left
+};
+
+const std::string text(3000, 'x');
+const std::basic_string<psp_wchar> wide(3000, 'x');
+psp_wchar first[] = u"first", third[] = u"third";
+psp_wchar *const arguments[] = {first, nullptr, third};
+
+void release_block(void *block) { psp_freeMem(block, nullptr); }
+
+const Maker makers[] = {
+    {[]() -> void * { return psp_makeStr(nullptr, "%s", text.c_str()); }, release_block},
+    {[]() -> void * { return psp_makeString("%d", 42); }, release_block},
+    {[]() -> void * { return psp_makeStrVA("here.cpp", 77, nullptr, "%05d", 42); }, release_block},
+    {[]() -> void * { return psp_convertToWchar(text.c_str(), 0); }, release_block},
+    {[]() -> void * { return psp_convertToUTF8(wide.c_str(), 0); }, release_block},
+    {[]() -> void * {
+       char **texts = nullptr;
+       const psp_status status = psp_convertArgvToUTF8(3, arguments, &texts);
+       EXPECT_EQ(texts != nullptr, status == PSP_OKAY);
+       return texts;
+     },
+     [](void *made) {
+       for (int index : {0, 1, 2}) psp_freeMem(static_cast<char **>(made)[index], nullptr);
+       psp_freeMem(made, nullptr);
+     }},
+    {[]() -> void * { return psp_randCreate(5489); },
+     [](void *made) { psp_randDestroy(static_cast<psp_rand *>(made)); }},
+    {[]() -> void * {
+       const psp_sync object = psp_syncCreate(PSP_SYNC_EXCL);
+       return object != PSP_SYNC_NONE ? object : nullptr;
+     },
+     [](void *made) { psp_syncDelete(static_cast<psp_sync>(made)); }, true},
+};
+
+FAULT_TEST(MakerFaults, WhatIsMadeIsThereOrNullOrLeftByAJump) {
   static void *made;
-  static const std::string text(3000, 'x');
-  static const std::basic_string<psp_wchar> wide(3000, 'x');
-  const std::function<void *()> makers[] = {
-      [] { return psp_makeStr(nullptr, "%s", text.c_str()); },
-      [] { return psp_makeString("%d", 42); },
-      [] { return psp_makeStrVA("here.cpp", 77, nullptr, "%05d", 42); },
-      [] { return psp_convertToWchar(text.c_str(), PSP_UTF8_STRICT); },
-      [] { return psp_convertToUTF8(wide.c_str(), PSP_UTF8_STRICT); },
-  };
-  for (const auto &make : makers) {
-    Scenario scenario{.sweeps = kAllocations | kJumps};
-    scenario.act = [&make] {
-      made = nullptr;
-      made = make();
-      return made != nullptr;
+  for (const Maker &maker : makers) {
+    Scenario scenario{.sweeps = kAllocations | kJumps, .kept_blocks = maker.needs_slots};
+    if (maker.needs_slots) scenario.prepare = [] { leave_sync_slots(0); };
+    scenario.act = [&maker] { return (made = nullptr, made = maker.make()) != nullptr; };
+    scenario.clean = [&maker] {
+      if (made != nullptr) maker.release(made);
     };
-    scenario.clean = [] { psp_freeMem(made, nullptr); };
     sweep(scenario);
   }
-}
-
-FAULT_TEST(TextFaults, ArgumentVectorLeavesNothingOfAFailedConversion) {
-  static char **result;
-  static psp_wchar first[] = u"first", third[] = u"third";
-  static psp_wchar *const kArguments[] = {first, nullptr, third};
-  Scenario scenario{.sweeps = kAllocations | kJumps};
-  scenario.act = [] {
-    result = nullptr;
-    return psp_convertArgvToUTF8(3, kArguments, &result) == PSP_OKAY;
-  };
-  scenario.judge = [](const Run &run) { EXPECT_EQ(result != nullptr, run.worked); };
-  scenario.clean = [] {
-    for (int index = 0; result != nullptr && index < 3; ++index)
-      psp_freeMem(result[index], nullptr);
-    psp_freeMem(result, nullptr);
-  };
-  sweep(scenario);
 }
 
 // ---- Time, environment and process --------------------------------------------------------------

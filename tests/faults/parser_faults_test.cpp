@@ -1,7 +1,7 @@
 // Faults under the parser engine: where a parse takes memory, and what is left when there is none.
 #include <gtest/gtest.h>
 
-#include "parser/grammars/nesting_tables.h"
+#include "parser/grammars/statements_tables.h"
 #include "support/faults.h"
 
 namespace {
@@ -17,19 +17,19 @@ bool allocates;  // the action does, in the tag
 // Parses brackets as deep as told, with values of the size, in the tag (null: in a private one).
 bool parse(size_t depth, uint32_t size, psp_tag *owner) {
   left_to_open = left_to_close = depth;
-  const psp_yyContext context = {size,
-                                 nullptr,
-                                 &nesting_tables,
-                                 [](void *, void *) -> int32_t {
-                                   if (left_to_open > 0) return --left_to_open, NESTING_TOKEN_OPEN;
-                                   return left_to_close > 0 ? (--left_to_close, NESTING_TOKEN_CLOSE)
-                                                            : -1;
-                                 },
-                                 [](void *, void *, int16_t, void *) -> int16_t {
-                                   return allocates && psp_alloc(10, tag) == nullptr ? 7 : 0;
-                                 },
-                                 [](void *) { ++errors; },
-                                 owner};
+  const psp_yyContext context = {
+      size,
+      nullptr,
+      &statements_tables,
+      [](void *, void *) -> int32_t {
+        if (left_to_open > 0) return --left_to_open, STATEMENTS_TOKEN_OPEN;
+        return left_to_close > 0 ? (--left_to_close, STATEMENTS_TOKEN_CLOSE) : -1;
+      },
+      [](void *, void *, int16_t, void *) -> int16_t {
+        return allocates && psp_alloc(10, tag) == nullptr ? 7 : 0;
+      },
+      [](void *) { ++errors; },
+      owner};
   errors = 0;
   status = -1;
   return (status = psp_yyparse(&context)) == 0;

@@ -1,4 +1,4 @@
-// Faults under memory pools and random generators.
+// Faults under memory pools.
 #include <gtest/gtest.h>
 
 #include <cstring>
@@ -69,18 +69,6 @@ FAULT_TEST(PoolFaults, LockThatNeedsANewSlotBlock) {
     return pool != nullptr && had_lock;
   };
   scenario.clean = [] { psp_zFreePool(&pool); };
-  sweep(scenario);
-}
-
-FAULT_TEST(RandomFaults, GeneratorIsNullOrThere) {
-  static psp_rand *generator;
-  Scenario scenario{.sweeps = kAllocations | kJumps};
-  scenario.act = [] {
-    generator = nullptr;
-    generator = psp_randCreate(5489);
-    return generator != nullptr && psp_randGetUInt32(generator) == 3499211612u;
-  };
-  scenario.clean = [] { psp_randDestroy(generator); };
   sweep(scenario);
 }
 

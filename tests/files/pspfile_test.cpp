@@ -9,14 +9,13 @@
 #include <atomic>
 #include <csignal>
 #include <filesystem>
-#include <fstream>
 #include <functional>
 #include <random>
-#include <sstream>
 #include <thread>
 #include <vector>
 
 #include "psp.h"
+#include "support/fixtures.h"
 
 namespace {
 
@@ -36,29 +35,12 @@ bool opens(const std::string &name, uint32_t flags, uint16_t mode = 0) {
   return Handle(name, flags, mode) != nullptr;
 }
 
-class Files : public testing::Test {
+class Files : public psp::tests::StartedInFolder {
  protected:
   void SetUp() override {
-    std::string pattern = testing::TempDir() + "psp-files-XXXXXX";
-    folder_ = mkdtemp(pattern.data());
-    ASSERT_EQ(psp_init(), PSP_OKAY);
+    StartedInFolder::SetUp();
     ASSERT_EQ(psp_stdout_open(path("messages").c_str()), PSP_OKAY);
   }
-  void TearDown() override {
-    psp_term();
-    std::filesystem::remove_all(folder_);
-  }
-  std::string path(const std::string &name) const { return folder_ + "/" + name; }
-  std::string put(const std::string &name, const std::string &content) const {
-    std::ofstream(path(name), std::ios::binary) << content;
-    return path(name);
-  }
-  std::string get(const std::string &name) const {
-    std::stringstream content;
-    content << std::ifstream(path(name), std::ios::binary).rdbuf();
-    return content.str();
-  }
-  std::string folder_;
 };
 
 // A child that runs work and then stays until it is killed; what came of the work is known when the

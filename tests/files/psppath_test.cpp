@@ -6,27 +6,14 @@
 #include <fstream>
 #include <set>
 #include <string>
-#include <thread>
 
 #include "files/files.h"
 #include "psp.h"
+#include "support/fixtures.h"
 
 namespace {
 
-class Paths : public testing::Test {
- protected:
-  void SetUp() override {
-    std::string folder = testing::TempDir() + "psp_path_XXXXXX";
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    folder_ = folder;
-    ASSERT_EQ(psp_init(), PSP_OKAY);
-  }
-  void TearDown() override {
-    psp_term();
-    std::filesystem::remove_all(folder_);
-  }
-  std::string folder_;
-};
+using Paths = psp::tests::StartedInFolder;
 
 std::string taken(char *text) {
   std::string result = text != nullptr ? text : "(null)";
@@ -141,10 +128,7 @@ TEST_F(Paths, TemporaryDirectoryIsProbedOnceForAllThreads) {
   setenv("TEMP", "", 1);
   setenv("TMP", folder_.c_str(), 1);
   std::string answers[4];
-  std::thread threads[4];
-  for (int i = 0; i < 4; ++i)
-    threads[i] = std::thread([&, i] { answers[i] = taken(psp_tmpdir(nullptr)); });
-  for (std::thread &thread : threads) thread.join();
+  psp::tests::in_threads(4, [&](int i) { answers[i] = taken(psp_tmpdir(nullptr)); });
   for (const std::string &answer : answers) EXPECT_EQ(answer, folder_);
   EXPECT_TRUE(std::filesystem::is_empty(folder_));
   setenv("TMP", "/", 1);

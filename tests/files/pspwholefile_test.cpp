@@ -10,55 +10,45 @@
 #include <unistd.h>
 
 #include <filesystem>
-#include <fstream>
 #include <numeric>
 #include <set>
-#include <sstream>
 #include <vector>
 
 #include "files/files.h"
 #include "psp.h"
+#include "support/fixtures.h"
 
 namespace {
 
 namespace fs = std::filesystem;
+using psp::tests::get_file;
+using psp::tests::put_file;
 using Results = std::vector<int32_t>;  // of calls, in their order
 
 const auto kPast = fs::file_time_type::clock::now() - std::chrono::hours(1);
-
-void put(const std::string &name, const std::string &content) {
-  std::ofstream(name, std::ios::binary) << content;
-}
 
 // Names and contents under a folder.
 std::string list(const std::string &folder = ".") {
   std::set<std::string> lines;
   for (const fs::directory_entry &entry : fs::recursive_directory_iterator(folder)) {
-    std::stringstream content;
-    content << std::ifstream(entry.path(), std::ios::binary).rdbuf();
     const std::string name = entry.path().lexically_relative(folder);
-    lines.insert(name + (entry.is_directory() ? "/ " : "=" + content.str() + " "));
+    lines.insert(name + (entry.is_directory() ? "/ " : "=" + get_file(entry.path()) + " "));
   }
   return std::accumulate(lines.begin(), lines.end(), std::string());
 }
 
 // A folder of its own is the current directory.
-class WholeFiles : public testing::Test {
+class WholeFiles : public psp::tests::StartedInFolder {
  protected:
-  void SetUp() override { ASSERT_EQ(psp_init() + chdir(mkdtemp(folder_)), 0); }
-  void TearDown() override {
-    psp_term();
-    fs::remove_all(folder_);
-  }
-  char folder_[32] = "/tmp/psp-whole-XXXXXX";
+  void SetUp() override { ASSERT_EQ(psp_init() + chdir(folder_.c_str()), 0); }
 };
 
 TEST_F(WholeFiles, CopyAndCompareAroundTheBlockSize) {
   for (const size_t from : {0, 1, 1023, 1024, 1025, 2048, 3000}) {
     for (const size_t to : {0, 1, 1023, 1024, 1025, 3000, 5000}) {
       for (const char filler : {'x', 'y'}) {
-        put("a", std::string(from, 'x'));
-        put("b", std::string(to, filler));
+        put_file("a", std::string(from, 'x'));
+        put_file("b", std::string(to, filler));
         const bool equal = from == to && (filler == 'x' || to == 0);
         EXPECT_EQ(psp_fileCmp("a", "b"), equal ? PSP_OKAY : PSP_FAILED) << from << ' ' << to;
         EXPECT_EQ(psp_fileCopy("a", "b"), PSP_OKAY);
@@ -79,8 +69,8 @@ TEST_F(WholeFiles, CopyAndCompareAroundTheBlockSize) {
 }
 
 TEST_F(WholeFiles, CopyWritesOnlyBlocksThatDiffer) {
-  put("a", std::string(500'000, '\0') + "x");
-  put("b", "");
+  put_file("a", std::string(500'000, '\0') + "x");
+  put_file("b", "");
   fs::resize_file("b", 600'000);  // a hole, which takes room only where it is written
   EXPECT_EQ((Results{psp_fileCopy("a", "b"), psp_fileCmp("a", "b")}), (Results{0, 0}));
   struct stat status = {};
@@ -103,8 +93,8 @@ bool forbid(unsigned call, unsigned error) {
 }
 
 void expect_rename_never_replaces() {
-  put("a", "1");
-  put("b", "2");
+  put_file("a", "1");
+  put_file("b", "2");
   for (const char *name : {"d", "e"}) fs::create_directory(name);
   for (const char *from : {"a", "d"}) {
     for (const char *to : {"a", "b", "d", "e", "d/d/"}) {
@@ -126,8 +116,8 @@ TEST_F(WholeFiles, RenameNeverReplacesWhateverTheFileSystemOffers) {
 }
 
 TEST_F(WholeFiles, MoveReplacesButNeverTheFileItself) {
-  put("a", "1");
-  put("b", "2");
+  put_file("a", "1");
+  put_file("b", "2");
   fs::create_hard_link("a", "link");
   fs::create_directory("d");
   EXPECT_EQ((Results{psp_fileMove("a", "./a"), psp_fileMove("link", "a"), psp_dirMove("d", "./d")}),
@@ -137,7 +127,7 @@ TEST_F(WholeFiles, MoveReplacesButNeverTheFileItself) {
             (Results{0, PSP_FAILED, PSP_FAILED}));
   EXPECT_EQ(list(), "a=2 d/ link=1 ");
   // Files that only look like a path into a directory stay where they are.
-  for (const char *name : {"d/x\\y", "d/x"}) put(name, "3");
+  for (const char *name : {"d/x\\y", "d/x"}) put_file(name, "3");
   fs::create_directory("e");
   EXPECT_EQ(psp_dirMove("d", "e"), PSP_OKAY);
   EXPECT_EQ(list(), "a=2 d/ d/x\\y=3 e/ e/x=3 link=1 ");
@@ -151,10 +141,10 @@ TEST_F(WholeFiles, AcrossFileSystemsNothingIsLostOrReplaced) {
   char other[] = "/dev/shm/psp-whole-XXXXXX";
   fs::create_directory_symlink(mkdtemp(other), "other");
   const std::string big(100'000, 'b');
-  put("a", big);
+  put_file("a", big);
   fs::permissions("a", fs::perms{0751});
   fs::last_write_time("a", kPast);
-  put("other/b", "2");
+  put_file("other/b", "2");
   const PSP_FH writer = psp_fileOpen("a", PSP_OPEN_WRITE, 0);
   EXPECT_EQ(psp_fileRename("a", "other/a"), PSP_FAILED) << "somebody may still write it";
   psp_fileClose(writer);
@@ -164,7 +154,7 @@ TEST_F(WholeFiles, AcrossFileSystemsNothingIsLostOrReplaced) {
   EXPECT_EQ(fs::status("other/a").permissions(), fs::perms{0751});
   EXPECT_EQ(fs::last_write_time("other/a"), kPast);
   fs::create_directories("d/sub");
-  for (const char *name : {"d/1", "d/a", "other/a"}) put(name, name);
+  for (const char *name : {"d/1", "d/a", "other/a"}) put_file(name, name);
   ASSERT_EQ(mkfifo("pipe", 0600), 0);  // a copy would wait for a writer
   EXPECT_EQ((Results{psp_fileMove("other/a", "d/a"), psp_fileRename("d", "other/d"),
                      psp_dirMove("d", "other/x/y/"), psp_dirMove("d/sub", "other/x"),
@@ -182,7 +172,7 @@ TEST_F(WholeFiles, ModesAndBadNames) {
                    psp_fileRemove(second),      psp_fileRename(first, second),
                    psp_fileMove(first, second), psp_dirMove(".", second)};
   };
-  put("f", "1");
+  put_file("f", "1");
   EXPECT_EQ(each("f", nullptr), (Results{2, 8, 2, 2, 2, 2}));
   const psp_wchar bad[] = {0xD800, 0}, *const f = PSP_W("f");
   EXPECT_EQ((Results{psp_fileCopyW(f, bad), psp_fileCmpW(f, bad), psp_fileRemoveW(bad),

@@ -14,34 +14,21 @@
 #include <fstream>
 #include <new>
 #include <random>
-#include <sstream>
 #include <string>
 #include <thread>
 
 #include "psp.h"
+#include "support/fixtures.h"
 
 namespace {
 
 using std::string;
 
-class Ini : public testing::Test {
+class Ini : public psp::tests::StartedInFolder {
  protected:
-  void SetUp() override {
-    const bool memory = std::filesystem::exists("/dev/shm");  // where a sync costs nothing
-    folder = (memory ? "/dev/shm/psp_ini." : "psp_ini.") + std::to_string(getpid());
-    std::filesystem::create_directory(folder);
-    path = folder + "/a.ini";
-    ASSERT_EQ(psp_init(), PSP_OKAY);
-  }
-  void TearDown() override {
-    psp_term();
-    std::filesystem::remove_all(folder);
-  }
-  void put(const string &text) const { std::ofstream(path, std::ios::binary) << text; }
-  string content() const {
-    std::ifstream file(path, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
+  Ini() : StartedInFolder(true) {}
+  void put(const string &text) const { psp::tests::put_file(path, text); }
+  string content() const { return psp::tests::get_file(path); }
   // The value, or the names with "|" between them, or "#" and the status.
   string get(const char *section, const char *key) const {
     char buffer[2000];
@@ -57,12 +44,12 @@ class Ini : public testing::Test {
   string updated(const string &text, const char *section, const char *key, const char *value) {
     put(text);
     EXPECT_EQ(set(section, key, value), PSP_OKAY);
-    EXPECT_FALSE(std::filesystem::exists(folder + "/_temp_.ini"));
+    EXPECT_FALSE(std::filesystem::exists(Folder::path("_temp_.ini")));
     string result = content();
     for (size_t at = 0; (at = result.find("\r\n", at)) != string::npos; ++at) result.erase(at, 1);
     return result;
   }
-  string folder, path;
+  string path = Folder::path("a.ini");
 };
 
 TEST_F(Ini, ReadsLinesByteForByte) {
@@ -91,68 +78,6 @@ TEST_F(Ini, ReadsLinesByteForByte) {
   EXPECT_EQ(get("a", "k"), "#2");
 }
 
-// What a plain walk over the lines of a file without comments and blanks finds.
-string walk(const string &text, const string &section, const string &key) {
-  std::istringstream lines(text);
-  int met = 0;  // 1: inside the first section of that name
-  for (string line; std::getline(lines, line);) {
-    if (line[0] == '[') {
-      met += met == 1 || strcasecmp(line.c_str(), ("[" + section + "]").c_str()) == 0;
-    } else if (met == 1 && strcasecmp(line.substr(0, line.find('=')).c_str(), key.c_str()) == 0) {
-      return line.substr(line.find('=') + 1);
-    }
-  }
-  return "#2";
-}
-
-TEST_F(Ini, RandomLookupsAndUpdatesAgreeWithAWalkOverTheLines) {
-  std::mt19937 random(7);
-  const auto name = [&random] {
-    string text = "long_common_name_";  // equal first words, letters and their neighbours
-    text.resize(random() % 3 * 8);
-    return text + "aAbBz`Z@{"[random() % 9];
-  };
-  for (int round = 0; round < 200; ++round) {
-    string text = "[" + name() + "]\n";
-    for (size_t count = random() % 300; count > 0; --count) {
-      const bool is_key = random() % 8 != 0;
-      text += is_key ? name() + "=" + std::to_string(count) + "\n" : "[" + name() + "]\n";
-    }
-    put(text);
-    psp_readIniFile(path.c_str());
-    for (int step = 0; step < 60; ++step) {
-      const string section = name(), key = name(), value = std::to_string(step);
-      ASSERT_EQ(get(section.c_str(), key.c_str()), walk(text, section, key)) << section << key;
-      if (step % 8 != 0) continue;
-      const bool removes = random() % 2 == 0;
-      const string before = text;
-      text = updated(text, section.c_str(), key.c_str(), removes ? nullptr : value.c_str());
-      ASSERT_EQ(walk(text, section, key), removes ? "#2" : value) << before;
-      const string other = name();
-      if (strcasecmp(other.c_str(), key.c_str()) != 0) {
-        ASSERT_EQ(walk(text, section, other), walk(before, section, other)) << before;
-      }
-    }
-  }
-}
-
-TEST_F(Ini, BufferOfEverySizeHoldsAllOrIsCut) {
-  put("[db]\nkey=seven77\n[log]\n");
-  const std::pair<const char *, string> rows[] = {{nullptr, {"db\0log\0", 7}},
-                                                  {"db", {"seven77\0", 8}}};
-  for (const auto &[section, result] : rows) {
-    for (uint32_t size = 2; size < 16; ++size) {
-      string buffer(20, '#');
-      const psp_status status =
-          psp_iniGet(path.c_str(), section, section ? "key" : nullptr, buffer.data(), size);
-      const bool fits = result.size() + 1 < size;
-      const size_t kept = fits ? result.size() : size - 1;
-      EXPECT_EQ(status, fits ? PSP_OKAY : PSP_ERR_BUFFERFULL);
-      EXPECT_EQ(buffer.substr(0, kept + 2), result.substr(0, kept) + string("\0#", 2));
-    }
-  }
-}
-
 TEST_F(Ini, NumbersAndWideFormsAndFailures) {
   put("[s]\na=  -17abc\nb=abc\nc=9999999999\nd=-99999999999999999\ne=12345678901234567\n"
       "f=123456789012345678\nw=\xE2\x82\xAC\nx=\xFE\n");
@@ -164,6 +89,7 @@ TEST_F(Ini, NumbersAndWideFormsAndFailures) {
     const psp_status status = psp_iniInt32(path.c_str(), "s", key, &number);
     EXPECT_EQ(status == PSP_OKAY ? number : status, expected[index]) << index;
     EXPECT_TRUE(status == PSP_OKAY || number == 4711);
+    EXPECT_EQ(psp_iniInt32(path.c_str(), "gone", key, &number), PSP_FAILED);
   }
   const std::u16string wide(path.begin(), path.end());
   psp_wchar buffer[4] = {7, 7, 7, 7};
@@ -182,8 +108,8 @@ TEST_F(Ini, NumbersAndWideFormsAndFailures) {
   psp_readIniFile(path.c_str());
   EXPECT_EQ(get("s", "b"), "#-905");
   EXPECT_EQ(set("s", "b", "c"), PSP_ERR_NOFILE);
-  EXPECT_TRUE(std::filesystem::is_empty(folder));
-  path = folder + "/_temp_.ini";  // which its own update would empty
+  EXPECT_TRUE(std::filesystem::is_empty(folder_));
+  path = Folder::path("_temp_.ini");  // which its own update would empty
   put("[s]\na=1\n");
   EXPECT_EQ(set("s", "a", "2"), PSP_ERR_NOFILE);
   EXPECT_EQ(content(), "[s]\na=1\n");
@@ -215,10 +141,10 @@ TEST_F(Ini, UpdateChangesOneLineAndKeepsTheOthers) {
 
 TEST_F(Ini, UpdateFollowsLinksAndKeepsPermissions) {
   namespace fs = std::filesystem;
-  const string file = path, temporary = folder + "/_temp_.ini";
+  const string file = path, temporary = Folder::path("_temp_.ini");
   put("[s]\na=1\n");
   fs::permissions(file, fs::perms{0464});
-  fs::create_symlink(file, path = folder + "/link");
+  fs::create_symlink(file, path = Folder::path("link"));
   std::ofstream(temporary) << "left by a killed process";
   EXPECT_EQ(set("s", "a", "2"), PSP_OKAY);
   EXPECT_TRUE(fs::is_symlink(path) && !fs::exists(temporary));
@@ -226,7 +152,7 @@ TEST_F(Ini, UpdateFollowsLinksAndKeepsPermissions) {
   fs::create_symlink(file, temporary);
   EXPECT_EQ(set("s", "a", "3"), PSP_ERR_NOFILE);
   EXPECT_EQ(content(), "[s]\r\na=2\r\n");
-  path = folder + "/A.INI";  // another name on the disk, and so in the store
+  path = Folder::path("A.INI");  // another name on the disk, and so in the store
   EXPECT_EQ(get("s", "a"), "#-905");
   string many;
   for (int section = 0; section < 70'000; ++section) many += "[s]\n";
@@ -261,7 +187,7 @@ TEST_F(Ini, KilledUpdateLeavesOldOrNewFile) {
     kill(child, SIGKILL);
     waitpid(child, nullptr, 0);
     ASSERT_TRUE(content() == numbered(0) || content() == numbered(1)) << "round " << round;
-    inside += std::filesystem::exists(folder + "/_temp_.ini");
+    inside += std::filesystem::exists(Folder::path("_temp_.ini"));
     changed += content() != before;
   }
   EXPECT_GT(inside, 10);
@@ -282,13 +208,13 @@ TEST_F(Ini, FullDiskLeavesOldFile) {
       }
     }
     EXPECT_EQ(content(), numbered(0));
-    EXPECT_FALSE(std::filesystem::exists(folder + "/_temp_.ini"));
+    EXPECT_FALSE(std::filesystem::exists(Folder::path("_temp_.ini")));
   }
 }
 
 // Each process counts a key of its own up in two files; none may lose or spoil what others wrote.
 TEST_F(Ini, ProcessesLoseNoUpdateOfOneDirectory) {
-  const string files[] = {path, folder + "/b.ini"};
+  const string files[] = {path, Folder::path("b.ini")};
   for (const string &file : files)
     std::ofstream(file) << file << "\r\n[s]\r\nk0=0\r\nk1=0\r\nk2=0\r\n";
   pid_t children[3];

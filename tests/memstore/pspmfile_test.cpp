@@ -5,23 +5,22 @@
 #include <cerrno>
 #include <string>
 #include <thread>
-#include <vector>
 
 #include "memstore/pspmdir.h"
 #include "psp.h"
+#include "support/fixtures.h"
 
 namespace {
 
 using namespace psp::memstore;
 constexpr uint16_t kMemory = PSP_FILE_MEMORY;
 
-class MemoryStore : public testing::Test {
+class MemoryStore : public psp::tests::Started {
  protected:
   void SetUp() override {
     psp_nodisk();  // so that relative names begin at the root
-    ASSERT_EQ(psp_init(), PSP_OKAY);
+    Started::SetUp();
   }
-  void TearDown() override { psp_term(); }
 
   static bool put(const char *name, const std::string &content) {
     PSP_FH file = psp_fileOpen(name, PSP_OPEN_READWRITE | PSP_OPEN_TRUNCATE, kMemory);
@@ -205,9 +204,7 @@ TEST_F(MemoryStore, ThreadsShareAFolder) {
       EXPECT_EQ(removed, PSP_OKAY);
     }
   };
-  std::vector<std::thread> threads;
-  for (int number = 0; number < kThreads; ++number) threads.emplace_back(work, number);
-  for (std::thread &thread : threads) thread.join();
+  psp::tests::in_threads(kThreads, work);
   EXPECT_EQ(list("\\d"), "shared ");
   EXPECT_EQ(psp_fileLengthStat("\\d\\shared", kMemory), kThreads * kRounds);
 }

@@ -11,16 +11,16 @@
 #include <vector>
 
 #include "psp.h"
-#include "support/output.h"
+#include "support/fixtures.h"
 
 namespace {
 
 using psp::tests::output_of;
 
-class Queue : public testing::Test {
+class Queue : public psp::tests::Started {
  protected:
   void SetUp() override {
-    ASSERT_EQ(psp_init(), PSP_OKAY);
+    Started::SetUp();
     ASSERT_EQ(psp_queueInit(0), PSP_OKAY);
   }
   void TearDown() override {

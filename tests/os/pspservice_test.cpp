@@ -17,16 +17,12 @@
 #include "os/os.h"
 #include "os/posix/service_places.h"
 #include "psp.h"
+#include "support/fixtures.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 namespace os = psp::os;
-
-std::string content(const fs::path &path) {
-  std::ifstream file(path);
-  return {std::istreambuf_iterator<char>(file), {}};
-}
 
 // Answers "cat" by the units that there are and fails for the verb in the file "failing".
 constexpr char kScript[] =
@@ -36,7 +32,7 @@ constexpr char kScript[] =
     "case \"$*\" in *\" $(cat failing)\"*) exit 1;; esac\n"
     "case \"$3\" in cat) test -e \"units/$5\";; esac\n";
 
-class Service : public testing::Test {
+class Service : public testing::Test, protected psp::tests::Folder {
  protected:
   Service() {
     umask(077);  // what others must read does not depend on it
@@ -50,14 +46,11 @@ class Service : public testing::Test {
     unsetenv("NOTIFY_SOCKET");
     EXPECT_EQ(psp_init(), PSP_OKAY);
   }
-  ~Service() override {
-    psp_term();
-    fs::remove_all(folder);
-  }
+  ~Service() override { psp_term(); }
 
   void fail_verb(const char *verb) { std::ofstream(folder / "failing") << verb; }
   std::string commands() {
-    const std::string all = content(folder / "commands");
+    const std::string all = psp::tests::get_file(folder / "commands");
     fs::remove(folder / "commands");
     return all;
   }
@@ -65,10 +58,7 @@ class Service : public testing::Test {
     return static_cast<size_t>(std::distance(fs::directory_iterator(units), {}));
   }
 
-  const fs::path folder = [] {
-    std::string name = testing::TempDir() + "psp_service.XXXXXX";
-    return fs::path(mkdtemp(name.data()));
-  }();
+  const fs::path folder = folder_;
   const fs::path units = folder / "units", counters = folder / "var/11.0/services",
                  script = folder / "manager";
 };
@@ -182,7 +172,7 @@ TEST_F(Service, LifeOfAServiceIsWhatTheManagerIsAsked) {
   EXPECT_EQ(
       commands(),
       "cat -- x.service\ndaemon-reload\nenable -- x.service\n--no-block start -- x.service\n");
-  const std::string unit = content(units / "x.service");
+  const std::string unit = psp::tests::get_file(units / "x.service");
   EXPECT_EQ(unit.find("[Unit]\nDescription=A 5%% server\\ \n\n[Service]\nType=notify\n"
                       "ExecStart=a b\n"),
             0u)
@@ -193,7 +183,7 @@ TEST_F(Service, LifeOfAServiceIsWhatTheManagerIsAsked) {
     EXPECT_EQ(status.st_mode & 07777, 0644u);
   }
   EXPECT_EQ(install("x"), PSP_FAILED) << "the name is taken";
-  EXPECT_EQ(content(units / "x.service"), unit);
+  EXPECT_EQ(psp::tests::get_file(units / "x.service"), unit);
   EXPECT_EQ(install("y"), PSP_OKAY);
   EXPECT_EQ(counter(), 2u);
   commands();
@@ -212,8 +202,8 @@ TEST_F(Service, NoTextBecomesMoreThanItself) {
   ASSERT_EQ(install("-n; $(id) \"@\xC3\xA9", "nice\n[Service]\n%n", "\"\\opt\\a b%\\c\"",
                     "-x \"a b\" $HOME 5% c:\\d\\ \"e\\\"f\\\\\" \"\" ;"),
             PSP_OKAY);
-  const std::string unit =
-      content(units / "-n\\x3b\\x20\\x24\\x28id\\x29\\x20\\x22\\x40\\xc3\\xa9.service");
+  const std::string unit = psp::tests::get_file(
+      units / "-n\\x3b\\x20\\x24\\x28id\\x29\\x20\\x22\\x40\\xc3\\xa9.service");
   EXPECT_EQ(unit.substr(0, unit.find("KillMode")),
             "[Unit]\nDescription=A 5%% server\\  - nice [Service] %%n\n\n[Service]\nType=notify\n"
             "ExecStart=\"/opt/a b%%/c\" -x \"a b\" \"$$HOME\" \"5%%\" \"c:\\\\d\\\\\" "

@@ -11,7 +11,6 @@
 
 #include "../examples/pkgdb/query_tables.h"
 #include "parser/grammars/expressions_tables.h"
-#include "parser/grammars/nesting_tables.h"
 #include "parser/grammars/statements_tables.h"
 #include "psp.h"
 
@@ -189,7 +188,7 @@ TEST(ParserArguments, MissingPartsAreRefused) {
 std::string statements(const std::string &text) {
   Parse parse{&statements_tables};
   for (size_t place = 0; place < text.size(); ++place) {
-    static const std::string kLetters = "....n#=&;!";
+    static const std::string kLetters = "....n#=&;()!";
     parse.input.push_back(
         {static_cast<int32_t>(kLetters.find(text[place])), static_cast<uint32_t>(place)});
   }
@@ -198,7 +197,7 @@ std::string statements(const std::string &text) {
     if (rule == STATEMENTS_RULE_BEGIN) return self.give(kProgram);
     EXPECT_TRUE(rule != STATEMENTS_RULE_MORE || self.before_last(1) == kProgram);
     static const char *const kNames[] = {"",       "",      "", "assign", "skip",
-                                         "resume", "again", "", "join"};
+                                         "resume", "again", "", "",       "join"};
     if (*kNames[rule] == '\0') return 0;
     self.told += kNames[rule] + std::to_string(self.read(self.result)) + " ";
     return 0;
@@ -230,15 +229,15 @@ TEST_F(Parser, RecoveryDropsTokensUntilOneFits) {
 
 // Values of open brackets, each its own depth, must be found again from the inside out.
 void check_depth(size_t depth, uint32_t size, psp_tag *tag) {
-  Parse parse{.tables = &nesting_tables, .size = size, .tag = tag};
+  Parse parse{.tables = &statements_tables, .size = size, .tag = tag};
   for (size_t at = 0; at < 2 * depth; ++at)
-    parse.input.push_back(
-        {at < depth ? NESTING_TOKEN_OPEN : NESTING_TOKEN_CLOSE, static_cast<uint32_t>(at + 1)});
+    parse.input.push_back({at < depth ? STATEMENTS_TOKEN_OPEN : STATEMENTS_TOKEN_CLOSE,
+                           static_cast<uint32_t>(at + 1)});
   size_t left = depth;
   parse.action = [&](Parse &self, int16_t rule) -> int16_t {
-    if (rule == NESTING_RULE_MIDDLE) {  // above the top nothing was written yet
+    if (rule == STATEMENTS_RULE_MIDDLE) {  // above the top nothing was written yet
       EXPECT_TRUE(std::all_of(self.result, self.result + size, [](char c) { return c == 0; }));
-    } else if (rule == NESTING_RULE_WRAP && size >= 4) {
+    } else if ((rule == STATEMENTS_RULE_WRAP || rule == STATEMENTS_RULE_OUTERMOST) && size >= 4) {
       EXPECT_EQ(self.before_last(2), left--);
     }
     return 0;

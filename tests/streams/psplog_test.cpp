@@ -2,59 +2,31 @@
 // the life of the library.
 #include <fcntl.h>
 #include <gtest/gtest.h>
-#include <regex.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
 #include <cstdlib>
 #include <filesystem>
-#include <fstream>
 #include <sstream>
 #include <string>
-#include <thread>
-#include <vector>
 
 #include "psp.h"
 #include "streams/stream.h"
+#include "support/fixtures.h"
 
 namespace {
 
 constexpr char kStamp[] = "\\[[0-9]{2}-[A-Z][a-z]{2}-[0-9]{4} [0-9]{2}:[0-9]{2}:[0-9]{2}\\]  ";
 
-// Extended regular expressions of POSIX, matched against a whole text.
-class Pattern {
- public:
-  explicit Pattern(const std::string &pattern) {
-    EXPECT_EQ(regcomp(&compiled_, ("^(" + pattern + ")$").c_str(), REG_EXTENDED | REG_NOSUB), 0);
-  }
-  ~Pattern() { regfree(&compiled_); }
-  bool matches(const std::string &text) const {
-    return regexec(&compiled_, text.c_str(), 0, nullptr, 0) == 0;
-  }
+// Whether an extended regular expression of POSIX matches the whole text.
+bool matches(const std::string &text, const std::string &pattern) {
+  return testing::internal::RE::FullMatch(text, testing::internal::RE(pattern));
+}
 
- private:
-  regex_t compiled_;
-};
-
-class LogTest : public testing::Test {
+class LogTest : public testing::Test, protected psp::tests::Folder {
  protected:
-  void SetUp() override {
-    std::string folder = testing::TempDir() + "psp_log_XXXXXX";
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    folder_ = folder + "/";
-  }
-  void TearDown() override {
-    psp_term();
-    std::filesystem::remove_all(folder_);
-  }
-
-  std::string path(const std::string &name) const { return folder_ + name; }
-  std::string get(const std::string &name) const {
-    std::ostringstream bytes;
-    bytes << std::ifstream(path(name), std::ios::binary).rdbuf();
-    return bytes.str();
-  }
+  void TearDown() override { psp_term(); }
   // Starts the library with the console channels in files "out" and "err", the log in "log".
   void start_with_files() const {
     ASSERT_EQ(psp_init(), PSP_OKAY);
@@ -62,12 +34,10 @@ class LogTest : public testing::Test {
     ASSERT_EQ(psp_stderr_open(path("err").c_str()), PSP_OKAY);
     ASSERT_EQ(psp_log_open(path("log").c_str()), PSP_OKAY);
   }
-
-  std::string folder_;
 };
 
 void expect_stamped(const std::string &text, const std::string &messages) {
-  EXPECT_TRUE(Pattern(messages).matches(text)) << testing::PrintToString(text);
+  EXPECT_TRUE(matches(text, messages)) << testing::PrintToString(text);
 }
 
 std::string stamped(const std::string &message) { return kStamp + message + "\r\n"; }
@@ -181,26 +151,22 @@ TEST_F(LogTest, MessagesOfManyThreadsComeOutWhole) {
   constexpr int kThreads = 4;
   constexpr int kMessages = 200;
   start_with_files();
-  std::vector<std::thread> threads;
-  for (int thread = 0; thread < kThreads; ++thread) {
-    threads.emplace_back([thread] {
-      const std::string long_text(600, static_cast<char>('a' + thread));
-      for (int message = 0; message < kMessages; ++message) {
-        psp_log("<%d %d %s>\n", thread, message, message % 8 == 0 ? long_text.c_str() : "text");
-        psp_printf("<p %d>\n", message);
-        psp_printfErr("<e %d>\n", message);
-        if (message % 16 == 0) psp_log_flush();
-      }
-    });
-  }
-  for (std::thread &thread : threads) thread.join();
+  psp::tests::in_threads(kThreads, [&](int thread) {
+    const std::string long_text(600, static_cast<char>('a' + thread));
+    for (int message = 0; message < kMessages; ++message) {
+      psp_log("<%d %d %s>\n", thread, message, message % 8 == 0 ? long_text.c_str() : "text");
+      psp_printf("<p %d>\n", message);
+      psp_printfErr("<e %d>\n", message);
+      if (message % 16 == 0) psp_log_flush();
+    }
+  });
   psp_log_flush();
   const auto count_lines = [this](const char *file, const std::string &line) {
     std::istringstream lines(get(file));
-    const Pattern whole("(" + line + ")\r");
+    const testing::internal::RE whole("(" + line + ")\r");
     int count = 0;
     for (std::string text; std::getline(lines, text); ++count) {
-      if (!whole.matches(text)) return -1;
+      if (!testing::internal::RE::FullMatch(text, whole)) return -1;
     }
     return count;
   };

@@ -1,56 +1,27 @@
-// Text streams: tables of what files read as, a slow model against random calls, and what happens
-// when the file does not take what is written.
-#include <fcntl.h>
+// Text streams: tables of what files read as and modes leave, and what happens when the file does
+// not take what is written. Random calls are made by the fuzz target.
 #include <gtest/gtest.h>
-#include <sys/resource.h>
 #include <sys/socket.h>
 #include <unistd.h>
 
-#include <csignal>
-#include <cstdarg>
-#include <cstdlib>
-#include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <random>
-#include <sstream>
 #include <string>
-#include <vector>
 
 #include "psp.h"
-#include "support/stream_model.h"
+#include "support/fixtures.h"
 
 namespace {
 
 using namespace std::string_literals;
-using Model = psp::tests::StreamModel;
 
-class StreamTest : public testing::Test {
+class StreamTest : public psp::tests::StartedInFolder {
  protected:
-  void SetUp() override {
-    std::string folder = testing::TempDir() + "psp_stream_XXXXXX";
-    ASSERT_NE(mkdtemp(folder.data()), nullptr);
-    folder_ = folder;
-    name_ = folder + "/file";
-    ASSERT_EQ(psp_init(), PSP_OKAY);
-  }
-  void TearDown() override {
-    psp_term();
-    std::filesystem::remove_all(folder_);
-  }
-
-  void put(const std::string &bytes) const { std::ofstream(name_, std::ios::binary) << bytes; }
-  std::string get() const {
-    std::ostringstream bytes;
-    bytes << std::ifstream(name_, std::ios::binary).rdbuf();
-    return bytes.str();
-  }
+  void put(const std::string &bytes) const { Folder::put("file", bytes); }
+  std::string get() const { return Folder::get("file"); }
   psp_stream *open(const char *mode, uint32_t width = 1) const {
     return psp_fopenEx(name_.c_str(), mode, width, PSP_FILE_NOSYNC);
   }
-
-  std::filesystem::path folder_;
-  std::string name_;
+  const std::string name_ = path("file");
 };
 
 std::string utf16(const std::u16string &text) {
@@ -72,125 +43,6 @@ std::string read_by_line(psp_stream *stream) {
   char buffer[40];
   while (psp_fgets(buffer, sizeof buffer, stream) != nullptr) text += buffer;
   return text;
-}
-
-// ---- The model against random calls -----------------------------------------------------------
-
-class RandomCalls {
- public:
-  explicit RandomCalls(uint32_t seed) : random_(seed) {}
-
-  uint32_t below(uint32_t limit) { return static_cast<uint32_t>(random_() % limit); }
-  const std::string &one_of(const std::vector<std::string> &list) {
-    return list[below(static_cast<uint32_t>(list.size()))];
-  }
-  std::string text(size_t size, const std::vector<std::string> &pieces) {
-    std::string text;
-    while (text.size() < size) text += one_of(pieces);
-    return text;
-  }
-  // Near the borders of blocks more often than not.
-  uint32_t place() {
-    return below(2) != 0 ? below(3000) : (below(3) * 1024 + below(12) + 1018) % 3000;
-  }
-
-  // One call, made on both; both give the same.
-  void call(psp_stream *stream, Model *model, bool writes) {
-    bool any = false;
-    switch (below(writes ? 9 : 6)) {
-      case 0:
-        for (uint32_t count = below(60); count != 0; --count) {
-          ASSERT_EQ(psp_fgetc(stream), model->getc());
-        }
-        break;
-      case 1: {
-        const auto size = static_cast<int32_t>(below(4) == 0 ? below(1500) : below(90)) + 2;
-        std::string buffer(static_cast<size_t>(size), '#');
-        const std::string expected = model->gets(buffer.size() - 1, &any);
-        ASSERT_EQ(psp_fgets(buffer.data(), size, stream) != nullptr, any);
-        if (any) {
-          ASSERT_EQ(buffer.substr(0, expected.size() + 1), expected + '\0');
-        }
-        break;
-      }
-      case 2: {
-        const std::string expected = model->get_line(&any);
-        ASSERT_EQ(psp_fGetLine(stream, &line_, &line_size_) != nullptr, any);
-        if (any) {
-          ASSERT_EQ(std::string(line_, expected.size() + 1), expected + '\0');
-          ASSERT_EQ(line_size_, model->line_size);
-        }
-        break;
-      }
-      case 3: {
-        const auto c = static_cast<int32_t>(below(300)) - 1;
-        ASSERT_EQ(psp_fungetc(c, stream), model->push(c) ? c : -1);
-        break;
-      }
-      case 6: {
-        const char c = one_of({"a", "\n", "\r", "\xC3", "\xA9", "\xFF"s})[0];
-        ASSERT_EQ(psp_fputc(c, stream), model->putc(c) ? 1 : 0);
-        break;
-      }
-      case 7: {
-        const std::string out = text(below(5) == 0 ? below(2500) : below(70), kWritten);
-        ASSERT_EQ(psp_fputs(out.c_str(), stream), model->puts(out));
-        break;
-      }
-      case 8: {
-        const std::string out = text(below(5) == 0 ? below(1500) : below(70), kWritten);
-        ASSERT_EQ(psp_fprintf(stream, "<%s>%d\n", out.c_str(), 7), model->puts("<" + out + ">7\n"));
-        break;
-      }
-      case 4:
-        ASSERT_EQ(psp_fflush(stream), model->pending != 0 ? -1 : 0);
-        break;
-      default: {
-        const auto origin = static_cast<int32_t>(below(4));
-        auto offset = static_cast<int32_t>(place());
-        if (origin == 1) offset = static_cast<int32_t>(below(80)) - 40;
-        if (origin == 2) offset = 20 - static_cast<int32_t>(below(1100));
-        ASSERT_EQ(psp_fseek(stream, offset, origin), model->seek(offset, origin));
-      }
-    }
-  }
-
-  ~RandomCalls() { psp_freeMem(line_, nullptr); }
-
-  const std::vector<std::string> kWritten = {"word ", "\n", "\xC3\xA9", "\xF0\x9F\x98\x80", "x"};
-  const std::vector<std::string> kRead = {
-      "some text ",        "\n",       "\r\n", "\r", "\xFF", "\0\0"s, "a", "\xC3\xA9",
-      "\x3D\xD8\x00\xDE"s, "\r\0\n\0"s};
-
- private:
-  std::mt19937 random_;
-  char *line_ = nullptr;
-  uint32_t line_size_ = 0;
-};
-
-TEST_F(StreamTest, RandomCallsGiveWhatTheModelGives) {
-  const char *chosen = std::getenv("PSP_SEED");
-  const auto first = chosen != nullptr ? static_cast<uint32_t>(std::atoi(chosen)) : 1;
-  const uint32_t last = chosen != nullptr ? first : 1000;
-  std::printf("seeds %u to %u; PSP_SEED chooses one\n", first, last);
-  for (uint32_t seed = first; seed <= last; ++seed) {
-    SCOPED_TRACE(seed);
-    RandomCalls calls(seed);
-    const std::string mode = calls.one_of({"r", "r+", "w", "w+", "a", "a+"});
-    const uint32_t width = 1 + calls.below(2);
-    std::string bytes = calls.one_of({"", "", "\xEF\xBB\xBF", "\xFF\xFE", "\xFE\xFF", "\xEF\xFF"});
-    if (calls.below(4) != 0) bytes += calls.text(calls.place(), calls.kRead);
-    put(bytes);
-    Model model(bytes, mode, width);
-    psp_stream *stream = open(mode.c_str(), width);
-    ASSERT_NE(stream, nullptr);
-    for (int count = 0; count < 60 && !HasFatalFailure(); ++count) {
-      calls.call(stream, &model, mode != "r");
-    }
-    psp_fclose(stream);
-    ASSERT_EQ(get(), model.file);
-    if (HasFatalFailure()) return;
-  }
 }
 
 // ---- Reading ------------------------------------------------------------------------------------
@@ -226,32 +78,6 @@ TEST_F(StreamTest, FilesReadAsTheirText) {
     EXPECT_EQ(psp_fseek(stream, 0, PSP_SEEK_START), PSP_OKAY);
     EXPECT_EQ(read_by_line(stream), row.text);
     psp_fclose(stream);
-  }
-}
-
-TEST_F(StreamTest, LineEndsMeetBlockBordersAndBufferEnds) {
-  const std::string kEnds[] = {"\n", "\r\n", "\r", "\r\r\n", "\xFF", "\r\xFF", "\0\n"s};
-  for (size_t padding = 1020; padding <= 1026; ++padding) {
-    for (const std::string &end : kEnds) {
-      const std::string bytes = std::string(padding, 'x') + end + "tail" + end;
-      put(bytes);
-      for (const size_t size : {2, 3, 17, 500, 1024, 1025, 1026, 1027, 1028, 3000}) {
-        SCOPED_TRACE(testing::Message() << padding << testing::PrintToString(end) << size);
-        Model model(bytes, "r", 1);
-        psp_stream *stream = open("r");
-        std::string buffer(size, '#');
-        bool any = true;
-        for (int nothing = 0; nothing < 3; nothing += any ? 0 : 1) {
-          const std::string expected = model.gets(size - 1, &any);
-          const auto limit = static_cast<int32_t>(size);
-          ASSERT_EQ(psp_fgets(buffer.data(), limit, stream) != nullptr, any);
-          if (any) {
-            ASSERT_EQ(buffer.substr(0, expected.size() + 1), expected + '\0');
-          }
-        }
-        psp_fclose(stream);
-      }
-    }
   }
 }
 

@@ -338,17 +338,6 @@ void sweep(const Scenario &scenario) {
 
 namespace {
 
-// A folder in memory, where a sync costs nothing, if there is such a place.
-struct ScratchFolder {
-  ScratchFolder() { std::filesystem::create_directory(path); }
-  ~ScratchFolder() { std::filesystem::remove_all(path); }
-
-  const std::filesystem::path memory = "/dev/shm";
-  const std::filesystem::path path =
-      (is_directory(memory) ? memory : std::filesystem::temp_directory_path()) /
-      ("psp_faults." + std::to_string(getpid()));
-};
-
 // The places below a folder that allocate tagged memory, as their messages name them. What makes a
 // sync object or a tag names its place too.
 std::set<std::string> allocation_places(const char *sources) {
@@ -383,18 +372,9 @@ void leave_sync_slots(size_t count) {
 }
 
 const char *scratch_path(const char *name) {
-  static const ScratchFolder folder;
+  static const tests::Folder folder(true);
   static std::set<std::string> paths;
-  return paths.insert(folder.path / name).first->c_str();
-}
-
-void put_file(const char *path, std::string_view content) {
-  std::ofstream(path, std::ios::binary) << content;
-}
-
-std::string get_file(const char *path) {
-  std::ifstream file(path, std::ios::binary);
-  return {std::istreambuf_iterator<char>(file), {}};
+  return paths.insert(folder.path(name)).first->c_str();
 }
 
 FaultTest::FaultTest(const char *name, void (*body)()) : name(name), body(body) {

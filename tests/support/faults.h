@@ -10,10 +10,10 @@
 #include <cstdint>
 #include <functional>
 #include <string>
-#include <string_view>
 #include <vector>
 
 #include "os/os.h"
+#include "support/fixtures.h"
 #include "support/os_functions.h"
 
 namespace psp::faults {
@@ -110,10 +110,10 @@ void sweep(const Scenario &scenario);
 
 // ---- Tests --------------------------------------------------------------------------------------
 
-// Files of the tests: a path in a folder that goes with the process, and whole contents.
+// A path in a folder that goes with the process.
 const char *scratch_path(const char *name);
-void put_file(const char *path, std::string_view content);
-std::string get_file(const char *path);
+using tests::get_file;
+using tests::put_file;
 
 // Uses up the slots for sync objects but so many: the next object after those needs memory.
 void leave_sync_slots(size_t count);

@@ -4,14 +4,11 @@
 #include <random>
 
 #include "psp.h"
+#include "support/fixtures.h"
 
 namespace {
 
-class Random : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(psp_init(), PSP_OKAY); }
-  void TearDown() override { psp_term(); }
-};
+using Random = psp::tests::Started;
 
 TEST_F(Random, IsTheReferenceSequence) {
   for (const uint32_t seed : {0u, 1u, 5489u, 0x80000000u, 0xffffffffu}) {

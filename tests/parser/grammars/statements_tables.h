@@ -11,7 +11,9 @@ enum {
   STATEMENTS_TOKEN_NUMBER = 5,
   STATEMENTS_TOKEN_IS = 6,
   STATEMENTS_TOKEN_AND = 7,
-  STATEMENTS_TOKEN_END = 8
+  STATEMENTS_TOKEN_END = 8,
+  STATEMENTS_TOKEN_OPEN = 9,
+  STATEMENTS_TOKEN_CLOSE = 10
 };
 
 enum {
@@ -21,7 +23,10 @@ enum {
   STATEMENTS_RULE_SKIP = 4,
   STATEMENTS_RULE_RESUME = 5,
   STATEMENTS_RULE_AGAIN = 6,
-  STATEMENTS_RULE_JOIN = 8
+  STATEMENTS_RULE_OUTERMOST = 7,
+  STATEMENTS_RULE_JOIN = 9,
+  STATEMENTS_RULE_WRAP = 11,
+  STATEMENTS_RULE_MIDDLE = 12
 };
 
 static const int16_t statements_yyexca[] = {
@@ -29,36 +34,37 @@ static const int16_t statements_yyexca[] = {
 };
 
 static const int16_t statements_yyact[] = {
-    14, 13, 8, 15, 4, 7, 3, 6, 16, 5, 11, 12, 9, 10, 2, 1,
+    11, 4, 22, 3, 17, 13, 5, 7, 6, 20, 19, 21, 9, 23, 18, 8, 15, 16, 10, 12, 14, 2, 1,
 };
 
 static const int16_t statements_yypact[] = {
-    -1000, 2, -1000, 1, -3, 10, 5, -1000, 7, -1000, -7, -1000, -5, -1000, 3, -1000, -1000,
+    -1000, -1, -1000, 1, 7, 16, -4, 11, -1000, 13, -1000, -6, -1000, -4, 2, -1000, 3, -1000, -8,
+    -1000, 8, -1000, -1000, -1000,
 };
 
 static const int16_t statements_yypgo[] = {
-    0, 15, 14, 13,
+    0, 22, 21, 20, 0, 19,
 };
 
 static const int16_t statements_yyr1[] = {
-    0, 1, 1, 2, 2, 2, 2, 3, 3,
+    0, 1, 1, 2, 2, 2, 2, 2, 3, 3, 4, 4, 5,
 };
 
 static const int16_t statements_yyr2[] = {
-    0, 0, 2, 4, 2, 4, 2, 1, 3,
+    0, 0, 2, 4, 2, 4, 2, 3, 1, 3, 1, 3, 0,
 };
 
 static const int16_t statements_yychk[] = {
-    -1000, -1, -2, 4, 2, 7, 6, 8, 5, 2, -3, 5, 4, 8, 7, 8, 5,
+    -1000, -1, -2, 4, 2, 7, 9, 6, 8, 5, 2, -4, -5, 9, -3, 5, 4, 10, -4, 8, 7, 8, 10, 5,
 };
 
 static const int16_t statements_yydef[] = {
-    1, -2, 2, 0, 0, 0, 0, 4, 0, 6, 0, 7, 0, 3, 0, 5, 8,
+    1, -2, 2, 0, 0, 0, 12, 0, 4, 0, 6, 0, 10, 12, 0, 8, 0, 7, 0, 3, 0, 5, 11, 9,
 };
 
 static const psp_yyTables statements_tables = {
     2, /* the token error */
-    16, /* entries of yyact */
+    23, /* entries of yyact */
     statements_yyexca,
     statements_yyact,
     statements_yypact,

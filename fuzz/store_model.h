@@ -1,6 +1,6 @@
-// A model of the in-memory store, shared by the store's tests and its fuzz target: operations of
-// its choice on the store and on a map of names to bytes, with several handles a file, removals of
-// open files, and an iteration under way. Every result is the same.
+// A model of the in-memory store: operations of its choice on the store and on a map of names to
+// bytes, with several handles a file, removals of open files, and an iteration under way. Every
+// result is the same.
 #pragma once
 
 #include <algorithm>
@@ -15,7 +15,7 @@
 
 #include "psp.h"
 
-namespace psp::tests {
+namespace fuzz {
 
 class StoreModel {
  public:
@@ -271,4 +271,4 @@ class StoreModel {
   std::string last_;
 };
 
-}  // namespace psp::tests
+}  // namespace fuzz

@@ -1,5 +1,5 @@
 // The rules of a stream on the bytes of a file, without blocks, one character at a time: what the
-// tests and the fuzz target of streams compare psp_stream with.
+// fuzz targets compare psp_stream with.
 #pragma once
 
 #include <cstddef>
@@ -9,7 +9,7 @@
 
 #include "psp.h"
 
-namespace psp::tests {
+namespace fuzz {
 
 struct StreamModel {
   std::string file;
@@ -147,4 +147,4 @@ struct StreamModel {
   }
 };
 
-}  // namespace psp::tests
+}  // namespace fuzz
