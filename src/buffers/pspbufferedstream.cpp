@@ -22,25 +22,31 @@ constexpr uint32_t kCapacity = 5000;  // bytes that one call of a transport move
 
 }  // namespace
 
-// Bytes from position to filled are still to be handed out; position never passes filled.
+// Both buffers count up to 0 from minus the bytes that are left, as seen from the end: one addition
+// tells whether there is enough for a value, and the sum is where the value ends.
+//
+// The last -unread bytes before end are still to be handed out.
 struct psp_inputBuff {
+  ptrdiff_t unread;          // 0 or less
+  const unsigned char *end;  // of what the transport filled
+  bool swap;                 // values arrive in reversed order
   psp_transportRead read;
   psp_transportReadTimed timed_read;  // null: read serves
   void *context;
-  uint64_t swap_mask;  // all bits set: values arrive in reversed order
-  char *string;        // a string on its way; left behind only by a transport that jumped
-  uint32_t filled;
-  uint32_t position;
+  char *string;  // a string on its way; left behind only by a transport that jumped
   unsigned char bytes[kCapacity];
 };
 
-// The first used bytes wait for the transport. A full buffer waits too, until more bytes come.
+// All but the last -free bytes wait for the transport. A full buffer waits too, until more bytes
+// come.
 struct psp_outputBuff {
+  ptrdiff_t free;  // 0 or less
+  bool swap;       // as above
   psp_transportWrite write;
   void *context;
-  uint64_t swap_mask;  // as above
-  uint32_t used;
   unsigned char bytes[kCapacity];
+
+  unsigned char *end() { return bytes + kCapacity; }
 };
 
 namespace psp::buffers {
@@ -53,18 +59,19 @@ constexpr uint32_t kNullString = UINT32_MAX;  // the length that stands for a nu
 // this many bytes, terminator included, and its memory doubles only as its bytes really arrive.
 constexpr size_t kTrustedBytes = (size_t{1} << 20) + 1;
 
-uint64_t mask_of(uint16_t swap) { return swap != 0 ? UINT64_MAX : 0; }
-
+uint8_t reversed(uint8_t bits) { return bits; }
 uint16_t reversed(uint16_t bits) { return __builtin_bswap16(bits); }
 uint32_t reversed(uint32_t bits) { return __builtin_bswap32(bits); }
 uint64_t reversed(uint64_t bits) { return __builtin_bswap64(bits); }
 
-// The value's bits, reversed if the mask says so; without a branch. Floats come through here as
-// integers: a reversed float may look like a signalling NaN, which a floating-point register would
-// change.
+// The value's bits, reversed if the buffer says so. Floats come through here as integers: a
+// reversed float may look like a signalling NaN, which a floating-point register would change.
+// Written so that values to be reversed jump nowhere and others over one instruction.
 template <class Bits>
-Bits in_order(Bits bits, uint64_t swap_mask) {
-  return static_cast<Bits>(bits ^ ((bits ^ reversed(bits)) & static_cast<Bits>(swap_mask)));
+inline Bits in_order(Bits bits, bool swap) {
+  if (swap) [[likely]]
+    bits = reversed(bits);
+  return bits;
 }
 
 // ---- Input --------------------------------------------------------------------------------------
@@ -77,8 +84,9 @@ psp_status refill(psp_inputBuff *buff, uint32_t timeout) {
           ? buff->timed_read(buff->context, buff->bytes, kCapacity, &filled, timeout)
           : buff->read(buff->context, buff->bytes, kCapacity, &filled);
   if (status != PSP_OKAY) return status;
-  buff->filled = std::min(filled, kCapacity);
-  buff->position = 0;
+  filled = std::min(filled, kCapacity);
+  buff->end = buff->bytes + filled;
+  buff->unread = -static_cast<ptrdiff_t>(filled);
   return PSP_OKAY;
 }
 
@@ -87,28 +95,34 @@ psp_status refill(psp_inputBuff *buff, uint32_t timeout) {
 psp_status take_across(psp_inputBuff *buff, void *destination, uint32_t *wanted, uint32_t timeout) {
   auto *to = static_cast<unsigned char *>(destination);
   while (*wanted != 0) {
-    if (buff->position == buff->filled) {
+    if (buff->unread == 0) {
       const psp_status status = refill(buff, timeout);
       if (status != PSP_OKAY) return status;
     }
-    const uint32_t count = std::min(buff->filled - buff->position, *wanted);
+    const uint32_t count = std::min(static_cast<uint32_t>(-buff->unread), *wanted);
     if (to != nullptr && count != 0) {
-      std::memcpy(to, buff->bytes + buff->position, count);
+      std::memcpy(to, buff->end + buff->unread, count);
       to += count;
     }
-    buff->position += count;
+    buff->unread += static_cast<ptrdiff_t>(count);
     *wanted -= count;
   }
   return PSP_OKAY;
 }
 
+// Takes the number by value: in the usual way it then never has an address and stays in a register.
+[[gnu::noinline]] psp_status take_all_across(psp_inputBuff *buff, void *destination,
+                                             uint32_t wanted) {
+  return take_across(buff, destination, &wanted, 0);
+}
+
 inline psp_status take(psp_inputBuff *buff, void *destination, uint32_t wanted) {
-  if (destination == nullptr || buff->filled - buff->position < wanted) [[unlikely]] {
-    return take_across(buff, destination, &wanted, 0);
+  const ptrdiff_t unread = buff->unread;
+  if (destination == nullptr || static_cast<size_t>(-unread) < wanted) [[unlikely]] {
+    return take_all_across(buff, destination, wanted);
   }
-  const uint32_t position = buff->position;
-  buff->position = position + wanted;
-  std::memcpy(destination, buff->bytes + position, wanted);
+  buff->unread = unread + static_cast<ptrdiff_t>(wanted);
+  std::memcpy(destination, buff->end + unread, wanted);
   return PSP_OKAY;
 }
 
@@ -120,25 +134,23 @@ template <class Bits>
   if (status != PSP_OKAY || value == nullptr) return status;
   Bits bits;
   std::memcpy(&bits, value, sizeof bits);
-  bits = in_order(bits, buff->swap_mask);
+  bits = in_order(bits, buff->swap);
   std::memcpy(value, &bits, sizeof bits);
   return PSP_OKAY;
 }
 
-// Here and below a position moves on before bytes are stored, which for all the compiler knows may
-// be the position: it need not be loaded again.
 template <class Bits>
 inline psp_status get(psp_inputBuff *buff, void *value, uint32_t timeout = 0) {
   if (buff == nullptr) [[unlikely]]
     return PSP_ERR_INVARG;
-  const uint32_t position = buff->position;
-  if (value == nullptr || buff->filled - position < sizeof(Bits)) [[unlikely]] {
+  const ptrdiff_t rest = buff->unread + ptrdiff_t{sizeof(Bits)};
+  if (value == nullptr || rest > 0) [[unlikely]] {
     return get_across<Bits>(buff, value, timeout);
   }
-  buff->position = position + uint32_t{sizeof(Bits)};
+  buff->unread = rest;
   Bits bits;
-  std::memcpy(&bits, buff->bytes + position, sizeof bits);
-  bits = in_order(bits, buff->swap_mask);
+  std::memcpy(&bits, buff->end + rest - sizeof bits, sizeof bits);
+  bits = in_order(bits, buff->swap);
   std::memcpy(value, &bits, sizeof bits);
   return PSP_OKAY;
 }
@@ -219,24 +231,27 @@ psp_status get_string_into(psp_inputBuff *buff, char *destination, uint32_t size
 
 // ---- Output -------------------------------------------------------------------------------------
 
+void empty(psp_outputBuff *buff) { buff->free = -ptrdiff_t{kCapacity}; }
+
 // Writes what waits. A write that failed has sent nothing: the bytes go on waiting.
 psp_status flush(psp_outputBuff *buff) {
-  if (buff->used == 0) return PSP_OKAY;
-  const psp_status status = buff->write(buff->context, buff->bytes, buff->used);
-  if (status == PSP_OKAY) buff->used = 0;
+  const auto waiting = static_cast<uint32_t>(ptrdiff_t{kCapacity} + buff->free);
+  if (waiting == 0) return PSP_OKAY;
+  const psp_status status = buff->write(buff->context, buff->bytes, waiting);
+  if (status == PSP_OKAY) empty(buff);
   return status;
 }
 
 [[gnu::noinline]] psp_status put_across(psp_outputBuff *buff, const void *data, size_t count) {
   const auto *from = static_cast<const unsigned char *>(data);
   while (count != 0) {
-    if (buff->used == kCapacity) {
+    if (buff->free == 0) {
       const psp_status status = flush(buff);
       if (status != PSP_OKAY) return status;
     }
-    const size_t part = std::min<size_t>(kCapacity - buff->used, count);
-    std::memcpy(buff->bytes + buff->used, from, part);
-    buff->used += static_cast<uint32_t>(part);
+    const size_t part = std::min(static_cast<size_t>(-buff->free), count);
+    std::memcpy(buff->end() + buff->free, from, part);
+    buff->free += static_cast<ptrdiff_t>(part);
     from += part;
     count -= part;
   }
@@ -244,16 +259,15 @@ psp_status flush(psp_outputBuff *buff) {
 }
 
 inline psp_status put(psp_outputBuff *buff, const void *data, size_t count) {
-  const uint32_t used = buff->used;
-  if (kCapacity - used < count) [[unlikely]]
+  const ptrdiff_t free = buff->free;
+  if (static_cast<size_t>(-free) < count) [[unlikely]]
     return put_across(buff, data, count);
-  buff->used = used + static_cast<uint32_t>(count);
-  std::memcpy(buff->bytes + used, data, count);
+  buff->free = free + static_cast<ptrdiff_t>(count);
+  std::memcpy(buff->end() + free, data, count);
   return PSP_OKAY;
 }
 
-// A value, ordered already, for which there is no room. Takes it by value: in the usual way it then
-// never has an address and stays in a register.
+// A value, ordered already, for which there is no room; by value as above.
 template <class Bits>
 [[gnu::noinline]] psp_status put_value_across(psp_outputBuff *buff, Bits bits) {
   return put_across(buff, &bits, sizeof bits);
@@ -263,12 +277,12 @@ template <class Bits>
 inline psp_status put_value(psp_outputBuff *buff, Bits bits) {
   if (buff == nullptr) [[unlikely]]
     return PSP_ERR_INVARG;
-  bits = in_order(bits, buff->swap_mask);
-  const uint32_t used = buff->used;
-  if (kCapacity - used < sizeof bits) [[unlikely]]
+  bits = in_order(bits, buff->swap);
+  const ptrdiff_t rest = buff->free + ptrdiff_t{sizeof bits};
+  if (rest > 0) [[unlikely]]
     return put_value_across(buff, bits);
-  buff->used = used + uint32_t{sizeof bits};
-  std::memcpy(buff->bytes + used, &bits, sizeof bits);
+  buff->free = rest;
+  std::memcpy(buff->end() + rest - sizeof bits, &bits, sizeof bits);
   return PSP_OKAY;
 }
 
@@ -312,7 +326,7 @@ psp_status psp_inputBuffCreate(psp_transportRead read, psp_transportReadTimed ti
   created->read = read;
   created->timed_read = timed_read;
   created->context = context;
-  created->swap_mask = buffers::mask_of(swap);
+  created->swap = swap != 0;
   created->string = nullptr;
   psp_inputBuffReset(created);
   *buff = created;
@@ -326,9 +340,7 @@ void psp_inputBuffDestroy(psp_inputBuff *buff) {
 }
 
 psp_status psp_inputBuffGetChar(psp_inputBuff *buff, char *value) {
-  if (buff == nullptr) [[unlikely]]
-    return PSP_ERR_INVARG;
-  return buffers::take(buff, value, 1);
+  return buffers::get<uint8_t>(buff, value);
 }
 
 psp_status psp_inputBuffGetInt16(psp_inputBuff *buff, int16_t *value) {
@@ -375,8 +387,8 @@ psp_status psp_inputBuffGetBytes(psp_inputBuff *buff, void *destination, uint32_
 
 void psp_inputBuffReset(psp_inputBuff *buff) {
   if (buff == nullptr) return;
-  buff->filled = 0;
-  buff->position = 0;
+  buff->end = buff->bytes;
+  buff->unread = 0;
 }
 
 // ---- Exported: output ---------------------------------------------------------------------------
@@ -388,8 +400,8 @@ psp_status psp_outputBuffCreate(psp_transportWrite write, void *context, uint16_
   if (created == nullptr) return PSP_ERR_NOMEMORY;
   created->write = write;
   created->context = context;
-  created->swap_mask = buffers::mask_of(swap);
-  created->used = 0;
+  created->swap = swap != 0;
+  buffers::empty(created);
   *buff = created;
   return PSP_OKAY;
 }
@@ -397,9 +409,7 @@ psp_status psp_outputBuffCreate(psp_transportWrite write, void *context, uint16_
 void psp_outputBuffDestroy(psp_outputBuff *buff) { psp_freeMem(buff, nullptr); }
 
 psp_status psp_outputBuffPutChar(psp_outputBuff *buff, char value) {
-  if (buff == nullptr) [[unlikely]]
-    return PSP_ERR_INVARG;
-  return buffers::put(buff, &value, 1);
+  return buffers::put_value(buff, static_cast<uint8_t>(value));
 }
 
 psp_status psp_outputBuffPutInt16(psp_outputBuff *buff, int16_t value) {

@@ -15,7 +15,8 @@ struct ProcessState {
   std::atomic<bool> no_disk{false};
 };
 
-extern constinit ProcessState process_state;
+// Hidden here too, so that whoever asks loads it without asking for its address first.
+[[gnu::visibility("hidden")]] extern constinit ProcessState process_state;
 
 // True from the first step of the first start to the last step of the last stop.
 inline bool started() { return process_state.start_count.load(std::memory_order_acquire) != 0; }

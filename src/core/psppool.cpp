@@ -36,6 +36,7 @@ struct alignas(max_align_t) Chunk {
   uint32_t mark;
 
   void *content() { return this + 1; }
+  bool is_of(const psp_pool *asked) const { return pool == asked && mark == kHandedOut; }
   static Chunk *of(void *content) { return static_cast<Chunk *>(content) - 1; }
 };
 
@@ -68,6 +69,15 @@ psp_pool *make_pool(psp_tag *tag, bool is_fixed, bool thread_safe) PSP_UNCHECKED
   return nullptr;
 }
 
+// Expected, so that the way of such a pool runs straight on: the others pay for a lock anyway.
+inline bool is_of_one_thread(const psp_pool *pool) {
+  return __builtin_expect(pool->lock == PSP_SYNC_NONE, 1);
+}
+
+inline bool is_aligned(const void *content) {
+  return reinterpret_cast<uintptr_t>(content) % alignof(Chunk) == 0;
+}
+
 // The free chunk put back last, or null.
 inline Chunk *take_free_chunk(psp_pool *pool) {
   const BriefSyncGuard guard(pool->lock);
@@ -78,15 +88,21 @@ inline Chunk *take_free_chunk(psp_pool *pool) {
   return chunk;
 }
 
-// False when enough chunks wait.
-inline bool keep_chunk(psp_pool *pool, Chunk *chunk) {
-  const BriefSyncGuard guard(pool->lock);
+// Whoever calls holds the pool's lock, or is the only thread of a pool without one. False when
+// enough chunks wait.
+inline bool push_free_chunk(psp_pool *pool, Chunk *chunk) PSP_UNCHECKED {
   if (pool->free_count == kMostFreeChunks) return false;
   chunk->mark = kFree;
   chunk->next = pool->free_list;
   pool->free_list = chunk;
   ++pool->free_count;
   return true;
+}
+
+// False when enough chunks wait.
+inline bool keep_chunk(psp_pool *pool, Chunk *chunk) {
+  const BriefSyncGuard guard(pool->lock);
+  return push_free_chunk(pool, chunk);
 }
 
 [[gnu::noinline]] Chunk *new_chunk(size_t size, psp_pool *pool, const char *file, uint32_t line) {
@@ -149,6 +165,16 @@ inline void *hand_out(Chunk *chunk, psp_pool *pool) {
   return true;
 }
 
+// Every return but the usual one.
+[[gnu::noinline]] void put_chunk(void *content, psp_pool *pool) {
+  if (!is_aligned(content)) return report_foreign_chunk();
+  Chunk *chunk = Chunk::of(content);
+  if (!chunk->is_of(pool) && !adopt_foreign_chunk(pool, chunk)) return;
+  if (keep_chunk(pool, chunk)) return;
+  chunk->mark = 0;
+  psp_freeMem(chunk, pool->tag);
+}
+
 }  // namespace
 }  // namespace psp::core
 
@@ -163,8 +189,10 @@ void *psp_getMemFromPool(size_t size, psp_pool *pool, uint32_t mode, const void 
   if (pool == nullptr || !started()) [[unlikely]]
     return nullptr;
   // The most frequent request, apart from the others so that it saves no registers.
-  if (pool->lock == PSP_SYNC_NONE && mode != PSP_MEM_ZERO && mode != PSP_MEM_COPY) {
-    if (Chunk *chunk = take_fitting_chunk(pool, size)) return hand_out(chunk, pool);
+  if (is_of_one_thread(pool) && mode != PSP_MEM_ZERO && mode != PSP_MEM_COPY) [[likely]] {
+    Chunk *chunk = take_fitting_chunk(pool, size);
+    if (chunk != nullptr) [[likely]]
+      return hand_out(chunk, pool);
   }
   return get_chunk(size, pool, mode, source, file, line);
 }
@@ -172,15 +200,13 @@ void *psp_getMemFromPool(size_t size, psp_pool *pool, uint32_t mode, const void 
 void psp_putInPool(void *pointer, psp_pool *pool) {
   if (pointer == nullptr || pool == nullptr || !started()) [[unlikely]]
     return;
-  if (reinterpret_cast<uintptr_t>(pointer) % alignof(Chunk) != 0) [[unlikely]]
-    return report_foreign_chunk();
-  Chunk *chunk = Chunk::of(pointer);
-  if (chunk->pool != pool || chunk->mark != kHandedOut) [[unlikely]] {
-    if (!adopt_foreign_chunk(pool, chunk)) return;
+  // The most frequent return, apart from the others so that it saves no registers.
+  if (is_of_one_thread(pool) && is_aligned(pointer)) [[likely]] {
+    Chunk *chunk = Chunk::of(pointer);
+    if (chunk->is_of(pool) && push_free_chunk(pool, chunk)) [[likely]]
+      return;
   }
-  if (keep_chunk(pool, chunk)) return;
-  chunk->mark = 0;
-  psp_freeMem(chunk, pool->tag);
+  put_chunk(pointer, pool);
 }
 
 void psp_zFreePool(psp_pool **pool_variable) {
