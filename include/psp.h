@@ -305,8 +305,8 @@ PSP_API void *psp_getMemFromPool(size_t size, psp_pool *pool, uint32_t mode, con
  *
  *  @param pointer  a chunk; null does nothing. "Attempting to put a memory chunk into a pool that
  *                  didn't create it" is logged for anything but a chunk that this pool handed out:
- *                  another pool's chunk becomes one of this pool and its tag, a chunk that waits
- *                  already is left alone.
+ *                  another pool's chunk becomes one of this pool and its tag, and this pool checks
+ *                  sizes from then on; a chunk that waits already is left alone.
  *  @param pool     the pool; null does nothing.
  *  Thread rule of the pool. */
 PSP_API void psp_putInPool(void *pointer, psp_pool *pool);
@@ -1569,7 +1569,7 @@ typedef struct psp_queue psp_queue;
 /** Starts the module, if it is not started.
  *
  *  @param reset  not 0: end all queues that exist first, as psp_queueTerm(1).
- *  @return PSP_OKAY; PSP_FAILED when the library is not started or memory is short. */
+ *  @return PSP_OKAY; PSP_FAILED when the library is not started. */
 PSP_API psp_status psp_queueInit(int16_t reset) PSP_MUST_USE;
 
 /** Stops the module. It must run before the last psp_term.
@@ -1615,8 +1615,8 @@ PSP_API void psp_queueWrite(psp_queue *queue, psp_word data, psp_word extra, psp
  *                for a message, PSP_NO_LIMIT waits as long as it takes.
  *  @return PSP_OKAY; PSP_TIMEOUT; PSP_QUEUE_CLOSED, messages or not; PSP_FAILED when the queue is
  *          empty and limit is 0, when the queue or data is null, and when the queue was emptied by
- *          a purge between the wake-up and the look ("unexpected empty queue on NAME" is logged).
- */
+ *          a purge between the wake-up and the look ("unexpected empty queue on NAME" is logged;
+ *          of a name that is longer than 255 bytes the characters that fit there). */
 PSP_API psp_status psp_queueRead(psp_queue *queue, psp_word *data, psp_word *extra, psp_word *type,
                                  uint32_t limit) PSP_MUST_USE;
 
@@ -1791,7 +1791,8 @@ typedef struct {
   const int16_t *yyr1;   /* per rule: its nonterminal */
   const int16_t *yyr2;   /* per rule: its number of symbols */
   const int16_t *yychk;  /* per state: the symbol that leads there, nonterminals negative */
-  const int16_t *yydef;  /* per state: rule to reduce by default; 0: syntax error, -2: yyexca */
+  const int16_t *yydef;  /* per state: rule to reduce by default; 0: syntax error, -2: yyexca, less
+                            than 0 otherwise, there too: the input is accepted */
 } psp_yyTables;
 
 /** One parse. The engine reads it and changes nothing in it.
