@@ -1720,7 +1720,8 @@ typedef int32_t (*psp_serviceMain)(psp_word first, psp_word second);
  *
  *  As a service, a stop or a shutdown sets the stop flag; on Linux that is SIGTERM, which then
  *  reaches no handler of psp_handleInterrupt until the service has ended, and does what it did
- *  before after that. The log functions write to the log alone from then on.
+ *  before after that. The log functions write to the log alone from then on. On Linux the manager's
+ *  NOTIFY_SOCKET leaves the environment, so that programs which the service starts run directly.
  *
  *  @param name      the counter's name; it must last until the return.
  *  @param stopFlag  set to 1 by a stop, from another thread; may be null.
@@ -1744,13 +1745,16 @@ PSP_API void psp_serviceDone(void);
  *  cannot hold are escaped there; slashes, backslashes and control characters are refused, as are
  *  control characters in the command line. A unit of that name, wherever it lies, is never
  *  changed. Processes may install and uninstall at the same time. The service is told of stops
- *  only if it calls psp_serviceStart with the counter's name.
+ *  only if it calls psp_serviceStart with the counter's name; one that has not called it after 90
+ *  seconds is ended.
  *
  *  @param counterName       the name that the program gives to psp_serviceStart.
  *  @param serviceName       the name by which the manager knows the service.
  *  @param displayName       its title.
  *  @param description       more about it; null for none.
- *  @param programPath       the program, with an absolute path; quotes around it are dropped.
+ *  @param programPath       the program, with an absolute path; quotes around it are dropped. On
+ *                           Linux a bare name is looked for by the manager, and any other path is
+ *                           refused.
  *  @param programArguments  separated by blanks; double quotes keep blanks inside an argument, and
  *                           a backslash before a double quote makes it a character. Null is none.
  *  @return PSP_OKAY, even if the service could not be counted or started; PSP_NOACCESS when the
@@ -1760,8 +1764,9 @@ PSP_API psp_status psp_serviceInstall(const char *counterName, const char *servi
                                       const char *displayName, const char *description,
                                       const char *programPath, const char *programArguments);
 
-/** Stops and removes a service. Waits for its end where the manager tells it (on Linux it does).
- *  Needs no start.
+/** Stops and removes a service. Waits for its end where the manager tells it (on Linux it does);
+ *  but a program that runs as a service may remove itself, so that it only asks for the stop. Needs
+ *  no start.
  *
  *  @return PSP_OKAY; PSP_NOSERVICE when there is no such service; PSP_NOACCESS; PSP_FAILED for
  *          anything else. The counter is lowered on PSP_OKAY alone. */

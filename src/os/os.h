@@ -290,7 +290,8 @@ Error service_counter_add(const char *name, int32_t change);
 enum class ServiceRun { kFailed, kNotStartedByManager, kEnded };
 
 // Serves the manager that started this process: calls service_main with its argument, on a thread
-// of the platform's choice, and returns after that. Fails while another call serves.
+// of the platform's choice, and returns after that. Fails while another call serves. No program
+// that this process starts afterwards takes itself for the service.
 ServiceRun service_run(const char *name, void (*service_main)(void *), void *argument);
 
 enum class ServiceControl { kStop, kOther };  // a shutdown is a stop
@@ -316,6 +317,7 @@ Error service_report(const ServiceStatus &status);
 Error service_manager_open();
 
 struct ServiceSetup {
+  const char *counter;  // the installation counter
   const char *name;
   const char *display_name;
   const char *description;   // null: none
@@ -323,15 +325,18 @@ struct ServiceSetup {
   size_t program_bytes;      // how many bytes of it are the program
 };
 
-// Makes a service that starts with the system. It exists whole or not at all; an existing one is
-// never changed.
+// Makes a service that starts with the system, and raises its counter first, if it can: a service
+// that starts uncounted never tells that it is ready. It exists whole or not at all; an existing
+// one is never changed.
 Error service_create(const ServiceSetup &setup);
 // Asks for the start; waits for nothing.
 Error service_start(const char *name);
 // kNotFound tells that there is no such service.
 Error service_find(const char *name);
-// Sends the stop control. Waits for the end of the service where the manager tells it.
+// Sends the stop control. Waits for the end of the service where the manager tells it, unless
+// service_run serves in this process: it may be the one.
 Error service_stop(const char *name);
+// Fails with the service as it was, but perhaps no more to be started with the system.
 Error service_delete(const char *name);
 
 }  // namespace psp::os
