@@ -352,8 +352,8 @@ PSP_API void *psp_getMemFromPool(size_t size, psp_pool *pool, uint32_t mode, con
  *
  *  @param pointer  a chunk; null does nothing. "Attempting to put a memory chunk into a pool that
  *                  didn't create it" is logged for anything but a chunk that this pool handed out:
- *                  another pool's chunk becomes one of this pool and its tag, a chunk that waits
- *                  already is left alone.
+ *                  another pool's chunk becomes one of this pool and its tag, and this pool checks
+ *                  sizes from then on; a chunk that waits already is left alone.
  *  @param pool     the pool; null does nothing.
  *
  *  Threads: as the pool. Start: needed, else it does nothing. Memory: needs none. */
@@ -2157,10 +2157,9 @@ typedef struct psp_queue psp_queue;
 /** Starts the module, if it is not started.
  *
  *  @param reset  not 0: end all queues that exist first, as psp_queueTerm(1).
- *  @return PSP_OKAY; PSP_FAILED.
+ *  @return PSP_OKAY; PSP_FAILED when the library is not started.
  *
- *  Threads: any. Start: needed, else PSP_FAILED. Memory: if short, PSP_FAILED; what reset ended is
- *  gone. */
+ *  Threads: any. Start: needed, else PSP_FAILED. Memory: needs none. */
 PSP_API psp_status psp_queueInit(int16_t reset) PSP_MUST_USE;
 
 /** Stops the module. It must run before the last psp_term.
@@ -2219,7 +2218,8 @@ PSP_API void psp_queueWrite(psp_queue *queue, psp_word data, psp_word extra, psp
  *                     wait for a message, PSP_NO_LIMIT waits as long as it takes.
  *  @return PSP_OKAY; PSP_TIMEOUT; PSP_QUEUE_CLOSED, messages or not; PSP_FAILED when the queue is
  *          empty and limit is 0, when the queue or data is null, and when the queue was emptied by
- *          a purge between the wake-up and the look ("unexpected empty queue on NAME" is logged).
+ *          a purge between the wake-up and the look ("unexpected empty queue on NAME" is logged;
+ *          of a name that is longer than 255 bytes the characters that fit there).
  *
  *  Threads: any. Start: that of the queue. Memory: needs none. */
 PSP_API psp_status psp_queueRead(psp_queue *queue, psp_word *data, psp_word *extra, psp_word *type,
@@ -2390,7 +2390,8 @@ typedef int32_t (*psp_serviceMain)(psp_word first, psp_word second);
  *
  *  As a service, a stop or a shutdown sets the stop flag; on Linux that is SIGTERM, which then
  *  reaches no handler of psp_handleInterrupt until the service has ended, and does what it did
- *  before after that. The log functions write to the log alone from then on.
+ *  before after that. The log functions write to the log alone from then on. On Linux the manager's
+ *  NOTIFY_SOCKET leaves the environment, so that programs which the service starts run directly.
  *
  *  @param name          the counter's name.
  *  @param stopFlag      set to 1 by a stop, from another thread, as an atomic store: read it as an
@@ -2419,13 +2420,16 @@ PSP_API void psp_serviceDone(void);
  *  On Linux it writes the unit /etc/systemd/system/NAME.service. Characters that a unit's name
  *  cannot hold are escaped there; slashes, backslashes and control characters are refused, as are
  *  control characters in the command line. A unit of that name, wherever it lies, is never changed.
- *  The service is told of stops only if it calls psp_serviceStart with the counter's name.
+ *  The service is told of stops only if it calls psp_serviceStart with the counter's name; one that
+ *  has not called it after 90 seconds is ended.
  *
  *  @param counterName       the name that the program gives to psp_serviceStart.
  *  @param serviceName       the name by which the manager knows the service.
  *  @param displayName       its title.
  *  @param description       more about it; null for none.
- *  @param programPath       the program, with an absolute path; quotes around it are dropped.
+ *  @param programPath       the program, with an absolute path; quotes around it are dropped. On
+ *                           Linux a bare name is looked for by the manager, and any other path is
+ *                           refused.
  *  @param programArguments  separated by blanks; double quotes keep blanks inside an argument, and
  *                           a backslash before a double quote makes it a character. Null is none.
  *  @return PSP_OKAY, even if the service could not be counted or started; PSP_NOACCESS when the
@@ -2438,7 +2442,8 @@ PSP_API psp_status psp_serviceInstall(const char *counterName, const char *servi
                                       const char *displayName, const char *description,
                                       const char *programPath, const char *programArguments);
 
-/** Stops and removes a service. Waits for its end where the manager tells it (on Linux it does). A
+/** Stops and removes a service. Waits for its end where the manager tells it (on Linux it does);
+ *  but a program that runs as a service may remove itself, so that it only asks for the stop. A
  *  service that the manager does not stop is removed all the same.
  *
  *  @param counterName,serviceName  as in psp_serviceInstall.
@@ -2472,7 +2477,8 @@ typedef struct {
   const int16_t *yyr1;   /* per rule: its nonterminal */
   const int16_t *yyr2;   /* per rule: its number of symbols */
   const int16_t *yychk;  /* per state: the symbol that leads there, nonterminals negative */
-  const int16_t *yydef;  /* per state: rule to reduce by default; 0: syntax error, -2: yyexca */
+  const int16_t *yydef;  /* per state: rule to reduce by default; 0: syntax error, -2: yyexca, less
+                            than 0 otherwise, there too: the input is accepted */
 } psp_yyTables;
 
 /** One parse. The engine reads it and changes nothing in it.

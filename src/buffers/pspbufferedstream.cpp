@@ -214,7 +214,8 @@ psp_status get_string(psp_inputBuff *buff, char **value) {
   return value != nullptr ? take_string(buff, length, value) : take(buff, nullptr, length);
 }
 
-// The destination is a terminated string whatever happens, a jump before the first byte included.
+// The destination is a terminated string however the call returns, and empty if the transport jumps
+// before its first byte. A jump out of a later read leaves what was copied without an end.
 psp_status get_string_into(psp_inputBuff *buff, char *destination, uint32_t size) {
   destination[0] = '\0';
   uint32_t length = 0;

@@ -8,6 +8,7 @@
 //
 // Lock: that of a thread-safe pool guards its free list. Chunks are obtained and released outside
 // it, and nothing is reported under it.
+#include <atomic>
 #include <cstring>
 
 #include "core/checked.h"
@@ -44,9 +45,9 @@ struct alignas(max_align_t) Chunk {
 }  // namespace psp::core
 
 struct psp_pool {
-  psp_sync lock;  // PSP_SYNC_NONE for a pool of one thread
-  psp_tag *tag;   // of the record and the chunks; null is the default tag
-  bool is_fixed;  // all requests are of one size
+  psp_sync lock;               // PSP_SYNC_NONE for a pool of one thread
+  psp_tag *tag;                // of the record and the chunks; null is the default tag
+  std::atomic<bool> is_fixed;  // all requests are of one size, and no chunk is smaller
   uint32_t free_count PSP_GUARDED_BY(lock);
   psp::core::Chunk *free_list PSP_GUARDED_BY(lock);
 };
@@ -59,7 +60,7 @@ psp_pool *make_pool(psp_tag *tag, bool is_fixed, bool thread_safe) PSP_UNCHECKED
       psp_getMem(sizeof(psp_pool), tag, PSP_MEM_ZERO, nullptr, kSource, __LINE__));
   if (pool == nullptr) return nullptr;
   pool->tag = tag;
-  pool->is_fixed = is_fixed;
+  pool->is_fixed.store(is_fixed, std::memory_order_relaxed);
   pool->lock = PSP_SYNC_NONE;
   if (!thread_safe) return pool;
   pool->lock = sync_create(PSP_SYNC_EXCL, LockRank::kPool, kSource, __LINE__);
@@ -117,10 +118,14 @@ inline bool keep_chunk(psp_pool *pool, Chunk *chunk) {
   });
 }
 
+inline bool fits(const psp_pool *pool, const Chunk *chunk, size_t size) {
+  return pool->is_fixed.load(std::memory_order_relaxed) || chunk->capacity >= size;
+}
+
 // The pool's thread only: the free chunk put back last if it will do, else null.
 inline Chunk *take_fitting_chunk(psp_pool *pool, size_t size) PSP_UNCHECKED {
   Chunk *chunk = pool->free_list;
-  if (chunk == nullptr || (!pool->is_fixed && chunk->capacity < size)) return nullptr;
+  if (chunk == nullptr || !fits(pool, chunk, size)) return nullptr;
   pool->free_list = chunk->next;
   --pool->free_count;
   return chunk;
@@ -137,7 +142,7 @@ inline void *hand_out(Chunk *chunk, psp_pool *pool) {
                                   const char *file, uint32_t line) {
   if (mode == PSP_MEM_COPY && source == nullptr) return nullptr;
   Chunk *chunk = take_free_chunk(pool);
-  if (chunk != nullptr && !pool->is_fixed && chunk->capacity < size) {
+  if (chunk != nullptr && !fits(pool, chunk, size)) {
     chunk->mark = 0;
     psp_freeMem(chunk, pool->tag);
     chunk = nullptr;
@@ -157,11 +162,14 @@ inline void *hand_out(Chunk *chunk, psp_pool *pool) {
 }
 
 // Whether the chunk, which is not one handed out by this pool, may be taken in: it is another
-// pool's. Its block moves to this pool's tag, so that it lives and is released with that.
+// pool's. Its block moves to this pool's tag, so that it lives and is released with that. It is of
+// any size, so that sizes are checked from now on: whoever takes it off the free list sees that,
+// since this comes before the lock under which it is put there.
 [[gnu::cold, gnu::noinline]] bool adopt_foreign_chunk(psp_pool *pool, Chunk *chunk) {
   report_foreign_chunk();
   if (chunk->mark != kHandedOut) return false;
   psp_moveMemTag(chunk, pool->tag, chunk->tag);
+  pool->is_fixed.store(false, std::memory_order_relaxed);
   return true;
 }
 

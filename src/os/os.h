@@ -337,7 +337,8 @@ enum class ServiceRun { kFailed, kNotStartedByManager, kEnded };
 
 // Serves the manager that started this process: calls service_main with its argument, on a thread
 // of the platform's choice, and returns after that. kNotStartedByManager at once where there is no
-// such manager; kFailed while another call serves, or where the manager refuses.
+// such manager; kFailed while another call serves, or where the manager refuses. No program that
+// this process starts afterwards takes itself for the service.
 ServiceRun service_run(const char *name, void (*service_main)(void *), void *argument);
 
 enum class ServiceControl { kStop, kOther };  // a shutdown is a stop
@@ -365,6 +366,7 @@ Error service_report(const ServiceStatus &status);
 Error service_manager_open();
 
 struct ServiceSetup {
+  const char *counter;  // the installation counter
   const char *name;
   const char *display_name;
   const char *description;   // null: none
@@ -372,17 +374,19 @@ struct ServiceSetup {
   size_t program_bytes;      // how many bytes of it are the program
 };
 
-// Makes a service that starts with the system. It exists whole or, where this fails, not at all; an
-// existing one is never changed, but fails.
+// Makes a service that starts with the system, and raises its counter first, if it can: a service
+// that starts uncounted never tells that it is ready. It exists whole or, where this fails, not at
+// all; an existing one is never changed, but fails.
 Error service_create(const ServiceSetup &setup);
 // Asks for the start; waits for nothing. Fails where it cannot be asked for.
 Error service_start(const char *name);
 // Looks for a service; fails with kNotFound where there is none.
 Error service_find(const char *name);
-// Sends the stop control. Waits for the end of the service where the manager tells it. Fails where
-// the manager refuses.
+// Sends the stop control. Waits for the end of the service where the manager tells it, unless
+// service_run serves in this process: it may be the one. Fails where the manager refuses.
 Error service_stop(const char *name);
-// Removes a service, running or not: it starts no more. Fails with the service still there.
+// Removes a service, running or not: it starts no more. Fails with the service as it was, but
+// perhaps no more to be started with the system.
 Error service_delete(const char *name);
 
 }  // namespace psp::os

@@ -4,10 +4,10 @@
 // tag of its own, which holds its record, its name and the nodes of its messages; nodes are
 // obtained many at a time, and those taken out of the line serve later writes.
 //
-// Locks, in this order: the registry lock guards the list of queues and the queues' tags; a queue's
-// reader lock is the turn to wait for a message; its queue lock guards its messages. A reader takes
-// the reader lock only when it has to wait or another reader waits; it waits at the gate with the
-// reader lock alone. Nothing is reported under a reader or queue lock.
+// Locks, in this order: the registry lock, which is there always, guards the list of queues and the
+// queues' tags; a queue's reader lock is the turn to wait for a message; its queue lock guards its
+// messages. A reader takes the reader lock only when it has to wait or another reader waits; it
+// waits at the gate with the reader lock alone. Nothing is reported under any of them.
 //
 // Whoever sees the effect of a write or a close may delete the queue. So neither touches any part
 // of the queue once it has left the queue lock: the gate is opened under it, and the wake-up
@@ -15,7 +15,6 @@
 #include <cstring>
 #include <new>
 
-#include "core/critical_section.h"
 #include "core/exported_call.h"
 #include "core/sync.h"
 #include "os/os.h"
@@ -60,8 +59,8 @@ namespace {
 
 using core::BriefSyncGuard;
 using core::exported_call;
+using core::LockGuard;
 using core::LockRank;
-using core::SyncGuard;
 
 constexpr char kSource[] = "pspqueue.cpp";
 
@@ -70,23 +69,19 @@ constexpr size_t kReportedNameBytes = 256;  // of a queue's name in a message
 constexpr psp_status kMustWait = -1;        // no result of psp_queueRead
 
 struct State {
-  // Made in the global critical section. It is void when it belongs to an earlier life of the
-  // library, which ended without psp_queueTerm.
-  std::atomic<psp_sync> registry_lock{nullptr};
-  std::atomic<uint32_t> life{0};
-
-  psp_queue *newest = nullptr;  // guarded by the registry lock, as is the count
-  uint32_t count = 0;
+  core::Lock lock{LockRank::kQueueRegistry};  // the registry lock
+  // The life of the library in which the module was started; 0: it is not started. The queues are
+  // void when they belong to an earlier life, which ended without psp_queueTerm.
+  uint32_t life PSP_GUARDED_BY(lock) = 0;
+  psp_queue *newest PSP_GUARDED_BY(lock) = nullptr;
+  uint32_t count PSP_GUARDED_BY(lock) = 0;
 };
 
 constinit State state;
 
-// The registry lock; null while the module is not started.
-psp_sync registry_lock() {
-  const psp_sync lock = state.registry_lock.load(std::memory_order_acquire);
-  const bool alive =
-      state.life.load(std::memory_order_relaxed) == core::sync_life.load(std::memory_order_relaxed);
-  return alive ? lock : nullptr;
+// Whether the module is started. It may be stopped as soon as the lock is left.
+bool is_started() PSP_REQUIRES(state.lock) {
+  return state.life != 0 && state.life == core::sync_life.load(std::memory_order_relaxed);
 }
 
 // False, after a message, for no queue. A queue that lost its name is told and used.
@@ -133,21 +128,26 @@ psp_queue *make_queue(psp_tag *tag, const char *name) {
   return queue;
 }
 
-psp_queue *create_queue(const char *name) {
-  const psp_sync lock = registry_lock();
-  if (lock == nullptr) return nullptr;
-  psp_tag *tag = psp_createTagEx(nullptr, 0, kSource, __LINE__);
-  if (tag == PSP_TAG_FAILED) return nullptr;
-  psp_queue *queue = make_queue(tag, name);
-  if (queue == nullptr) {
-    psp_freeTagMemory(tag, 1);
-    return nullptr;
-  }
-  const SyncGuard guard(lock);
+// False when the module is not started.
+bool enter_in_registry(psp_queue *queue) {
+  const LockGuard guard(state.lock);
+  if (!is_started()) return false;
   queue->older = state.newest;
   state.newest = queue;
   ++state.count;
-  return queue;
+  return true;
+}
+
+psp_queue *create_queue(const char *name) {
+  psp_tag *tag = psp_createTagEx(nullptr, 0, kSource, __LINE__);
+  if (tag == PSP_TAG_FAILED) return nullptr;
+  psp_queue *queue = make_queue(tag, name);
+  if (queue != nullptr) {
+    if (enter_in_registry(queue)) return queue;
+    delete_sync_objects(*queue);
+  }
+  psp_freeTagMemory(tag, 1);
+  return nullptr;
 }
 
 void close_queue(psp_queue *queue) {
@@ -161,8 +161,8 @@ void close_queue(psp_queue *queue) {
   if (has_sleepers) wake_all(gate_word);
 }
 
-// Ends a queue that is in the registry no more. The registry lock is held.
-void end_queue(psp_queue *queue) {
+// Ends a queue that is in the registry no more.
+void end_queue(psp_queue *queue) PSP_REQUIRES(state.lock) {
   close_queue(queue);
   {
     // Whoever waits for a message leaves now, and whoever is still on its way out.
@@ -175,9 +175,8 @@ void end_queue(psp_queue *queue) {
 
 // False when the queue is not in the registry. It is not touched then: it may be gone.
 bool delete_queue(psp_queue *queue) {
-  const psp_sync lock = registry_lock();
-  if (lock == nullptr) return false;
-  const SyncGuard guard(lock);
+  const LockGuard guard(state.lock);
+  if (!is_started()) return false;
   psp_queue **link = &state.newest;
   while (*link != nullptr && *link != queue) link = &(*link)->older;
   if (*link == nullptr) return false;
@@ -186,6 +185,14 @@ bool delete_queue(psp_queue *queue) {
   --state.count;
   end_queue(queue);
   return true;
+}
+
+void end_all_queues() PSP_REQUIRES(state.lock) {
+  while (psp_queue *queue = state.newest) {
+    state.newest = queue->older;
+    end_queue(queue);
+  }
+  state.count = 0;
 }
 
 // ---- Messages -----------------------------------------------------------------------------------
@@ -197,11 +204,13 @@ void change_count(psp_queue *queue, uint32_t change) {
 }
 
 // Gives the queue nodes for later writes; false when memory is short, which has been reported.
-// Obtained under the registry lock, since a report may not be made under the queue lock.
+// Obtained under the registry lock, as the queue's tag wants it.
 bool add_nodes(psp_queue *queue) {
   Node *nodes;
   {
-    const SyncGuard guard(registry_lock());
+    const core::PutOffReports put_off;
+    const LockGuard guard(state.lock);
+    if (!is_started()) return false;
     nodes = static_cast<Node *>(psp_getMem(kNodesAtATime * sizeof(Node), queue->tag, PSP_MEM_ALLOC,
                                            nullptr, kSource, __LINE__));
   }
@@ -267,6 +276,19 @@ psp_status read_at_once(psp_queue *queue, Message *message, uint32_t limit)
   return limit == 0 ? PSP_FAILED : kMustWait;
 }
 
+// The name, or as many whole characters of it as fit.
+void copy_name(char (&copy)[kReportedNameBytes], const char *name) {
+  constexpr size_t kLongestCharacter = 4;
+  const auto continues_character = [](char c) { return (c & 0xC0) == 0x80; };
+  size_t length = std::strlen(name);
+  if (length >= sizeof copy) {
+    length = sizeof copy - 1;
+    while (continues_character(name[length]) && length > sizeof copy - kLongestCharacter) --length;
+  }
+  std::memcpy(copy, name, length);
+  copy[length] = '\0';
+}
+
 // A reader gets the turn, and waits for a message if it has to. The gate is closed, and the closed
 // flag and the messages are looked at, under one hold of the queue lock, under which every write
 // and close opens the gate: no message and no close is missed.
@@ -288,7 +310,7 @@ psp_status read_in_turn(psp_queue *queue, Message *message, uint32_t limit) {
     const psp_status status = read_at_once(queue, message, 0);
     if (status != PSP_FAILED) return status;
     // Once the locks are left, the queue may be deleted.
-    if (queue->name != nullptr) psp_snprintf(name, sizeof name, "%s", queue->name);
+    if (queue->name != nullptr) copy_name(name, queue->name);
   }
   psp_log("unexpected empty queue on %s", name);
   return PSP_FAILED;
@@ -332,38 +354,23 @@ void purge_messages(psp_queue *queue, psp_word type) PSP_REQUIRES(queue->queue_l
 using namespace psp::os;
 
 psp_status psp_queueInit(int16_t reset) {
-  if (reset != 0) psp_queueTerm(reset);
-  return exported_call([&]() -> psp_status {
-    const psp::core::CriticalSection inside;
-    if (registry_lock() != nullptr) return PSP_OKAY;
-    // The queues of an earlier life went with its tags.
-    state.newest = nullptr;
-    state.count = 0;
-    state.life.store(psp::core::sync_life.load(std::memory_order_relaxed),
-                     std::memory_order_relaxed);
-    const psp_sync lock =
-        psp::core::sync_create(PSP_SYNC_EXCL, LockRank::kQueueRegistry, kSource, __LINE__);
-    const bool made = lock != PSP_SYNC_NONE;
-    state.registry_lock.store(made ? lock : nullptr, std::memory_order_release);
-    return made ? PSP_OKAY : PSP_FAILED;
-  });
+  const LockGuard guard(state.lock);
+  if (is_started()) {
+    if (reset != 0) end_all_queues();
+    return PSP_OKAY;
+  }
+  // The queues of an earlier life went with its tags.
+  state.newest = nullptr;
+  state.count = 0;
+  state.life = psp::core::sync_life.load(std::memory_order_relaxed);
+  return is_started() ? PSP_OKAY : PSP_FAILED;
 }
 
 void psp_queueTerm(int16_t force) {
-  const psp::core::CriticalSection inside;
-  const psp_sync lock = registry_lock();
-  if (lock == nullptr) return;
-  {
-    const SyncGuard guard(lock);
-    if (force == 0 && state.count != 0) return;
-    while (psp_queue *queue = state.newest) {
-      state.newest = queue->older;
-      end_queue(queue);
-    }
-    state.count = 0;
-  }
-  state.registry_lock.store(nullptr, std::memory_order_release);
-  psp_syncDelete(lock);
+  const LockGuard guard(state.lock);
+  if (!is_started() || (force == 0 && state.count != 0)) return;
+  end_all_queues();
+  state.life = 0;
 }
 
 psp_queue *psp_queueCreate(const char *name) {
@@ -375,9 +382,8 @@ void psp_queueDelete(psp_queue *queue) {
 }
 
 psp_queue *psp_queueFind(const char *name) {
-  const psp_sync lock = registry_lock();
-  if (name == nullptr || lock == nullptr) return nullptr;
-  const SyncGuard guard(lock);
+  const LockGuard guard(state.lock);
+  if (name == nullptr || !is_started()) return nullptr;
   psp_queue *queue = state.newest;
   while (queue != nullptr && (queue->name == nullptr || std::strcmp(queue->name, name) != 0)) {
     queue = queue->older;

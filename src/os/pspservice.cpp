@@ -146,12 +146,12 @@ psp_status refuse_argument() {
   return PSP_FAILED;
 }
 
-os::Error create(const char *name, const char *display_name, const char *description,
-                 const char *path, const char *arguments) {
+// The setup lacks the command line.
+os::Error create(os::ServiceSetup setup, const char *path, const char *arguments) {
   char *command_line = psp_makeStrVA(kSource, __LINE__, nullptr, "%s %s", path, arguments);
   if (command_line == nullptr) return os::refusal_code(os::Refusal::kInvalidArgument);
-  const os::Error error =
-      os::service_create({name, display_name, description, command_line, std::strlen(path)});
+  setup.command_line = command_line;
+  const os::Error error = os::service_create(setup);
   const os::LastErrorKeeper keeper;
   psp_freeMem(command_line, nullptr);
   return error;
@@ -185,11 +185,14 @@ psp_status psp_serviceInstall(const char *counterName, const char *serviceName,
   return psp::core::exported_call([&] {
     const psp_status status = open_manager();
     if (status != PSP_OKAY) return status;
-    if (create(serviceName, displayName, description, programPath, arguments) != 0) {
-      return psp_status{PSP_FAILED};
-    }
+    const os::ServiceSetup setup = {.counter = counterName,
+                                    .name = serviceName,
+                                    .display_name = displayName,
+                                    .description = description,
+                                    .command_line = nullptr,
+                                    .program_bytes = std::strlen(programPath)};
+    if (create(setup, programPath, arguments) != 0) return psp_status{PSP_FAILED};
     const os::LastErrorKeeper keeper;
-    os::service_counter_add(counterName, 1);
     os::service_start(serviceName);
     return psp_status{PSP_OKAY};
   });

@@ -295,10 +295,10 @@ template <size_t kSize>
     if (action == kByLookahead) {
       if (lookahead < 0) lookahead = read_token(context, lookahead_value);
       action = exceptional_action(tables.yyexca, state, lookahead);
-      if (action < 0) return {kAccepted, false};
     }
 
-    if (action == kSyntaxError) [[unlikely]] {
+    if (action <= kSyntaxError) [[unlikely]] {
+      if (action < kSyntaxError) return {kAccepted, false};  // from either table
       if (error_state < 3) {
         error_state = 3;
         int next = 0;

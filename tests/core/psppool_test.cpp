@@ -119,6 +119,15 @@ TEST_F(Pool, TakesNoHarmFromWhatItDidNotHandOut) {
   EXPECT_EQ(get(300, PSP_MEM_ZERO), chunk);
   EXPECT_EQ(output_of([&] { put(chunk); }), "");
 
+  // A pool of one size must not hand an adopted chunk out for more than it holds.
+  for (const uint32_t thread_safe : {0, 1}) {
+    psp_pool *fixed = psp_allocPool(tag, 1, thread_safe);
+    chunk = get(16);
+    EXPECT_EQ(output_of([&] { psp_putInPool(chunk, fixed); }), kForeign);
+    EXPECT_NE(psp_getMemFromPool(4096, fixed, PSP_MEM_ZERO, nullptr, "here.c", 7), nullptr);
+    psp_zFreePool(&fixed);
+  }
+
   put(nullptr);
   psp_putInPool(chunk, nullptr);
   psp_zFreePool(nullptr);

@@ -62,6 +62,7 @@ FAULT_TEST(ServiceFaults, ServiceThatCannotBeRunIsNotRun) {
   scenario.prepare = [] {
     use_private_places();
     ASSERT_EQ(psp::os::service_counter_add("f", 1), 0u);
+    unsetenv("SYSTEMD_EXEC_PID");
     setenv("NOTIFY_SOCKET", scratch_path("nobody"), 1);
   };
   scenario.act = [] {

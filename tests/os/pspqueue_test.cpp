@@ -260,6 +260,27 @@ TEST_F(QueueEnd, ReaderOfTheLastMessageMayDeleteTheQueue) {
   }
 }
 
+TEST_F(QueueEnd, ModuleThatStopsLosesNoQueue) {
+  std::atomic<bool> done{false};
+  std::thread stopper([&] {
+    while (!done) {
+      psp_queueTerm(0);
+      EXPECT_EQ(psp_queueInit(0), PSP_OKAY);
+    }
+  });
+  EXPECT_EQ(output_of([] {
+              for (int round = 0; round < 100000; ++round) {
+                psp_queue *queue = psp_queueCreate("q");
+                if (queue == nullptr) continue;
+                ASSERT_EQ(psp_queueFind("q"), queue);
+                psp_queueDelete(queue);
+              }
+            }),
+            "");
+  done = true;
+  stopper.join();
+}
+
 TEST_F(QueueEnd, WaitingReaderLeavesADeletedQueue) {
   for (int round = 0; round < 1000; ++round) {
     psp_queue *queue = psp_queueCreate("deleted");

@@ -1,6 +1,7 @@
 // Services, with a stand-in for the manager: a datagram socket, a private folder, and a script that
 // writes down what the manager's command is asked.
 #include <gtest/gtest.h>
+#include <pthread.h>
 #include <signal.h>
 #include <sys/socket.h>
 #include <sys/stat.h>
@@ -24,11 +25,14 @@ namespace {
 namespace fs = std::filesystem;
 namespace os = psp::os;
 
-// Answers "cat" by the units that there are and fails for the verb in the file "failing".
+
+// Answers "cat" by the units that there are and fails for the verb in the file "failing". Tells of
+// a descriptor of the test's that the command's parent has.
 constexpr char kScript[] =
     "#!/bin/sh\n"
     "cd \"${0%/*}\"\n"
     "echo \"$@\" | sed 's/--no-ask-password --quiet //' >>commands\n"
+    "test ! -e /proc/$PPID/fd/77 || echo 77 >>commands\n"
     "case \"$*\" in *\" $(cat failing)\"*) exit 1;; esac\n"
     "case \"$3\" in cat) test -e \"units/$5\";; esac\n";
 
@@ -43,7 +47,9 @@ class Service : public testing::Test, protected psp::tests::Folder {
     chmod(script.c_str(), 0755);
     fail_verb("nothing");
     os::service_places = {counters.c_str(), units.c_str(), folder.c_str(), script.c_str()};
+    dup2(STDOUT_FILENO, 77);
     unsetenv("NOTIFY_SOCKET");
+    unsetenv("SYSTEMD_EXEC_PID");
     EXPECT_EQ(psp_init(), PSP_OKAY);
   }
   ~Service() override { psp_term(); }
@@ -86,10 +92,15 @@ void send(int signal) {
 
 int32_t run_as_service(psp_word first, psp_word second) {
   psp_handleInterrupt([] { ++hang_ups; });
-  EXPECT_EQ(next_report(), "STATUS=Start pending, check point 1\nEXTEND_TIMEOUT_USEC=5000000");
-  psp_serviceStarted();
-  EXPECT_EQ(next_report(), "READY=1\nSTATUS=Running");
-  for (const char *check_point : {"2", "3"}) {
+  EXPECT_EQ(next_report(),
+            "STATUS=Start pending, check point 1\nEXTEND_TIMEOUT_USEC=31536000000000");
+  EXPECT_EQ(std::getenv("NOTIFY_SOCKET"), nullptr) << "programs started here inherit it";
+  EXPECT_EQ(psp_serviceStart("s", nullptr, first, second, run_as_service), 0);  // not a second one
+  for (const char *check_point : {"2", "3", "4"}) {
+    if (*check_point == '3') {  // after the first stop
+      psp_serviceStarted();
+      EXPECT_EQ(next_report(), "READY=1\nSTATUS=Running");
+    }
     __atomic_store_n(&stop_flag, 0, __ATOMIC_SEQ_CST);
     send(SIGTERM);
     EXPECT_EQ(next_report(), std::string("STOPPING=1\nSTATUS=Stop pending, check point ") +
@@ -99,6 +110,8 @@ int32_t run_as_service(psp_word first, psp_word second) {
   EXPECT_EQ(hang_ups, 0);
   send(SIGHUP);
   while (hang_ups == 0) psp_sleep(1);
+  std::ofstream(os::service_places.units + std::string("/own.service")) << "[Unit]";
+  EXPECT_EQ(psp_serviceUninstall("own", "own"), PSP_OKAY);
   if (first == 0) psp_handleInterrupt(nullptr);
   psp_serviceDone();
   if (second != 0) psp_threadEnd();
@@ -116,7 +129,14 @@ TEST_F(Service, NotInstalledOrFromAConsoleRunsDirectly) {
   EXPECT_EQ(psp_serviceStart("\xFF", nullptr, 4, 7, subtract), -3);
   ASSERT_EQ(os::service_counter_add("s", 1), 0u);
   EXPECT_EQ(psp_serviceStart("s", nullptr, 7, 4, subtract), 3);
+  const std::string longest = '/' + std::string(sizeof sockaddr_un::sun_path, 'n');
+  for (const char *socket_name : {"", "/", "vsock:2:1", longest.c_str()}) {
+    setenv("NOTIFY_SOCKET", socket_name, 1);
+    EXPECT_EQ(psp_serviceStart("s", nullptr, 7, 4, subtract), 3) << socket_name;
+  }
   setenv("NOTIFY_SOCKET", "/nowhere", 1);
+  setenv("SYSTEMD_EXEC_PID", "1", 1);  // the manager started a parent of this process
+  EXPECT_EQ(psp_serviceStart("s", nullptr, 7, 4, subtract), 3);
   ASSERT_EQ(os::service_counter_add("s", -2), 0u);
   EXPECT_EQ(psp_serviceStart("s", nullptr, 7, 4, subtract), 3);
 }
@@ -136,9 +156,11 @@ TEST_F(Service, StatesAndStopsFollowTheProtocolAndSignalsGoBack) {
     const auto bytes = static_cast<socklen_t>(offsetof(sockaddr_un, sun_path) + name.size());
     ASSERT_EQ(bind(manager_socket, reinterpret_cast<sockaddr *>(&address), bytes), 0);
     setenv("NOTIFY_SOCKET", name.c_str(), 1);
+    commands();
     // In a process of its own: check points never begin again.
     const pid_t child = fork();
     if (child == 0) {
+      setenv("SYSTEMD_EXEC_PID", std::to_string(getpid()).c_str(), 1);
       const bool is_abstract = name == abstract;  // the second time with the other ways to end
       EXPECT_EQ(psp_serviceStart("s", &stop_flag, is_abstract, is_abstract, run_as_service), 0);
       EXPECT_EQ(next_report(), "STOPPING=1\nSTATUS=Stopped");
@@ -150,6 +172,7 @@ TEST_F(Service, StatesAndStopsFollowTheProtocolAndSignalsGoBack) {
     int status = 0;
     waitpid(child, &status, 0);
     EXPECT_EQ(status, 0) << name;
+    EXPECT_EQ(commands().find("--no-block stop -- own.service\n"), 0u);
     close(manager_socket);
   }
 }
@@ -196,6 +219,11 @@ TEST_F(Service, LifeOfAServiceIsWhatTheManagerIsAsked) {
   EXPECT_EQ(install("x"), PSP_FAILED);
   EXPECT_EQ(unit_count(), 1u);
   EXPECT_EQ(counter(), 1u);
+  // What stop and disable answer decides nothing.
+  fail_verb("-- y.service");
+  EXPECT_EQ(psp_serviceUninstall("s", "y"), PSP_OKAY);
+  EXPECT_EQ(unit_count(), 0u);
+  EXPECT_EQ(counter(), 0u);
 }
 
 TEST_F(Service, NoTextBecomesMoreThanItself) {
@@ -215,7 +243,7 @@ TEST_F(Service, RefusedTextsAndMissingRightsLeaveNothing) {
   for (const char *name : {"", "a/b", "..\\b", "a\nb", "\xFF", longest.c_str()}) {
     EXPECT_EQ(install(name), PSP_FAILED) << name;
   }
-  for (const char *path : {"", "a\nExecStart=b", "@/a", "\""}) {
+  for (const char *path : {"", "a\nExecStart=b", "@/a", "\"", " /a", "a/b", "c:\\a", "/a/"}) {
     EXPECT_EQ(install("x", nullptr, path), PSP_FAILED) << path;
   }
   EXPECT_EQ(install("x", nullptr, "a", "b\nUser=c"), PSP_FAILED);
@@ -249,9 +277,20 @@ TEST_F(Service, CommandsDisturbNoHandlingOfChildren) {
   EXPECT_EQ(psp_serviceUninstall("s", "x"), PSP_OKAY);
   EXPECT_EQ(install("x"), PSP_OKAY);
   EXPECT_EQ(waitpid(-1, nullptr, __WALL), -1) << "a child is left";
+  // A cancelled thread ends when all is done and leaves no lock.
+  pthread_t thread;
+  const auto install_cancelled = [](void *) -> void * {
+    pthread_cancel(pthread_self());
+    EXPECT_EQ(install("z"), PSP_OKAY);
+    for (;;) psp_sleep(1);
+  };
+  pthread_create(&thread, nullptr, install_cancelled, nullptr);
+  pthread_join(thread, nullptr);
+  EXPECT_EQ(counter(), 2u);
   os::service_places.systemctl = "/nowhere/systemctl";
   EXPECT_EQ(install("y"), PSP_FAILED);
-  EXPECT_EQ(unit_count(), 1u);
+  EXPECT_EQ(unit_count(), 2u);
+  EXPECT_EQ(counter(), 2u);
 }
 
 TEST_F(Service, CountersLoseNothingAndNamesStayApart) {
@@ -266,6 +305,9 @@ TEST_F(Service, CountersLoseNothingAndNamesStayApart) {
   while (wait(nullptr) > 0) {
   }
   EXPECT_EQ(counter(), 100u);
+  struct stat status = {};
+  ASSERT_EQ(stat((counters / ".lock").c_str(), &status), 0);
+  EXPECT_EQ(status.st_mode & 07777, 0600u) << "others could hold all installations up";
   uint32_t count = 0;
   for (const char *name : {".", "..", "../s", ".s.new", "s%", "S", "s\n"}) {
     EXPECT_NE(os::service_counter_read(name, &count), 0u) << name;
@@ -278,6 +320,9 @@ TEST_F(Service, CountersLoseNothingAndNamesStayApart) {
   EXPECT_NE(os::service_counter_read("s", &count), 0u);
   EXPECT_EQ(os::service_counter_add("s", 1), 0u);
   EXPECT_EQ(counter(), 1u);
+  std::ofstream(counters / "s") << "4294967295\n";
+  EXPECT_EQ(os::service_counter_add("s", 1), 0u);
+  EXPECT_EQ(counter(), UINT32_MAX);
 }
 
 // Asks the manager of this machine, under a name of the test's own.

@@ -163,6 +163,19 @@ TEST_F(Parser, ActionEndsTheParseWithItsOwnResult) {
   }
 }
 
+TEST_F(Parser, NegativeActionOfEitherTableAccepts) {
+  const std::vector<int16_t> exceptions = {-1, 0, -1, -1};
+  const int16_t zeros[8] = {}, only_default[8] = {-1000};
+  for (const int16_t action : {-1, -2, -3, INT16_MIN}) {
+    const int16_t defaults[1] = {action};
+    const psp_yyTables tables = {1,     1,     exceptions.data(), zeros, only_default, zeros, zeros,
+                                 zeros, zeros, defaults};
+    Parse parse{&tables};
+    EXPECT_EQ(parse.run(), 0) << action;
+    EXPECT_EQ(parse.told + std::to_string(parse.errors), "0");
+  }
+}
+
 TEST(ParserArguments, MissingPartsAreRefused) {
   Parse parse = expressions("");
   const psp_yyContext whole = {8,

@@ -7,10 +7,14 @@
 // gives a process its signal back. The status comes through a shared page, so that it is right even
 // where the clone has to be an ordinary child.
 //
+// The go-between holds nothing of the client while the command runs, which may take long: its
+// descriptors would keep pipes without an end, and sockets and locks of a client that was killed.
+//
 // Owns nothing and takes no lock. Between a clone and the exec or exit only async-signal-safe calls
 // are made: other threads may hold the C runtime's locks at that moment, for ever in the copy.
 #include "os/posix/posix.h"
 // posix.h comes before every system header.
+#include <dirent.h>
 #include <fcntl.h>
 #include <signal.h>
 #include <sys/mman.h>
@@ -18,6 +22,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <charconv>
 #include <new>
 
 namespace psp::os {
@@ -52,14 +57,42 @@ void restore_default_signals() {
   for (int signal = 1; signal < NSIG; ++signal) sigaction(signal, &action, nullptr);
 }
 
-[[noreturn]] void become(const char *const *arguments) {
+// For kernels that close no range: what the process's folder lists, which may change meanwhile.
+void close_listed_from(int first) {
+  alignas(dirent64) char entries[2048];
+  const int folder = open("/proc/self/fd", O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+  if (folder == -1) return;
+  long bytes;
+  while ((bytes = syscall(SYS_getdents64, folder, entries, sizeof entries)) > 0) {
+    for (const char *at = entries; at < entries + bytes;) {
+      const auto *entry = reinterpret_cast<const dirent64 *>(at);
+      at += entry->d_reclen;
+      int fd = -1;
+      std::from_chars(entry->d_name, entry->d_name + strlen(entry->d_name), fd);
+      if (fd >= first && fd != folder) close(fd);
+    }
+  }
+  close(folder);
+}
+
+void close_all_from(int first) {
+#if defined(SYS_close_range)
+  if (syscall(SYS_close_range, static_cast<unsigned>(first), ~0U, 0U) == 0) return;
+#endif
+  close_listed_from(first);
+}
+
+// Puts nothing in the place of the client's standard files, and closes its others.
+bool leave_files() {
   const int nothing = open("/dev/null", O_RDWR);
   for (const int standard : {STDIN_FILENO, STDOUT_FILENO, STDERR_FILENO}) {
-    if (nothing == -1 || dup2(nothing, standard) == -1) _exit(kNotRun);
+    if (nothing == -1 || dup2(nothing, standard) == -1) return false;
   }
-#if defined(SYS_close_range)
-  syscall(SYS_close_range, STDERR_FILENO + 1U, ~0U, 0U);  // those of the client
-#endif
+  close_all_from(STDERR_FILENO + 1);
+  return true;
+}
+
+[[noreturn]] void become(const char *const *arguments) {
   sigset_t none;
   sigemptyset(&none);
   sigprocmask(SIG_SETMASK, &none, nullptr);
@@ -70,6 +103,7 @@ void restore_default_signals() {
 
 [[noreturn]] void go_between(const char *const *arguments, Status *status) {
   restore_default_signals();
+  if (!leave_files()) _exit(kNotRun);
   const pid_t command = clone_process(SIGCHLD);
   if (command == 0) become(arguments);
   int end = 0;
@@ -96,6 +130,7 @@ pid_t start_go_between(const char *const *arguments, Status *status) {
 
 int run_command(const char *const *arguments) {
   const LastErrorKeeper keeper;
+  const CancellationPause pause;  // the go-between would stay, and the page
   void *page =
       mmap(nullptr, sizeof(Status), PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
   if (page == MAP_FAILED) return kNoStatus;

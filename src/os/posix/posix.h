@@ -14,6 +14,7 @@
 
 #include <errno.h>
 #include <limits.h>
+#include <pthread.h>
 #include <string.h>
 #include <sys/types.h>
 
@@ -69,6 +70,21 @@ inline const char *system_name(const char *name, NameBuffer &buffer) {
 // made inside one. One thread makes the calls one after the other.
 Error install_stop_control(void (*control)());
 void remove_stop_control();
+
+// Whether service_run serves in this process.
+bool is_serving();
+
+// While it lives the calling thread cannot be cancelled, nor can a copy of it in a cloned process.
+class CancellationPause {
+ public:
+  CancellationPause() { pthread_setcancelstate(PTHREAD_CANCEL_DISABLE, &before_); }
+  ~CancellationPause() { pthread_setcancelstate(before_, &before_); }
+  CancellationPause(const CancellationPause &) = delete;
+  CancellationPause &operator=(const CancellationPause &) = delete;
+
+ private:
+  int before_ = PTHREAD_CANCEL_ENABLE;
+};
 
 // Runs a program in silence: arguments[0] is its path, null ends the arguments. Its exit status, or
 // -1 when it could not be run or was killed. The caller's handling of ended children meets nothing

@@ -5,8 +5,12 @@
 // characters of the service's name are escaped as the manager itself escapes them, words of the
 // command line are quoted, and control characters, which could begin a line, are refused.
 //
-// A crash inside service_create leaves nothing, or the unit, perhaps not yet enabled; one inside
-// service_delete leaves the unit, stopped, or nothing. service_delete cleans up in each case.
+// The whole of a creation or a deletion lies under the lock of services: what one undoes is its
+// own.
+//
+// A crash inside service_create leaves nothing, or a count that is too high, which does no harm, or
+// the unit, perhaps not yet enabled; one inside service_delete leaves the unit, stopped, or
+// nothing. service_delete cleans up in each case.
 #include "os/posix/posix.h"
 // posix.h comes before every system header.
 #include <fcntl.h>
@@ -118,15 +122,20 @@ void add_word(UnitText *unit, std::string_view word, std::string_view specials) 
 constexpr std::string_view kProgramSpecials = "%";
 constexpr std::string_view kArgumentSpecials = "%$";
 
-// The program: a name in quotes, or the whole text. A first character that means something to the
-// manager is none of a path.
+// What the manager would refuse is no program: a text whose first character means something to it,
+// a folder, a path that is not absolute. A bare name is one that the manager looks for.
+bool is_program(std::string_view name) {
+  if (name.empty() || name.size() >= PATH_MAX || is_one_of(name[0], " @-:+!|\"")) return false;
+  if (is_one_of(name.back(), "/\\")) return false;
+  return is_one_of(name[0], "/\\") || name.find_first_of("/\\") == name.npos;
+}
+
+// The program: a name in quotes, or the whole text.
 Error add_program(UnitText *unit, std::string_view program) {
   if (program.size() >= 2 && program.front() == '"' && program.back() == '"') {
     program = {program.data() + 1, program.size() - 2};
   }
-  if (program.empty() || program.size() >= PATH_MAX || is_one_of(program[0], "@-:+!|\"")) {
-    return fail(EINVAL);
-  }
+  if (!is_program(program)) return fail(EINVAL);
   NameBuffer buffer;
   for (size_t index = 0; index < program.size(); ++index) {
     buffer[index] = program[index] == '\\' ? '/' : program[index];
@@ -182,11 +191,13 @@ Error add_arguments(UnitText *unit, std::string_view rest) {
   return 0;
 }
 
-// On other platforms the stop control reaches the service alone, none of its children, and nobody
-// ends a service that takes long to start. A stop that takes a quarter of an hour is given up.
+// On other platforms the stop control reaches the service alone, none of its children. A program
+// that does not call psp_serviceStart in time is ended, lest the start of the system wait for it;
+// once it has called, it may take as long as it likes to be ready (service.cpp). A stop that takes
+// a quarter of an hour is given up.
 constexpr std::string_view kFixedSettings =
     "KillMode=mixed\n"
-    "TimeoutStartSec=infinity\n"
+    "TimeoutStartSec=90\n"
     "TimeoutStopSec=900\n"
     "\n"
     "[Install]\n"
@@ -230,19 +241,25 @@ Error manage(const char *verb, const char *unit, Option option = Option::kNone) 
   return run_command(arguments) == 0 ? 0 : fail(EIO);
 }
 
-Error write_unit(const char *unit, const ServiceSetup &setup) {
-  UnitText text;
-  Error error = compose_unit(&text, setup);
-  if (error != 0) return error;
-  LockedFolder folder;
-  error = folder.open(service_places.units);
-  return error == 0 ? folder.put(unit, text.text(), false) : error;
-}
-
 Error remove_unit(const char *unit) {
-  LockedFolder folder;
+  Folder folder;
   const Error error = folder.open(service_places.units);
   return error == 0 ? folder.remove(unit) : error;
+}
+
+// A unit that starts with the system, or none.
+Error make_unit(const char *unit, std::string_view text) {
+  Folder folder;
+  Error error = folder.open(service_places.units);
+  if (error == 0) error = folder.put(unit, text, false);
+  if (error != 0) return error;
+  error = manage("daemon-reload", nullptr);
+  if (error == 0) error = manage("enable", unit);
+  if (error == 0) return 0;
+  manage("disable", unit);
+  folder.remove(unit);
+  manage("daemon-reload", nullptr);
+  return fail(error);
 }
 
 }  // namespace
@@ -256,17 +273,18 @@ Error service_manager_open() {
 // The manager is asked for the name first: a unit of the administrator's hides one of the system's.
 Error service_create(const ServiceSetup &setup) {
   UnitName unit;
+  UnitText text;
   Error error = unit_name(setup.name, unit);
+  if (error == 0) error = compose_unit(&text, setup);
+  if (error != 0) return error;
+  ServicesLock lock;
+  error = lock.enter();
   if (error != 0) return error;
   if (manage("cat", unit) == 0) return fail(EEXIST);
-  error = write_unit(unit, setup);
-  if (error != 0) return error;
-  error = manage("daemon-reload", nullptr);
-  if (error == 0) error = manage("enable", unit);
+  const bool is_counted = add_to_counter(setup.counter, 1) == 0;
+  error = make_unit(unit, text.text());
   if (error == 0) return 0;
-  manage("disable", unit);
-  remove_unit(unit);
-  manage("daemon-reload", nullptr);
+  if (is_counted) add_to_counter(setup.counter, -1);
   return fail(error);
 }
 
@@ -287,17 +305,22 @@ Error service_find(const char *name) {
   return lstat(path, &status) == -1 ? last_error() : 0;
 }
 
-// Waits until the service has ended or the manager has given it up.
+// Waits until the service has ended or the manager has given it up; but not inside a service, which
+// could wait for its own end. Not under the lock either: others need not wait for the service.
 Error service_stop(const char *name) {
   UnitName unit;
   const Error error = unit_name(name, unit);
-  return error == 0 ? manage("stop", unit) : error;
+  if (error != 0) return error;
+  return manage("stop", unit, is_serving() ? Option::kNoBlock : Option::kNone);
 }
 
 // The unit that is gone decides; what the manager still remembers of it goes with its next reload.
 Error service_delete(const char *name) {
   UnitName unit;
   Error error = unit_name(name, unit);
+  if (error != 0) return error;
+  ServicesLock lock;
+  error = lock.enter();
   if (error != 0) return error;
   manage("disable", unit);
   error = remove_unit(unit);
