@@ -25,7 +25,6 @@ namespace {
 namespace fs = std::filesystem;
 namespace os = psp::os;
 
-
 // Answers "cat" by the units that there are and fails for the verb in the file "failing". Tells of
 // a descriptor of the test's that the command's parent has.
 constexpr char kScript[] =
