@@ -4,14 +4,15 @@
 // open: a lock of the folder itself could be held by everybody who can read it. A crash inside a
 // change leaves the old content or the new one, and perhaps a file ".NAME.new", which the next
 // change of that name replaces.
-#include "os/posix/service_folder.h"
-// posix.h, which that includes first, comes before every system header.
+#include "os/posix/posix.h"
+// posix.h comes before every system header.
 #include <fcntl.h>
 #include <stdio.h>
 #include <sys/file.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include "os/posix/service_folder.h"
 #include "os/posix/service_places.h"
 
 namespace psp::os {

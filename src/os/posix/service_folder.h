@@ -4,10 +4,10 @@
 // Included by the service files of this folder.
 #pragma once
 
+#include "os/posix/posix.h"
+// posix.h comes before every system header.
 #include <cstddef>
 #include <string_view>
-
-#include "os/posix/posix.h"
 
 namespace psp::os {
 
