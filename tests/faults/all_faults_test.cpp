@@ -5,4 +5,5 @@
 
 TEST(AllFaults, EveryAllocationAndEveryFallibleFunctionFailed) {
   EXPECT_EQ(psp::faults::run_all_and_list_unfailed(PSP_SOURCES), std::vector<std::string>());
+  EXPECT_EQ(psp::faults::print_table_and_list_missing(PSP_HEADER), std::vector<std::string>());
 }

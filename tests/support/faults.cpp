@@ -27,6 +27,7 @@ namespace {
 thread_local Fault armed;
 thread_local Counters counters;
 thread_local bool in_platform;
+thread_local bool tracing;  // what can fail is noted in the table
 std::atomic<int> live_blocks{0};
 std::atomic<int> live_regions{0};
 std::atomic<uint32_t> process_calls[kFunctions];
@@ -45,10 +46,12 @@ std::vector<const FaultTest *> &all_tests() {
   return tests;
 }
 
+constexpr uint32_t kNotedFaults = 1000;  // of a run: a wait may fail for as long as it takes
+
 // Whether number `seen` of what the armed fault counts is to fail.
 bool is_due(uint32_t seen) {
   if (seen < armed.nth || seen - armed.nth >= armed.times) return false;
-  ++counters.faults;
+  if (++counters.faults <= kNotedFaults) note_in_table(armed, armed.kind == Kind::kAllocation);
   return true;
 }
 
@@ -56,6 +59,7 @@ bool counts(Os function) { return armed.only == Os::kCount || armed.only == func
 
 bool allocation_fails() {
   ++counters.allocations;
+  if (tracing) note_in_table({}, true);
   if (armed.kind != Kind::kAllocation || !is_due(counters.allocations)) return false;
   errno = ENOMEM;
   return true;
@@ -91,6 +95,7 @@ void count_call(Os function) {
 uint32_t calls_in_process(Os function) { return process_calls[static_cast<int>(function)]; }
 
 bool fails(Os function, os::Error *error) {
+  if (tracing) note_in_table({}, false);
   if (armed.kind != Kind::kCall || !counts(function)) return false;
   uint32_t seen = 0;
   for (int index = 0; index < kFallible; ++index) {
@@ -246,7 +251,9 @@ bool note_places(const std::string &output) {
   const int value = setjmp(home);
   if (value == 0) {
     if (jumps) psp_resetTag(&home, tag);
-    arm(fault);
+    Fault armed_now = fault;
+    armed_now.jumps = jumps;
+    arm(armed_now);
     run.worked = scenario.act();
   }
   run.error = psp_errno();
@@ -317,6 +324,10 @@ void sweep_kind(const Scenario &scenario, Fault fault, bool jumps) {
 }  // namespace
 
 void sweep(const Scenario &scenario) {
+  uint32_t jumped = 0;
+  tracing = true;
+  run_once(scenario, {}, false, &jumped);
+  tracing = false;
   const Fault allocation = {.kind = Kind::kAllocation};
   if ((scenario.sweeps & kAllocations) != 0) sweep_kind(scenario, allocation, false);
   if ((scenario.sweeps & kJumps) != 0) sweep_kind(scenario, allocation, true);
@@ -404,6 +415,16 @@ std::vector<std::string> run_all_and_list_unfailed(const char *sources) {
     if (report.places.count(place) == 0) unfailed.push_back(place);
   }
   return unfailed;
+}
+
+void expect_no_need(const char *function, void (*call)()) {
+  arm({});
+  call();
+  const Counters met = disarm();
+  uint32_t calls = 0;
+  for (int index = 0; index < kFallible; ++index) calls += met.calls[index];
+  EXPECT_EQ(met.allocations + calls, 0u) << function << " comes to what can fail";
+  note_without_need(function);
 }
 
 }  // namespace psp::faults

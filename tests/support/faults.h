@@ -36,6 +36,7 @@ struct Fault {
   uint32_t times = 1;    // how many fail
   os::Error error = 0;   // of a failing call
   Os only = Os::kCount;  // the function whose calls count; kCount: any that can fail
+  bool jumps = false;    // the tag is armed: counts for the table alone
 };
 
 // What this thread met since it armed a fault.
@@ -136,6 +137,21 @@ struct FaultTest {
 // Runs every fault test and prints what each met. Gives what can fail and never did: functions of
 // the platform, and places in the sources (a folder) where tagged memory is allocated.
 std::vector<std::string> run_all_and_list_unfailed(const char *sources);
+
+// ---- The table of exported functions ------------------------------------------------------------
+
+// Counts a fault that fires for the exported function that the test has called, or (kNone) only
+// that this function came to where memory (else the platform) can fail.
+void note_in_table(const Fault &fault, bool memory);
+
+// Calls a function that comes to neither, and notes it as such.
+void expect_no_need(const char *function, void (*call)());
+void note_without_need(const char *function);
+
+// Prints the table, also to the file that the environment names in PSP_FAULT_TABLE, and gives what
+// is missing in it: functions of the header that never failed where they can fail, or where their
+// comments say so, and those that stand nowhere.
+std::vector<std::string> print_table_and_list_missing(const char *header);
 
 // ---- What faulty_os.cpp asks at each call -------------------------------------------------------
 
