@@ -56,7 +56,8 @@ bool is_qualified(const Text &name) {
 Text full_path(const Text &name) {
   const Text current = directory_text(std::filesystem::current_path());
   if (name.empty() || name == "." || name == ".\\") return current;
-  return is_qualified(name) ? directory_text(name) : current + directory_text(name);
+  const Text whole = directory_text(name);
+  return is_qualified(whole) ? whole : current + whole;
 }
 
 Text without_drive(const Text &name) {
@@ -160,9 +161,8 @@ void expect_temporary_name(fuzz::Input *input) {
   const Text directory = input->text(300), prefix = input->text(300), extension = input->text(20);
   setenv("VKD_TMPDIR", directory.c_str(), 1);
   char numbers[100];
-  snprintf(numbers, sizeof numbers, "_%0*" PRIXPTR "_%010u_%03" PRIu32 ".",
-           static_cast<int>(2 * sizeof(void *)), reinterpret_cast<uintptr_t>(&counter),
-           static_cast<unsigned>(getpid()), counter);
+  snprintf(numbers, sizeof numbers, "_%08" PRIXPTR "_%010u_%03" PRIu32 ".",
+           reinterpret_cast<uintptr_t>(&counter), static_cast<unsigned>(getpid()), counter);
   const Text expected = directory + '\\' + (has_prefix ? prefix : "temp") + numbers +
                         (has_extension ? extension : "tmp");
   const uint32_t before = counter;
