@@ -61,7 +61,7 @@ Text full_path(const Text &name) {
 }
 
 Text without_drive(const Text &name) {
-  return name.substr(0, 2).find(':') == 1 ? name.substr(2) : name;
+  return name.size() > 1 && name[1] == ':' ? name.substr(2) : name;
 }
 
 void expect_parts(const Text &name) {
