@@ -173,12 +173,12 @@ bool extend_blocks(Memory *memory, size_t entries) {
 // ---- Rare steps of the automaton ----------------------------------------------------------------
 
 // Whether the action table has the entry.
-inline bool is_entry(const psp_yyTables &tables, int entry) {
-  return static_cast<uint32_t>(entry) < static_cast<uint32_t>(tables.actionLength);
+inline bool is_entry(const psp_yyTables &tables, intptr_t entry) {
+  return static_cast<uintptr_t>(entry) < static_cast<uintptr_t>(intptr_t{tables.actionLength});
 }
 
 // The action for the lookahead in a state whose actions stand among the exceptions.
-int exceptional_action(const int16_t *pair, int state, int lookahead) {
+intptr_t exceptional_action(const int16_t *pair, intptr_t state, intptr_t lookahead) {
   while (pair[0] != -1 || pair[1] != state) pair += 2;
   do {
     pair += 2;
@@ -189,7 +189,7 @@ int exceptional_action(const int16_t *pair, int state, int lookahead) {
 // The highest state on the stack that can take the error token, and the state that follows it;
 // null when there is none.
 const int16_t *find_recovery(const psp_yyTables &tables, const int16_t *bottom, const int16_t *top,
-                             int *next) {
+                             intptr_t *next) {
   for (const int16_t *state = top;; --state) {
     const int entry = tables.yypact[*state] + tables.errorToken;
     if (is_entry(tables, entry)) {
@@ -200,7 +200,7 @@ const int16_t *find_recovery(const psp_yyTables &tables, const int16_t *bottom, 
   }
 }
 
-int read_token(const psp_yyContext &context, void *value) {
+inline intptr_t read_token(const psp_yyContext &context, void *value) {
   const auto token = static_cast<int16_t>(context.lexer(context.context, value));
   return token < 0 ? kEndOfInput : token;
 }
@@ -233,7 +233,7 @@ struct Stacks {
   }
 
   // False when memory is short.
-  [[nodiscard, gnu::always_inline]] bool push(int state, const void *value) {
+  [[nodiscard, gnu::always_inline]] bool push(intptr_t state, const void *value) {
     ++top_state;
     top_value += value_size();
     if (top_state == last_state) [[unlikely]] {
@@ -248,11 +248,11 @@ struct Stacks {
 };
 
 // The state that the nonterminal of a rule leads to from the state on top.
-inline int state_after(const psp_yyTables &tables, int nonterminal, int top_state) {
-  const int base = tables.yypgo[nonterminal];
-  const int entry = base + top_state + 1;
+inline intptr_t state_after(const psp_yyTables &tables, intptr_t nonterminal, intptr_t top_state) {
+  const intptr_t base = tables.yypgo[nonterminal];
+  const intptr_t entry = base + top_state + 1;
   if (is_entry(tables, entry)) {
-    const int state = tables.yyact[entry];
+    const intptr_t state = tables.yyact[entry];
     if (tables.yychk[state] == -nonterminal) return state;
   }
   return tables.yyact[base];
@@ -261,7 +261,8 @@ inline int state_after(const psp_yyTables &tables, int nonterminal, int top_stat
 // A state that is reached goes to the stack together with the value that led there: the first state
 // and its zero value are there already.
 //
-// No address of a local is handed out, tables included: what registers there are hold them.
+// No address of a local is handed out, tables included: what registers there are hold them. States,
+// tokens and rules are as wide as an address, so that each indexes the tables as it is loaded.
 template <size_t kSize>
 [[gnu::noinline]] Outcome run(const psp_yyContext &context, Memory *memory) {
   const psp_yyTables tables = *context.tables;
@@ -270,28 +271,29 @@ template <size_t kSize>
   void *const result = memory->result;
   Stacks<kSize> stacks{memory, memory->value_size, nullptr, nullptr, nullptr};
   stacks.find_tops(0);
-  int state = 0;
-  int lookahead = kUnread;
+  intptr_t state = 0;
+  intptr_t lookahead = kUnread;
   int error_state = 0;  // after an error 3, less one for each token shifted; a rule clears it
 
   for (;;) {
-    const int offset = tables.yypact[state];
+    const intptr_t offset = tables.yypact[state];
     if (offset > kOnlyDefault) {
       if (lookahead < 0) lookahead = read_token(context, lookahead_value);
-      const int entry = offset + lookahead;
+      const intptr_t entry = offset + lookahead;
       if (is_entry(tables, entry)) {
-        const int next = tables.yyact[entry];
+        const intptr_t next = tables.yyact[entry];
         if (tables.yychk[next] == lookahead) [[likely]] {
           state = next;
           lookahead = kUnread;
-          if (error_state > 0) --error_state;
+          if (error_state > 0) [[unlikely]]
+            --error_state;
           if (!stacks.push(state, lookahead_value)) return kNoMemory;
           continue;
         }
       }
     }
 
-    int action = tables.yydef[state];
+    intptr_t action = tables.yydef[state];
     if (action == kByLookahead) {
       if (lookahead < 0) lookahead = read_token(context, lookahead_value);
       action = exceptional_action(tables.yyexca, state, lookahead);
@@ -301,7 +303,7 @@ template <size_t kSize>
       if (action < kSyntaxError) return {kAccepted, false};  // from either table
       if (error_state < 3) {
         error_state = 3;
-        int next = 0;
+        intptr_t next = 0;
         const int16_t *found =
             find_recovery(*context.tables, memory->states, stacks.top_state, &next);
         if (found == nullptr) return {kAbandoned, true};
