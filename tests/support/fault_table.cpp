@@ -13,6 +13,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <set>
 
 #include "support/faults.h"
@@ -125,7 +126,11 @@ void note_in_table(const Fault &fault, bool memory) {
   errno = before;
 }
 
-void note_without_need(const char *function) { without_need().insert(function); }
+void note_without_need(const char *calls) {
+  const std::regex call("psp_\\w+(?=\\()");
+  for (std::cregex_iterator at(calls, calls + strlen(calls), call), end; at != end; ++at)
+    without_need().insert(at->str());
+}
 
 std::vector<std::string> print_table_and_list_missing(const char *header) {
   print(stdout);
