@@ -1,18 +1,14 @@
 // INI files: the reader against a list of lines, updates against their examples, and files that
 // are never lost.
 #include <gtest/gtest.h>
-#include <sched.h>
 #include <signal.h>
-#include <sys/mman.h>
 #include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
 #include <array>
-#include <atomic>
 #include <filesystem>
 #include <fstream>
-#include <new>
 #include <random>
 #include <string>
 #include <thread>
@@ -163,37 +159,6 @@ TEST_F(Ini, UpdateFollowsLinksAndKeepsPermissions) {
 // Every state of the file is "[s]", the number and as many fillers as make a few blocks.
 string numbered(int number) {
   return "[s]\r\nn=" + std::to_string(number) + "\r\n" + string(5000, 'f') + "\r\n";
-}
-
-TEST_F(Ini, KilledUpdateLeavesOldOrNewFile) {
-  std::mt19937 random(13);
-  put(numbered(0));
-  void *shared = mmap(nullptr, 4096, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_ANONYMOUS, -1, 0);
-  auto &updates = *new (shared) std::atomic<int>(0);  // of all children
-  int inside = 0, changed = 0;
-  for (int round = 0; round < 300; ++round) {
-    const string before = content();
-    const pid_t child = fork();
-    if (child == 0) {
-      for (int number = before == numbered(0);; number ^= 1) {
-        set("s", "n", number == 0 ? "0" : "1");
-        ++updates;
-      }
-    }
-    // However slow the machine is, the child is at work when it dies.
-    for (const int begun = updates; updates == begun;) sched_yield();
-    const size_t spins = random() % 300'000;
-    for (size_t spin = 0; spin < spins; ++spin) asm volatile("");
-    kill(child, SIGKILL);
-    waitpid(child, nullptr, 0);
-    ASSERT_TRUE(content() == numbered(0) || content() == numbered(1)) << "round " << round;
-    inside += std::filesystem::exists(Folder::path("_temp_.ini"));
-    changed += content() != before;
-  }
-  EXPECT_GT(inside, 10);
-  EXPECT_GT(changed, 10);
-  ASSERT_EQ(set("s", "n", "2"), PSP_OKAY);
-  EXPECT_EQ(content(), numbered(2));
 }
 
 TEST_F(Ini, FullDiskLeavesOldFile) {

@@ -3,7 +3,8 @@
 //
 // A fault counts for the outermost exported function under way. A function whose last act is a call
 // has no frame by then; so its name is taken from the test's call of it, an x86 call instruction
-// with a 32-bit distance, whatever has become of the frames inside. Filled by one thread at a time.
+// with a 32-bit distance, whatever has become of the frames inside. What the function of a service
+// calls stands for itself. Filled by one thread at a time.
 #include <dlfcn.h>
 #include <execinfo.h>
 
@@ -12,6 +13,7 @@
 #include <cstring>
 #include <fstream>
 #include <map>
+#include <regex>
 #include <set>
 
 #include "support/faults.h"
@@ -41,8 +43,7 @@ std::set<std::string> &without_need() {
   return names;
 }
 
-// The row of the exported function whose call returns here; null for any other call. What a
-// service's own function calls stands for itself.
+// The row of the exported function whose call returns here; null for any other call.
 Row *row_of_call(const void *after) {
   const auto *end = static_cast<const unsigned char *>(after);
   if (end[-5] != 0xE8) return nullptr;
@@ -52,18 +53,22 @@ Row *row_of_call(const void *after) {
   Dl_info symbol = {};
   if (dladdr(target, &symbol) == 0 || symbol.dli_saddr != target) return nullptr;
   const std::string name = symbol.dli_sname;
-  return name.starts_with("psp_") && name != "psp_serviceStart" ? &table()[name] : nullptr;
+  return name.starts_with("psp_") ? &table()[name] : nullptr;
 }
 
 Row *row_under_way() {
   static std::map<const void *, Row *> known;
+  static const Row *const service = &table()["psp_serviceStart"];
+  Row *outermost = nullptr;
   void *frames[100];
   for (int index = backtrace(frames, 100); --index > 0;) {
     const auto [found, is_new] = known.try_emplace(frames[index]);
     if (is_new) found->second = row_of_call(frames[index]);
-    if (found->second != nullptr) return found->second;
+    if (found->second != nullptr && (outermost == nullptr || outermost == service))
+      outermost = found->second;
+    if (outermost != nullptr && outermost != service) break;
   }
-  return nullptr;
+  return outermost;
 }
 
 Column column_of(const Fault &fault) {
@@ -83,7 +88,7 @@ std::map<std::string, bool> functions_of(const char *header) {
     if (line.starts_with("#")) continue;
     text += line.starts_with(" * ") ? line.substr(3) + " " : line + "\n";
   }
-  for (size_t at = 0; (at = text.find("\nPSP_API ", at)) != text.npos; ++at) {
+  for (size_t at = 0; (at = text.find("PSP_API ", at)) != text.npos; ++at) {
     const size_t name = text.find("psp_", text.rfind(' ', text.find('(', at)));
     const size_t memory = text.rfind("Memory: ", at);
     functions[text.substr(name, text.find('(', name) - name)] =
@@ -104,8 +109,8 @@ void print(FILE *to) {
     std::fprintf(to, " %s\n", name.c_str());
   }
   for (const uint32_t failed : sum.failed) std::fprintf(to, "%8u ", failed);
-  std::fprintf(to, " all\n%zu functions come to neither memory nor the platform:",
-               without_need().size());
+  std::fprintf(
+      to, " all\n%zu functions come to neither memory nor the platform:", without_need().size());
   for (const std::string &name : without_need()) std::fprintf(to, " %s", name.c_str());
   std::fprintf(to, "\n");
 }
@@ -121,7 +126,11 @@ void note_in_table(const Fault &fault, bool memory) {
   errno = before;
 }
 
-void note_without_need(const char *function) { without_need().insert(function); }
+void note_without_need(const char *calls) {
+  const std::regex call("psp_\\w+(?=\\()");
+  for (std::cregex_iterator at(calls, calls + strlen(calls), call), end; at != end; ++at)
+    without_need().insert(at->str());
+}
 
 std::vector<std::string> print_table_and_list_missing(const char *header) {
   print(stdout);

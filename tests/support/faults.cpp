@@ -5,6 +5,7 @@
 #include "support/faults.h"
 
 #include <gtest/gtest.h>
+#include <signal.h>
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -17,9 +18,12 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <random>
 #include <semaphore>
 #include <set>
 #include <thread>
+
+#include "support/steps.h"
 
 namespace psp::faults {
 namespace {
@@ -28,13 +32,19 @@ thread_local Fault armed;
 thread_local Counters counters;
 thread_local bool in_platform;
 thread_local bool tracing;  // what can fail is noted in the table
+
+// In a compound fault memory fails too, at this allocation after the first failure; 0: in none.
+thread_local uint32_t memory_fails_at;
+thread_local uint32_t allocations_behind;
 std::atomic<int> live_blocks{0};
 std::atomic<int> live_regions{0};
 std::atomic<uint32_t> process_calls[kFunctions];
 
 struct Report {
-  const char *running = "";      // the test that runs
-  uint32_t of_kind[6] = {};      // faults that it met, by kind
+  const char *running = "";  // the test that runs
+  uint32_t of_kind[6] = {};  // faults that it met, by kind
+  uint32_t runs = 0;         // with compound faults, and those of them where memory failed
+  uint32_t compounds = 0;
   bool failed[kFallible] = {};   // functions that failed in any test
   std::set<std::string> places;  // FILE:LINE of the messages that memory is out
 };
@@ -46,6 +56,7 @@ std::vector<const FaultTest *> &all_tests() {
   return tests;
 }
 
+constexpr uint32_t kSeed = 23;           // of the compound faults
 constexpr uint32_t kNotedFaults = 1000;  // of a run: a wait may fail for as long as it takes
 
 // Whether number `seen` of what the armed fault counts is to fail.
@@ -55,12 +66,23 @@ bool is_due(uint32_t seen) {
   return true;
 }
 
+void come_nearer_to_kill() {
+  if (calls_until_kill != 0 && --calls_until_kill == 0) raise(SIGKILL);
+}
+
 bool counts(Os function) { return armed.only == Os::kCount || armed.only == function; }
 
 bool allocation_fails() {
   ++counters.allocations;
   if (tracing) note_in_table({}, true);
-  if (armed.kind != Kind::kAllocation || !is_due(counters.allocations)) return false;
+  if (armed.kind == Kind::kAllocation) {
+    if (!is_due(counters.allocations)) return false;
+  } else {
+    if (armed.kind == Kind::kNone || counters.faults == 0 || memory_fails_at == 0) return false;
+    if (++allocations_behind != memory_fails_at) return false;
+    ++report.compounds;
+    note_in_table({.kind = Kind::kAllocation}, true);
+  }
   errno = ENOMEM;
   return true;
 }
@@ -75,6 +97,7 @@ void *counted(void *block) {
 
 void arm(const Fault &fault) {
   counters = {};
+  allocations_behind = 0;
   armed = fault;
 }
 
@@ -95,6 +118,7 @@ void count_call(Os function) {
 uint32_t calls_in_process(Os function) { return process_calls[static_cast<int>(function)]; }
 
 bool fails(Os function, os::Error *error) {
+  come_nearer_to_kill();
   if (tracing) note_in_table({}, false);
   if (armed.kind != Kind::kCall || !counts(function)) return false;
   uint32_t seen = 0;
@@ -118,6 +142,7 @@ InPlatform::InPlatform() : before(in_platform) { in_platform = true; }
 InPlatform::~InPlatform() { in_platform = before; }
 
 bool system_call_fails() {
+  if (in_platform) come_nearer_to_kill();
   if (!in_platform || armed.kind != Kind::kSystemCall || !is_due(++counters.system_calls)) {
     return false;
   }
@@ -257,6 +282,8 @@ bool note_places(const std::string &output) {
     run.worked = scenario.act();
   }
   run.error = psp_errno();
+  // Of two failures either may be the last one.
+  if (memory_fails_at != 0 && fault.error != 0 && run.error == ENOMEM) run.error = fault.error;
   *met = disarm();
   run.jumped = value == 1;
   EXPECT_LE(value, 1);
@@ -271,7 +298,8 @@ bool note_places(const std::string &output) {
 uint32_t run_once(const Scenario &scenario, const Fault &fault, bool jumps, uint32_t *jumped) {
   SCOPED_TRACE(testing::Message() << report.running << ": kind " << static_cast<int>(fault.kind)
                                   << (jumps ? " (jumps)" : "") << ", number " << fault.nth << ", "
-                                  << fault.times << " times, code " << fault.error);
+                                  << fault.times << " times, code " << fault.error
+                                  << ", and memory at " << memory_fails_at);
   const Held before = held();
   if (scenario.started && psp_init() != PSP_OKAY) ADD_FAILURE() << "the library does not start";
   scenario.prepare();
@@ -321,6 +349,29 @@ void sweep_kind(const Scenario &scenario, Fault fault, bool jumps) {
   EXPECT_EQ(jumped != 0, jumps) << report.running;
 }
 
+// Faults of the platform, and memory that fails while they are handled, as a seed has it.
+void sample_compounds(const Scenario &scenario) {
+  constexpr int kRuns = 6;
+  static std::mt19937 random(kSeed);
+  std::vector<Fault> faults;
+  if ((scenario.sweeps & kCalls) != 0) {
+    for (const os::Error code : scenario.codes) {
+      faults.push_back({.kind = Kind::kCall, .error = code});
+    }
+  }
+  if ((scenario.sweeps & kShorts) != 0) faults.push_back({.kind = Kind::kShortTransfer});
+  for (int index = 0; index < kRuns && !faults.empty() && !testing::Test::HasFailure(); ++index) {
+    Fault fault = faults[random() % faults.size()];
+    fault.nth = 1 + random() % 12;
+    fault.times = random() % 2 == 0 ? 1 : kFromThereOn;
+    memory_fails_at = 1 + random() % 3;
+    uint32_t jumped = 0;
+    ++report.runs;
+    run_once(scenario, fault, false, &jumped);
+    memory_fails_at = 0;
+  }
+}
+
 }  // namespace
 
 void sweep(const Scenario &scenario) {
@@ -337,6 +388,7 @@ void sweep(const Scenario &scenario) {
       sweep_kind(scenario, {.kind = Kind::kCall, .error = code}, false);
     }
   }
+  sample_compounds(scenario);
   // The linker wraps the names that the C library's functions have where off_t is wide anyway.
   if ((scenario.sweeps & kSystem) == 0 || sizeof(void *) == 4) return;
   for (const os::Error code : scenario.system_codes) {
@@ -406,6 +458,8 @@ std::vector<std::string> run_all_and_list_unfailed(const char *sources) {
     const auto &met = report.of_kind;
     std::printf("%12u %8u %8u %8u %8u  %s\n", met[1], met[2], met[3], met[4], met[5], test->name);
   }
+  std::printf("seed %u: %u compound faults, memory failed in %u of them\n", kSeed, report.runs,
+              report.compounds);
   std::vector<std::string> unfailed;
 #define PSP_LIST(name, ...) \
   if (!report.failed[static_cast<int>(Os::name)]) unfailed.push_back(#name);
@@ -417,14 +471,13 @@ std::vector<std::string> run_all_and_list_unfailed(const char *sources) {
   return unfailed;
 }
 
-void expect_no_need(const char *function, void (*call)()) {
+void expect_no_need(const char *calls, void (*call)()) {
   arm({});
   call();
   const Counters met = disarm();
-  uint32_t calls = 0;
-  for (int index = 0; index < kFallible; ++index) calls += met.calls[index];
-  EXPECT_EQ(met.allocations + calls, 0u) << function << " comes to what can fail";
-  note_without_need(function);
+  uint32_t fallible = met.allocations;
+  for (int index = 0; index < kFallible; ++index) fallible += met.calls[index];
+  EXPECT_EQ(fallible, 0u) << calls << " come to what can fail";
 }
 
 }  // namespace psp::faults

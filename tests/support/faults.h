@@ -144,7 +144,7 @@ std::vector<std::string> run_all_and_list_unfailed(const char *sources);
 // that this function came to where memory (else the platform) can fail.
 void note_in_table(const Fault &fault, bool memory);
 
-// Calls a function that comes to neither, and notes it as such.
+// Calls a function that comes to neither; notes one as such.
 void expect_no_need(const char *function, void (*call)());
 void note_without_need(const char *function);
 

@@ -5,6 +5,7 @@
 #include <type_traits>
 
 #include "support/faults.h"
+#include "support/steps.h"
 
 namespace psp::faults {
 
@@ -39,6 +40,9 @@ Result call(Result (*)(Parameters...), std::type_identity_t<Parameters>... argum
       os::set_last_error(error);
       return failure<Result>(error);
     }
+  }
+  if constexpr (changes_files(kFunction)) {
+    if (recorded != nullptr) record<kFunction>(arguments...);
   }
   const InPlatform inside;
   if constexpr (kFunction == Os::reserve_pages) {
