@@ -1,6 +1,7 @@
 // The way of an input into a target, and the files of the targets.
 //
-// The library is started at the first input and never stopped: the process ends with the run.
+// The library is started at the first input. It ends with the process, unless a target stops it and
+// starts it again, to begin anew.
 #include "fuzz.h"
 
 #include <cstdio>

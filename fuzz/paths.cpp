@@ -231,8 +231,8 @@ class Store {
 
   // Any text, or few components, so that paths meet.
   static Text made_path(fuzz::Input *input) {
-    static constexpr const char *kPieces[] = {"\\a", "\\A", "\\b",  "/B", "\\c.txt", "\\.",
-                                              "/..", "\\",  "\\\\", "a",  "\\...",   "c:"};
+    static constexpr const char *kPieces[] = {
+        "\\a", "\\A", "\\b", "/B", "\\c.txt", "\\.", "/..", "\\", "\\\\", "a", "\\...", "c:", ".."};
     uint32_t pieces = input->below(8);
     if (pieces == 0) return input->text(200);
     Text path;
