@@ -34,7 +34,9 @@
  *   jump": the memory belongs to no tag, so that the call never jumps, and logs no message.
  *
  * Fork: a child may go on using memory, files, streams and log if no other thread of its parent
- * was inside the library or held one of its locks at the moment of the fork.
+ * was inside the library or held one of its locks at the moment of the fork. A handle, a stream or
+ * a log in a file that both have holds a position for each: what one writes there, the other
+ * overwrites.
  */
 #ifndef PSP_H
 #define PSP_H
@@ -115,7 +117,11 @@ typedef int32_t psp_status;
  * psp_init and psp_term nest: independent users in one process each start and stop the library.
  * The last psp_term closes every output channel, releases every tag with its memory and every sync
  * object; nothing obtained before it may be used after it. The two modes are switched on once and
- * stay on until the process ends. */
+ * stay on until the process ends.
+ *
+ * On POSIX the shared library stays in memory once it is loaded: dlclose does not unload it, and a
+ * later dlopen finds it as it was left. A client's own library that holds the static one and starts
+ * threads with it is to be linked so, too (-Wl,-z,nodelete). */
 
 /** Starts the library, or counts one more start when it is started already.
  *

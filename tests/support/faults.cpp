@@ -9,7 +9,6 @@
 #include <sys/mman.h>
 #include <unistd.h>
 
-#include <array>
 #include <atomic>
 #include <cerrno>
 #include <chrono>
@@ -18,6 +17,7 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
+#include <mutex>
 #include <random>
 #include <semaphore>
 #include <set>
@@ -50,6 +50,7 @@ struct Report {
 };
 
 Report report;
+std::mutex report_lock;  // of the counts, where faults are armed in several threads
 
 std::vector<const FaultTest *> &all_tests() {
   static std::vector<const FaultTest *> tests;
@@ -102,6 +103,7 @@ void arm(const Fault &fault) {
 }
 
 Counters disarm() {
+  const std::lock_guard guard(report_lock);
   report.of_kind[static_cast<int>(armed.kind)] += counters.faults;
   for (int index = 0; index < kFallible; ++index) {
     if (counters.failed_calls[index] != 0) report.failed[index] = true;
@@ -137,6 +139,11 @@ bool shortens(Os function, uint32_t count) {
 }
 
 void note_pages(int change) { live_regions += change; }
+
+Held held() {
+  std::filesystem::directory_iterator descriptors("/proc/self/fd");
+  return {live_blocks, live_regions, static_cast<int>(std::distance(begin(descriptors), {}))};
+}
 
 InPlatform::InPlatform() : before(in_platform) { in_platform = true; }
 InPlatform::~InPlatform() { in_platform = before; }
@@ -215,14 +222,6 @@ class Capture {
   const int output_ = dup(1);
   const int error_ = dup(2);
 };
-
-// Live blocks of the C runtime's heap, reserved regions, open descriptors.
-using Held = std::array<int, 3>;
-
-Held held() {
-  std::filesystem::directory_iterator descriptors("/proc/self/fd");
-  return {live_blocks, live_regions, static_cast<int>(std::distance(begin(descriptors), {}))};
-}
 
 // Another thread, which lasts for the process, passes through every lock of the library. There is
 // no way on from a lock that is still held.

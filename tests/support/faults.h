@@ -6,6 +6,7 @@
 // for the calling thread: other threads go on undisturbed.
 #pragma once
 
+#include <array>
 #include <cerrno>
 #include <cstdint>
 #include <functional>
@@ -53,6 +54,10 @@ struct Counters {
 void arm(const Fault &fault);
 Counters disarm();
 uint32_t calls_in_process(Os function);  // by all threads, ever
+
+// What the process holds: live blocks of the C runtime's heap, reserved regions, open descriptors.
+using Held = std::array<int, 3>;
+Held held();
 
 // The platform's code for a condition, or one that faulty_os.cpp makes up where it has none.
 os::Error error_of(os::Condition condition);

@@ -32,6 +32,16 @@ bool is_directory(DIR *stream, const dirent &entry) {
   return result == 0 && S_ISDIR(status.st_mode);
 }
 
+// The same stream on a descriptor above the standard channels'; a failure ends the stream.
+DIR *move_above_standard(DIR *stream) {
+  const int fd = fcntl(dirfd(stream), F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  DIR *moved = fd != -1 ? fdopendir(fd) : nullptr;
+  LastErrorKeeper keeper;
+  if (moved == nullptr && fd != -1) close(fd);
+  closedir(stream);
+  return moved;
+}
+
 }  // namespace
 
 Error directory_create(const char *name) {
@@ -59,6 +69,7 @@ Error directory_open(const char *name, Directory *directory) {
     errno = before;
     stream = opendir(path);
   } while (stream == nullptr && errno == EINTR);
+  if (stream != nullptr && dirfd(stream) <= STDERR_FILENO) stream = move_above_standard(stream);
   if (stream == nullptr) return last_error();
   directory->state = stream;
   return 0;

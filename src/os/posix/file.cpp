@@ -229,15 +229,8 @@ bool descriptor_writes(const OpenOptions &options) {
 
 // ---- Opening ------------------------------------------------------------------------------------
 
-// Never one of the descriptors 0 to 2: in a process that closed a standard channel, what others
-// print would go into the file.
 int open_above_standard(const char *path, int flags, mode_t permissions) {
-  const int fd = retry_interrupted([&] { return open(path, flags, permissions); });
-  if (fd == -1 || fd > STDERR_FILENO) return fd;
-  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
-  LastErrorKeeper keeper;
-  close(fd);
-  return moved;
+  return above_standard(retry_interrupted([&] { return open(path, flags, permissions); }));
 }
 
 int open_flags(const OpenOptions &options) {
@@ -433,6 +426,14 @@ Error lock_first_byte_for_reading(int fd) {
 }
 
 }  // namespace
+
+int above_standard(int fd) {
+  if (fd == -1 || fd > STDERR_FILENO) return fd;
+  const int moved = fcntl(fd, F_DUPFD_CLOEXEC, STDERR_FILENO + 1);
+  LastErrorKeeper keeper;
+  close(fd);
+  return moved;
+}
 
 Error file_open(const char *name, const OpenOptions &options, File *file) {
   NameBuffer buffer;

@@ -164,12 +164,17 @@ Error create_temporary(const Surroundings &around, TemporaryName &name, int *fd)
     snprintf(name, sizeof(name), ".psp-%d-%u-%ld.tmp", static_cast<int>(getpid()),
              temporary_names.fetch_add(1, std::memory_order_relaxed), now.tv_nsec);
     const Place place = around.place(name);
-    *fd = retry_interrupted([&] {
+    const int created = retry_interrupted([&] {
       return openat(place.directory, place.path, O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC | O_NOCTTY,
                     kOwnerOnly);
     });
+    *fd = above_standard(created);
     if (*fd != -1) return 0;
-    if (errno != EEXIST) break;
+    if (created != -1) {
+      const LastErrorKeeper keeper;
+      unlinkat(place.directory, place.path, 0);
+    }
+    if (created != -1 || errno != EEXIST) break;
   }
   return last_error();
 }

@@ -65,6 +65,11 @@ inline const char *system_name(const char *name, NameBuffer &buffer) {
 
 // ---- Shared by files of this folder ------------------------------------------------------------
 
+// Moves a new descriptor that is one of 0 to 2 above them: in a process that closed a standard
+// channel, what others print would go into the file. -1 stays what it is; a move that fails closes
+// the descriptor.
+int above_standard(int fd);
+
 // While installed, SIGTERM calls control, on a thread of its own, and no interrupt handler,
 // whichever of the two was installed first. Removing waits for a running call, so it must not be
 // made inside one. One thread makes the calls one after the other.

@@ -110,9 +110,9 @@ Error Folder::sync() const {
 // The mode does not depend on what the process masks out.
 Error Folder::write_new(const char *name, std::string_view content) const {
   if (unlinkat(fd_, name, 0) == -1 && errno != ENOENT) return last_error();
-  const int fd = retry_interrupted([&] {
+  const int fd = above_standard(retry_interrupted([&] {
     return openat(fd_, name, O_WRONLY | O_CREAT | O_EXCL | O_NOFOLLOW | O_CLOEXEC, kFileMode);
-  });
+  }));
   if (fd == -1) return last_error();
   Error error = fchmod(fd, kFileMode) == -1 ? last_error() : 0;
   if (error == 0) error = write_all(fd, content);
