@@ -667,6 +667,8 @@ int main(int argc, char **argv) {
   place += "/psp_soak.XXXXXX";
   if (stdout == nullptr || stderr == nullptr || mkdtemp(place.data()) == nullptr) return 2;
   setenv("TEMP", place.c_str(), 1);
+  setenv("TZ", "UTC", 1);     // else each look at the zone reads it anew, under an unseen lock
+  std::thread([] {}).join();  // a sanitizer starts a thread of its own with the first
   for (const Family &family : families) total_weight += family.weight;
   std::fprintf(report, "seed %u, %d threads, %g s\n", seed, kThreads, seconds);
   std::fflush(report);
