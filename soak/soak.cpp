@@ -23,7 +23,7 @@
 #include <vector>
 
 #include "core/modules.h"
-#include "parser/grammars/nesting_tables.h"
+#include "parser/grammars/statements_tables.h"
 #include "support/faults.h"
 
 namespace {
@@ -434,14 +434,14 @@ bool use_queues(Worker &w) {
 
 bool parse(Worker &w) {
   static thread_local uint32_t opening, closing;
-  opening = closing = w.pick(400);
+  opening = closing = 1 + w.pick(400);
   const auto lexer = [](void *, void *) -> int32_t {
-    if (opening > 0) return --opening, NESTING_TOKEN_OPEN;
-    return closing > 0 ? (--closing, NESTING_TOKEN_CLOSE) : -1;
+    if (opening > 0) return --opening, STATEMENTS_TOKEN_OPEN;
+    return closing > 0 ? (--closing, STATEMENTS_TOKEN_CLOSE) : -1;
   };
   const psp_yyContext context = {8 * (1 + w.pick(5)),
                                  nullptr,
-                                 &nesting_tables,
+                                 &statements_tables,
                                  lexer,
                                  [](void *, void *, int16_t, void *) -> int16_t { return 0; },
                                  nullptr,
