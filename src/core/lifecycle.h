@@ -15,8 +15,7 @@ struct ProcessState {
   std::atomic<bool> no_disk{false};
 };
 
-// Hidden here too, so that whoever asks loads it without asking for its address first.
-[[gnu::visibility("hidden")]] extern constinit ProcessState process_state;
+extern constinit ProcessState process_state;
 
 // True from the first step of the first start to the last step of the last stop.
 inline bool started() { return process_state.start_count.load(std::memory_order_acquire) != 0; }
