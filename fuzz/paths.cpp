@@ -39,8 +39,7 @@ Text taken(char *text) {
   return copy;
 }
 
-// ---- The parts of a name
-// --------------------------------------------------------------------------
+// ---- The parts of a name ------------------------------------------------------------------------
 
 Text directory_text(const Text &name) {
   const Text text = with_backslashes(name);
@@ -82,8 +81,7 @@ void expect_parts(const Text &name) {
   FUZZ_EXPECT(psp_pathIsDir(name.c_str()) == (name.empty() ? -1 : names_directory ? 1 : 0));
 }
 
-// ---- Patterns
-// -------------------------------------------------------------------------------------
+// ---- Patterns -----------------------------------------------------------------------------------
 
 // The character behind a "*" is compared as it is.
 bool matches(const char *name, const char *pattern) {
@@ -112,14 +110,14 @@ std::optional<Found> found(const Text &directory, uint16_t mode, const Text &pat
   if (names == nullptr) return std::nullopt;
   Found all;
   uint32_t is_directory = 7;
-  while (const char *name = psp_pathNext(names, &is_directory))
+  while (const char *name = psp_pathNext(names, &is_directory)) {
     all.emplace_back(name, is_directory);
+  }
   psp_pathClose(names);
   return all;
 }
 
-// ---- Entries of the disk
-// --------------------------------------------------------------------------
+// ---- Entries of the disk ------------------------------------------------------------------------
 
 // Makes a folder with such entries. One with a backslash in its name is not told.
 void expect_disk_listing(fuzz::Input *input) {
@@ -152,8 +150,7 @@ void expect_disk_listing(fuzz::Input *input) {
   std::filesystem::remove_all(folder);
 }
 
-// ---- Temporary names
-// ------------------------------------------------------------------------------
+// ---- Temporary names ----------------------------------------------------------------------------
 
 void expect_temporary_name(fuzz::Input *input) {
   const bool has_prefix = input->below(2) != 0, has_extension = input->below(2) != 0;
@@ -174,8 +171,7 @@ void expect_temporary_name(fuzz::Input *input) {
   unsetenv("VKD_TMPDIR");
 }
 
-// ---- Paths of the store
-// ---------------------------------------------------------------------------
+// ---- Paths of the store -------------------------------------------------------------------------
 
 constexpr uint16_t kMemory = PSP_FILE_MEMORY;
 

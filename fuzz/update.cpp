@@ -51,8 +51,7 @@ Text folded(Text text) {
 
 Text up_to(const Text &text, char end) { return text.substr(0, text.find(end)); }
 
-// ---- The lines of a file
-// --------------------------------------------------------------------------
+// ---- The lines of a file ------------------------------------------------------------------------
 
 struct File {
   Lines lines;           // without their ends
@@ -160,8 +159,7 @@ struct File {
   }
 };
 
-// ---- A file and its model
-// -------------------------------------------------------------------------
+// ---- A file and its model -----------------------------------------------------------------------
 
 class Updated {
  public:
