@@ -144,9 +144,9 @@ std::vector<std::string> run_all_and_list_unfailed(const char *sources);
 // that this function came to where memory (else the platform) can fail.
 void note_in_table(const Fault &fault, bool memory);
 
-// Calls a function that comes to neither; notes one as such.
-void expect_no_need(const char *function, void (*call)());
-void note_without_need(const char *function);
+// Calls functions that come to neither; notes those of a text as such.
+void expect_no_need(const char *calls, void (*call)());
+void note_without_need(const char *calls);
 
 // Prints the table, also to the file that the environment names in PSP_FAULT_TABLE, and gives what
 // is missing in it: functions of the header that never failed where they can fail, or where their
