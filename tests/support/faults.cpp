@@ -376,6 +376,8 @@ void sample_compounds(const Scenario &scenario) {
 
 }  // namespace
 
+bool memory_fails_too() { return memory_fails_at != 0; }
+
 void sweep(const Scenario &scenario) {
   uint32_t jumped = 0;
   tracing = true;

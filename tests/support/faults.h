@@ -105,6 +105,9 @@ struct Scenario {
   bool started = true;            // the library is started around the run
 };
 
+// Whether memory fails behind the fault too, in a compound of both.
+bool memory_fails_too();
+
 // Runs the scenario with fault 1, 2, 3 ... until a run meets none, each as one failure and as one
 // from there on. After each run nothing may be held or leaked, and act must work without faults.
 void sweep(const Scenario &scenario);
