@@ -31,6 +31,7 @@ const std::u16string wide_long(long_text.begin(), long_text.end());
 std::string big(kBigBytes + 1, 'b');
 const std::string content(2500, 's');
 int32_t number32;
+void *block;
 char buffer[6000];
 psp_wchar wide_buffer[100];
 PSP_FH file;
@@ -104,6 +105,7 @@ const Row kRows[] = {
     ROW(kNames, psp_dirCreateW(wide("n")) == 0),
     ROW(kNames, psp_dirCreateAllW(wide("n/m")) == 0),
     ROW(kNames, psp_dirRemoveW(wide("e")) == 0),
+    ROW(kCalls, block = psp_fullpath("a"), psp_freeMem(block, nullptr), block != nullptr),
     ROW(kBoth, opens(at("f"), "r", 0)),
     ROW(kCalls, opens(at("f"), "r", 0) && repeats(2500, [] { return psp_fgetc(stream) == 's'; })),
     ROW(kCalls, opens(at("f"), "r", 0) && psp_fgets(buffer, 2501, stream) != nullptr &&
@@ -256,7 +258,7 @@ psp_sync lock, gate;
 psp_rand *generator;
 psp_queue *queue;
 psp_pathIter *names;
-void *block, *chunk;
+void *chunk;
 int16_t number16;
 int64_t number64;
 float single;
@@ -282,7 +284,8 @@ const Needless kNeedless[] = {
     CALLS(psp_alignType('d'), psp_align(5, 2), psp_swaporder16(1), psp_swaporder32(1),
           psp_swaporder64(1), psp_swaporderf32(1), psp_swaporderf64(1)),
     CALLS(psp_pathIsFullyQualified("a"), psp_pathStripDrive("a:b"), psp_pathIsDir("a"),
-          psp_pathIsLink("a"), psp_pathClose(names), psp_fungetc('c', stream)),
+          psp_pathIsLink("a"), psp_pathClose(names), psp_fungetc('c', stream),
+          psp_fseek(stream, 0, PSP_SEEK_START)),
     CALLS(psp_inputBuffGetChar(in, buffer), psp_inputBuffGetInt16(in, &number16),
           psp_inputBuffGetInt32(in, &number32), psp_inputBuffGetInt32Timeout(in, &number32, 1),
           psp_inputBuffGetInt64(in, &number64), psp_inputBuffGetFloat32(in, &single),
@@ -291,9 +294,9 @@ const Needless kNeedless[] = {
     CALLS(psp_outputBuffPutChar(out, 'c'), psp_outputBuffPutInt16(out, 1),
           psp_outputBuffPutInt32(out, 1), psp_outputBuffPutInt64(out, 1),
           psp_outputBuffPutFloat32(out, 1), psp_outputBuffPutFloat64(out, 1),
-          psp_outputBuffPutString(out, "s"), psp_outputBuffPutStringWithLength(out, "s"),
-          psp_outputBuffPutBytes(out, "b", 1), psp_outputBuffSendDirect(out, "b", 1),
-          psp_outputBuffFlush(out), psp_outputBuffDestroy(out)),
+          psp_outputBuffPutString(out, "s"), psp_outputBuffPutBytes(out, "b", 1),
+          psp_outputBuffSendDirect(out, "b", 1), psp_outputBuffFlush(out),
+          psp_outputBuffDestroy(out)),
     CALLS(psp_iniCleanup(), psp_iniTerm(), psp_threadJoin(0), psp_threadId()),
     CALLS(psp_queueFind("q"), psp_queueCount(queue), psp_queuePurge(queue, PSP_QUEUE_ALL_TYPES),
           psp_queueClose(queue), psp_queueDelete(queue), psp_queueTerm(1)),

@@ -121,7 +121,9 @@ uint32_t calls_in_process(Os function) { return process_calls[static_cast<int>(f
 
 bool fails(Os function, os::Error *error) {
   come_nearer_to_kill();
-  if (tracing) note_in_table({}, false);
+  // Whichever function gets there first needs the pages, and the hook of its thread.
+  const bool is_shared = function == Os::reserve_pages || function == Os::arm_thread_exit_hook;
+  if (tracing && !is_shared) note_in_table({}, false);
   if (armed.kind != Kind::kCall || !counts(function)) return false;
   uint32_t seen = 0;
   for (int index = 0; index < kFallible; ++index) {
@@ -372,6 +374,8 @@ void sample_compounds(const Scenario &scenario) {
 }
 
 }  // namespace
+
+bool memory_fails_too() { return memory_fails_at != 0; }
 
 void sweep(const Scenario &scenario) {
   uint32_t jumped = 0;

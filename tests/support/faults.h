@@ -110,6 +110,9 @@ struct Scenario {
   bool started = true;            // the library is started around the run
 };
 
+// Whether memory fails behind the fault too, in a compound of both.
+bool memory_fails_too();
+
 // Runs the scenario with fault 1, 2, 3 ... until a run meets none, each as one failure and as one
 // from there on. After each run nothing may be held or leaked, and act must work without faults.
 void sweep(const Scenario &scenario);
@@ -149,9 +152,9 @@ std::vector<std::string> run_all_and_list_unfailed(const char *sources);
 // that this function came to where memory (else the platform) can fail.
 void note_in_table(const Fault &fault, bool memory);
 
-// Calls a function that comes to neither; notes one as such.
-void expect_no_need(const char *function, void (*call)());
-void note_without_need(const char *function);
+// Calls functions that come to neither; notes those of a text as such.
+void expect_no_need(const char *calls, void (*call)());
+void note_without_need(const char *calls);
 
 // Prints the table, also to the file that the environment names in PSP_FAULT_TABLE, and gives what
 // is missing in it: functions of the header that never failed where they can fail, or where their
