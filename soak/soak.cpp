@@ -641,6 +641,7 @@ int main(int argc, char **argv) {
   }
   uint32_t seed = argc > 2 ? static_cast<uint32_t>(std::strtoul(argv[2], nullptr, 0))
                            : static_cast<uint32_t>(std::time(nullptr));
+  psp::faults::table_is_kept = false;
   report = stdout;
   stdout = std::tmpfile();
   stderr = std::fopen("/dev/null", "w");

@@ -118,7 +118,10 @@ void print(FILE *to) {
 
 }  // namespace
 
+bool table_is_kept = true;
+
 void note_in_table(const Fault &fault, bool memory) {
+  if (!table_is_kept) return;
   const int before = errno;
   if (Row *row = row_under_way(); row != nullptr) {
     (memory ? row->comes_to_memory : row->comes_to_platform) = true;

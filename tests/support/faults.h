@@ -151,6 +151,7 @@ std::vector<std::string> run_all_and_list_unfailed(const char *sources);
 // Counts a fault that fires for the exported function that the test has called, or (kNone) only
 // that this function came to where memory (else the platform) can fail.
 void note_in_table(const Fault &fault, bool memory);
+extern bool table_is_kept;  // false: a program with faults in many threads does without
 
 // Calls functions that come to neither; notes those of a text as such.
 void expect_no_need(const char *calls, void (*call)());
