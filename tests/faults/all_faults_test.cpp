@@ -3,7 +3,7 @@
 
 #include "support/faults.h"
 
-// What no sweep has failed yet: memory where the function reports or renames, starts that take
+// What no sweep has failed yet. Why memory is met where psp.h says that none is needed is open.
 // none.
 static const std::vector<std::string> kNotFailedYet = {
     "psp_fileMove: memory",     "psp_fileRemove: memory",   "psp_queueInit",
