@@ -3,10 +3,10 @@
 //
 // usage: psp_soak SECONDS [SEED]
 //
-// An operation that met no fault must work; one that met some may fail, but not spoil what it did
-// before, nor what other threads do. Each thread's choices follow from the seed; how the threads
-// meet does not. Exit status 0: every promise held. The runtime's standard error is closed to the
-// library's own words, its standard output is read at the end: nothing may stand there.
+// An operation that met no fault must work; one that met some may fail, but may spoil neither its
+// own earlier work nor that of other threads. The seed decides what each thread chooses, but not
+// how the threads meet. Exit status 0: every promise held. The runtime's standard error is closed
+// to the library's own words, its standard output is read at the end: nothing may stand there.
 #include <unistd.h>
 
 #include <atomic>

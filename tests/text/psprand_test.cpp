@@ -17,7 +17,7 @@ TEST_F(Random, IsTheReferenceSequence) {
     for (int draw = 0; draw < 5000; ++draw) {
       ASSERT_EQ(psp_randGetUInt32(generator), reference()) << "seed " << seed << ", draw " << draw;
     }
-    // Between two renewals, with the seed that a creation would replace.
+    // In the middle of a block of draws; 0 stays 0 here.
     psp_randResetSeed(generator, 0);
     reference.seed(0);
     for (int draw = 0; draw < 1000; ++draw) ASSERT_EQ(psp_randGetUInt32(generator), reference());
