@@ -435,6 +435,17 @@ int above_standard(int fd) {
   return moved;
 }
 
+Error write_all(int fd, const char *bytes, size_t count) {
+  while (count > 0) {
+    const ssize_t written = retry_interrupted([&] { return write(fd, bytes, count); });
+    if (written == -1) return last_error();
+    if (written == 0) return fail(EIO);  // a device that takes nothing and says nothing
+    bytes += written;
+    count -= static_cast<size_t>(written);
+  }
+  return 0;
+}
+
 Error file_open(const char *name, const OpenOptions &options, File *file) {
   NameBuffer buffer;
   const char *path = system_name(name, buffer);

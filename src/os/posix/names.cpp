@@ -179,24 +179,13 @@ Error create_temporary(const Surroundings &around, TemporaryName &name, int *fd)
   return last_error();
 }
 
-Error write_piece(int fd, const char *bytes, size_t count) {
-  while (count > 0) {
-    const ssize_t written = retry_interrupted([&] { return write(fd, bytes, count); });
-    if (written == -1) return last_error();
-    if (written == 0) return fail(EIO);  // a device that takes nothing and says nothing
-    bytes += written;
-    count -= static_cast<size_t>(written);
-  }
-  return 0;
-}
-
 Error copy_content(File *from, int to) {
   char piece[kPieceBytes];
   for (;;) {
     uint32_t count = 0;
     Error error = file_read(from, piece, kPieceBytes, &count);
     if (error == 0 && count == 0) return 0;
-    if (error == 0) error = write_piece(to, piece, count);
+    if (error == 0) error = write_all(to, piece, count);
     if (error != 0) return error;
   }
 }

@@ -70,6 +70,9 @@ inline const char *system_name(const char *name, NameBuffer &buffer) {
 // the descriptor.
 int above_standard(int fd);
 
+// Writes all the bytes at the descriptor's position.
+Error write_all(int fd, const char *bytes, size_t count);
+
 // While installed, SIGTERM calls control, on a thread of its own, and no interrupt handler,
 // whichever of the two was installed first. Removing waits for a running call, so it must not be
 // made inside one. One thread makes the calls one after the other.

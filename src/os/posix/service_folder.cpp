@@ -54,16 +54,6 @@ Error format_temporary_name(const char *name, char (&temporary)[kFileNameBytes])
   return length < 0 || static_cast<size_t>(length) >= kFileNameBytes ? fail(ENAMETOOLONG) : 0;
 }
 
-Error write_all(int fd, std::string_view content) {
-  while (!content.empty()) {
-    const ssize_t written =
-        retry_interrupted([&] { return write(fd, content.data(), content.size()); });
-    if (written == -1) return last_error();
-    content.remove_prefix(static_cast<size_t>(written));
-  }
-  return 0;
-}
-
 }  // namespace
 
 // ---- The lock -----------------------------------------------------------------------------------
@@ -115,7 +105,7 @@ Error Folder::write_new(const char *name, std::string_view content) const {
   }));
   if (fd == -1) return last_error();
   Error error = fchmod(fd, kFileMode) == -1 ? last_error() : 0;
-  if (error == 0) error = write_all(fd, content);
+  if (error == 0) error = write_all(fd, content.data(), content.size());
   if (error == 0 && retry_interrupted([&] { return fsync(fd); }) == -1) error = last_error();
   if (close(fd) == -1 && errno != EINTR && error == 0) error = last_error();
   return error;
