@@ -298,11 +298,12 @@ const Needless kNeedless[] = {
           psp_outputBuffSendDirect(out, "b", 1), psp_outputBuffFlush(out),
           psp_outputBuffDestroy(out)),
     CALLS(psp_iniCleanup(), psp_iniTerm(), psp_threadJoin(0), psp_threadId()),
-    CALLS(psp_queueFind("q"), psp_queueCount(queue), psp_queuePurge(queue, PSP_QUEUE_ALL_TYPES),
-          psp_queueClose(queue), psp_queueDelete(queue), psp_queueTerm(1)),
-    CALLS(psp_sleep(0), psp_get_pid(), psp_daemonStart(1, 2), psp_daemonComplete(1), psp_seed(),
-          psp_timeSecs(), psp_timeMilliSecs(), psp_getenv("HOME"), psp_setlocale(0, nullptr),
-          psp_rdonly(), psp_nodisk())};
+    CALLS(number32 = psp_queueInit(0), psp_queueFind("q"), psp_queueCount(queue),
+          psp_queuePurge(queue, PSP_QUEUE_ALL_TYPES), psp_queueClose(queue), psp_queueDelete(queue),
+          psp_queueTerm(1)),
+    CALLS(psp_sleep(0), psp_get_pid(), psp_daemonStart(1, 2), psp_daemonComplete(1),
+          psp_serviceStarted(), psp_serviceDone(), psp_seed(), psp_timeSecs(), psp_timeMilliSecs(),
+          psp_getenv("HOME"), psp_setlocale(0, nullptr), psp_rdonly(), psp_nodisk())};
 
 // In a process of its own: modes cannot be taken back.
 void call_needless() {

@@ -124,14 +124,19 @@ FAULT_TEST(ThreadFaults, RefusedStartIsToldAndARefusedPriorityIsNot) {
   };
   sweep(scenario);
   scenario.sweeps |= kAllocations;  // of a thread whose handle nobody wants
-  scenario.act = [] {
-    static std::atomic<psp_threadHandle> runs;
-    const auto run = [](void *) { runs = 1, runs.notify_all(); };
-    if (runs = handle = 0; psp_threadBegin(run, 0, nullptr) != PSP_OKAY) return false;
-    runs.wait(0);
-    return (handle = runs) != 0;
-  };
-  sweep(scenario);
+  for (const bool extended : {false, true}) {
+    scenario.act = [extended] {
+      static std::atomic<psp_threadHandle> runs;
+      const auto run = [](void *) { runs = 1, runs.notify_all(); };
+      runs = handle = 0;
+      const psp_status status = extended ? psp_threadBeginEx(run, 0, nullptr, nullptr, 0, 0)
+                                         : psp_threadBegin(run, 0, nullptr);
+      if (status != PSP_OKAY) return false;
+      runs.wait(0);
+      return (handle = runs) != 0;
+    };
+    sweep(scenario);
+  }
 }
 
 }  // namespace

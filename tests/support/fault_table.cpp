@@ -87,7 +87,9 @@ std::map<std::string, bool> functions_of(const char *header) {
   std::string text;
   for (std::string line; std::getline(file, line);) {
     if (line.starts_with("#")) continue;
-    text += line.starts_with(" * ") ? line.substr(3) + " " : line + "\n";
+    const size_t start = line.find_first_not_of("/* ");  // behind the marks of a comment
+    const bool is_comment = line.starts_with("/**") || line.starts_with(" * ");
+    text += is_comment && start != line.npos ? line.substr(start) + " " : line + "\n";
   }
   for (size_t at = 0; (at = text.find("PSP_API ", at)) != text.npos; ++at) {
     const size_t name = text.find("psp_", text.rfind(' ', text.find('(', at)));
