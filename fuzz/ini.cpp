@@ -182,9 +182,10 @@ void expect_update(const Text &file, const std::vector<Text> &lines, const Chang
   for (const char c : updated(lines, change)) bytes += c == '\n' ? Text("\r\n") : Text(1, c);
   FUZZ_EXPECT(fuzz::read_file(file) == bytes);
 
-  // A text that begins like the mark of another encoding is read in that encoding from now on.
-  const Text mark = bytes.substr(0, 2);
-  if (mark == "\xFF\xFE" || mark == "\xFE\xFF") return;
+  // A text that begins like a mark loses that to it, and is read in its encoding from now on.
+  for (const char *mark : {"\xFF\xFE", "\xFE\xFF", "\xEF\xBB\xBF"}) {
+    if (bytes.starts_with(mark)) return;
+  }
   const bool is_new = first(sections_of(lines), change.section) == nullptr;
   if (is_new && key && value && is_plain(change.section) && is_plain(*change.key) &&
       is_plain(*change.value)) {
