@@ -389,7 +389,7 @@ void fuzz::run(Input input) {
     }
   }
   if (!is_used) return;
-  store.compare("\\", store.root());
+  store.compare("\\.\\", store.root());  // "\:x" would begin like a drive
   // The store ends with the library.
   psp_term();
   FUZZ_EXPECT(psp_init() == PSP_OKAY);
