@@ -11,17 +11,13 @@ typedef struct {
 static const int32_t kSize = sizeof(Record);
 
 static int change(PSP_FH file) {
-  for (int32_t id = 1; id <= 3; ++id) {
-    Record record = {id, 10 * id};
-    if (psp_fileWrite(file, &record, sizeof record) != kSize) return 1;
-  }
-  Record second = {2, 25};
+  Record first[] = {{1, 10}, {2, 20}, {3, 30}}, second = {2, 25}, record;
+  if (psp_fileWrite(file, first, sizeof first) != 3 * kSize) return 1;
   if (psp_fileSeekWrite(file, kSize, &second, sizeof second) != kSize) return 1;
   errno = 0; /* a failed sync is told by the error code alone; on Windows SetLastError(0) */
   psp_fileSync(file);
   if (psp_errno() != 0) return 1;
 
-  Record record;
   int32_t count;
   if (psp_fileSeek(file, 0, PSP_SEEK_START) != PSP_OKAY) return 1;
   while ((count = psp_fileRead(file, &record, sizeof record)) == kSize) {

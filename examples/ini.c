@@ -1,17 +1,8 @@
-/* INI configuration: a value with a fallback, a change that keeps every other line, a list of the
- * keys of a section. */
+/* INI configuration: a value with a fallback, a change that keeps every other line, a list. */
 #include <psp.h>
 #include <string.h>
 
 static const char kFile[] = "server.ini";
-
-/* Lookups drop a blank before the "="; psp_iniSet would not find the name that it follows. */
-static psp_status write_first_settings(void) {
-  psp_stream *out = psp_fopen(kFile, "w", 1);
-  int32_t written = psp_fputs("; settings\n[server]\nport=4000\nname=main\n", out);
-  psp_fclose(out); /* a null stream fails above and does nothing here */
-  return written < 0 ? PSP_ERR_NOFILE : PSP_OKAY;
-}
 
 /* A setting that is missing keeps the default. */
 static int32_t number(const char *key, int32_t fallback) {
@@ -33,7 +24,10 @@ static psp_status show_keys(void) {
 
 int main(void) {
   if (psp_init() != PSP_OKAY) return 1;
-  psp_status status = write_first_settings();
+  psp_stream *out = psp_fopen(kFile, "w", 1);
+  int32_t written = psp_fputs("; settings\n[server]\nport=4000\nname=main\n", out);
+  psp_fclose(out); /* a null stream fails above and does nothing here */
+  psp_status status = written < 0 ? PSP_ERR_NOFILE : PSP_OKAY;
   if (status == PSP_OKAY) {
     psp_printf("port %d, limit %d\n", number("port", 80), number("limit", 16));
     status = psp_iniSet(kFile, "server", "port", "4001");

@@ -13,19 +13,14 @@ static Node *push(psp_pool *pool, Node *top, int32_t value) {
   return node;
 }
 
-static Node *pop(psp_pool *pool, Node *top) {
-  Node *next = top->next;
-  psp_putInPool(top, pool);
-  return next;
-}
-
 static int run(psp_pool *pool) {
   Node *first = push(pool, NULL, 1);
   Node *second = first == NULL ? NULL : push(pool, first, 2);
   if (second == NULL) return 1;
   psp_printf("top: %d\n", second->value);
   uintptr_t place = (uintptr_t)second;
-  Node *third = push(pool, pop(pool, second), 3);
+  psp_putInPool(second, pool);
+  Node *third = push(pool, first, 3);
   if (third == NULL) return 1;
   psp_printf("top: %d, in the memory of the old one: %s\n", third->value,
              (uintptr_t)third == place ? "yes" : "no");

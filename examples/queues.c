@@ -14,8 +14,7 @@ static void work(void *argument) {
 }
 
 static int run(psp_queue *jobs, psp_queue *answers) {
-  if (jobs == NULL || answers == NULL) return 1;
-  if (psp_threadBegin(work, 0, jobs) != PSP_OKAY) return 1;
+  if (jobs == NULL || answers == NULL || psp_threadBegin(work, 0, jobs) != PSP_OKAY) return 1;
   for (psp_word number = 1; number <= 3; ++number) psp_queueWrite(jobs, number, 0, kSquare, 0);
   psp_queueWrite(jobs, 0, 0, kQuit, 0);
   psp_word number, square, type;

@@ -8,11 +8,8 @@ static int write_names(const char *file) {
   psp_stream *out = psp_fopen(file, "w", 2); /* units of 2 bytes */
   if (out == NULL) return 1;
   int failed = psp_fputs("Zo\xC3\xAB\n", out) < 0;
-  failed |= psp_fprintf(out, "%s, born in %d\n",
-                        "Ren\xC3\xA9"
-                        "e",
-                        1961) < 0;
-  errno = 0; /* what the disk did not take is told by the error code alone */
+  failed |= psp_fprintf(out, "%s, born in %d\n", "Andr\xC3\xA9", 1961) < 0;
+  errno = 0; /* the only sign of what the disk did not take */
   failed |= psp_fflush(out) != 0 || psp_errno() != 0;
   psp_fclose(out);
   return failed;
@@ -34,10 +31,8 @@ static int show_names(const char *file) {
 int main(void) {
   if (psp_init() != PSP_OKAY) return 1;
   int result = write_names("names.txt");
-  if (result == 0) {
-    psp_printf("the file: %lld bytes\n", psp_fileLengthStat("names.txt", 0));
-    result = show_names("names.txt");
-  }
+  psp_printf("the file: %lld bytes\n", psp_fileLengthStat("names.txt", 0));
+  if (result == 0) result = show_names("names.txt");
   if (result != 0) psp_log_err("names.txt: %s\n", strerror((int)psp_errno()));
   psp_term();
   return result;

@@ -1,27 +1,23 @@
-/* Sync objects: a lock keeps a sum right that two threads change, a gate tells when the other one
- * is done. A recursive lock lets a function that locks call another one that does. */
+/* Sync objects: a recursive lock around a sum that two threads change, a gate that tells the end.
+ */
 #include <psp.h>
 
 static psp_sync lock, done;
 static int64_t balance; /* guarded by the lock */
 
 static void change(int32_t amount) {
-  psp_syncEnterExcl(lock);
+  psp_syncEnterExcl(lock); /* perhaps once more: it is the thread's already */
   balance += amount;
   psp_syncExitExcl(lock);
 }
 
-static void transfer_often(int32_t amount, int32_t fee) {
+static void run_teller(void *amount) {
   for (int i = 0; i < 10000; ++i) {
     psp_syncEnterExcl(lock); /* nobody sees the one without the other */
-    change(amount);
-    change(-fee);
+    change(*(const int32_t *)amount);
+    change(-1);
     psp_syncExitExcl(lock);
   }
-}
-
-static void run_teller(void *amount) {
-  transfer_often(*(const int32_t *)amount, 1);
   psp_syncResume(done); /* last: whoever waited may end everything at once */
 }
 
@@ -34,7 +30,7 @@ int main(void) {
   psp_syncStart(done); /* a new gate is open */
   if (result == 0 && psp_threadBegin(run_teller, 0, &amount) != PSP_OKAY) result = 1;
   if (result == 0) {
-    transfer_often(-2, 1);
+    for (int i = 0; i < 10000; ++i) change(-2);
     while (psp_syncWait(done, PSP_NO_LIMIT) != PSP_OKAY) psp_sleep(1); /* refused waits, too */
     psp_printf("balance: %lld\n", balance);
   }

@@ -7,16 +7,12 @@ typedef struct {
   psp_sync done; /* closed while a thread uses this record */
 } Search;
 
-static int is_prime(uint32_t number) {
-  uint32_t divisor = 2;
-  while (divisor * divisor <= number && number % divisor != 0) ++divisor;
-  return number > 1 && divisor * divisor > number;
-}
-
 static void run_search(void *argument) {
   Search *search = argument;
   for (uint32_t number = search->first; number < search->end; ++number) {
-    if (is_prime(number)) ++search->primes;
+    uint32_t divisor = 2;
+    while (divisor * divisor <= number && number % divisor != 0) ++divisor;
+    if (divisor * divisor > number) ++search->primes;
   }
   psp_syncResume(search->done); /* last: whoever waited may end everything at once */
 }
@@ -32,7 +28,7 @@ static int start(Search *search) {
 
 int main(void) {
   if (psp_init() != PSP_OKAY) return 1;
-  Search half[2] = {{0, 500, 0, PSP_SYNC_NONE}, {500, 1000, 0, PSP_SYNC_NONE}};
+  Search half[2] = {{2, 500, 0, PSP_SYNC_NONE}, {500, 1000, 0, PSP_SYNC_NONE}};
   int failed = start(&half[0]) || start(&half[1]);
   for (int i = 0; i < 2; ++i) { /* PSP_SYNC_NONE lets through at once */
     while (psp_syncWait(half[i].done, PSP_NO_LIMIT) != PSP_OKAY) psp_sleep(1);
