@@ -17,14 +17,15 @@
 #include "files/files.h"
 #include "fuzz.h"
 #include "psp.h"
+#include "support/pattern_model.h"
 
 namespace {
 
 using Text = std::string;
+using psp::tests::slow_match;
 
-char folded(char c) { return static_cast<char>(c >= 'A' && c <= 'Z' ? c | 0x20 : c); }
 Text folded(Text text) {
-  for (char &c : text) c = folded(c);
+  for (char &c : text) c = psp::tests::lower_ascii(c);
   return text;
 }
 
@@ -83,23 +84,9 @@ void expect_parts(const Text &name) {
 
 // ---- Patterns -----------------------------------------------------------------------------------
 
-// The character behind a "*" is compared as it is.
-bool matches(const char *name, const char *pattern) {
-  if (*pattern == '\0') return *name == '\0';
-  if (*pattern != '*') {
-    return *name != '\0' && (*pattern == '?' || folded(*pattern) == folded(*name)) &&
-           matches(name + 1, pattern + 1);
-  }
-  if (pattern[1] == '\0') return true;
-  for (; *name != '\0'; ++name) {
-    if (folded(*name) == folded(pattern[1]) && matches(name + 1, pattern + 2)) return true;
-  }
-  return false;
-}
-
 void expect_match(const Text &name, const Text &pattern) {
   FUZZ_EXPECT(psp::files::matches_pattern(name.c_str(), pattern.c_str()) ==
-              matches(name.c_str(), pattern.c_str()));
+              slow_match(name.c_str(), pattern.c_str()));
 }
 
 using Found = std::vector<std::pair<Text, uint32_t>>;
@@ -139,7 +126,7 @@ void expect_disk_listing(fuzz::Input *input) {
   const Text pattern = input->text(12);
   Found expected;
   for (const auto &entry : entries) {
-    if (pattern == "*.*" || matches(entry.first.c_str(), pattern.c_str())) {
+    if (pattern == "*.*" || slow_match(entry.first.c_str(), pattern.c_str())) {
       expected.push_back(entry);
     }
   }
@@ -350,7 +337,7 @@ class Store {
   static Found listing(const Node &directory, const Text &pattern) {
     Found names;
     for (const auto &[key, node] : directory.entries) {
-      if (matches(node.spelled.c_str(), pattern.c_str())) {
+      if (slow_match(node.spelled.c_str(), pattern.c_str())) {
         names.emplace_back(node.spelled, node.is_directory ? 1 : 0);
       }
     }

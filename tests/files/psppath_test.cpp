@@ -10,6 +10,7 @@
 #include "files/files.h"
 #include "psp.h"
 #include "support/fixtures.h"
+#include "support/pattern_model.h"
 
 namespace {
 
@@ -19,20 +20,6 @@ std::string taken(char *text) {
   std::string result = text != nullptr ? text : "(null)";
   psp_freeMem(text, nullptr);
   return result;
-}
-
-// The rules of a pattern, one after the other.
-bool slow_match(const char *name, const char *pattern) {
-  if (*pattern == '\0') return *name == '\0';
-  if (*pattern != '*') {
-    return *name != '\0' && (*pattern == '?' || toupper(*pattern) == toupper(*name)) &&
-           slow_match(name + 1, pattern + 1);
-  }
-  if (pattern[1] == '\0') return true;
-  for (; *name != '\0'; ++name) {
-    if (toupper(*name) == toupper(pattern[1]) && slow_match(name + 1, pattern + 2)) return true;
-  }
-  return false;
 }
 
 TEST(Pattern, MatchesAsToldForEveryShortNameAndPattern) {
@@ -48,7 +35,7 @@ TEST(Pattern, MatchesAsToldForEveryShortNameAndPattern) {
   for (const std::string &pattern : words(5)) {
     for (const std::string &name : words(4)) {
       ASSERT_EQ(psp::files::matches_pattern(name.c_str(), pattern.c_str()),
-                slow_match(name.c_str(), pattern.c_str()))
+                psp::tests::slow_match(name.c_str(), pattern.c_str()))
           << name << " against " << pattern;
     }
   }
