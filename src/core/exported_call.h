@@ -35,7 +35,6 @@ namespace psp::core {
 
 struct CallState {
   uint32_t depth = 0;              // exported calls under way in this thread
-  bool reporting = false;          // an out-of-memory message is being written
   psp_tag *jump_wanted = nullptr;  // armed tag in which an allocation failed
 
   uint32_t put_offs = 0;                  // PutOffReports under way in this thread

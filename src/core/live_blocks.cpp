@@ -5,13 +5,17 @@
 
 namespace psp::core {
 
+void LiveBlocks::release_leaf(uint8_t *leaf) {
+  if (leaf != trusted()) os::release_pages(leaf, kLeafBytes);
+}
+
 uint8_t *LiveBlocks::reserve(size_t number) {
   auto *leaf = static_cast<uint8_t *>(os::reserve_pages(kLeafBytes));
   if (leaf == nullptr) leaf = trusted();
   uint8_t *present = nullptr;
   if (!leaves_[number].compare_exchange_strong(present, leaf, std::memory_order_acq_rel)) {
     // Another thread was quicker; its leaf counts.
-    if (leaf != trusted()) os::release_pages(leaf, kLeafBytes);
+    release_leaf(leaf);
     leaf = present;
   }
   return leaf != trusted() ? leaf : nullptr;
@@ -23,7 +27,7 @@ void LiveBlocks::release() {
     uint8_t *leaf = slot.load(std::memory_order_relaxed);
     if (leaf == nullptr) continue;
     slot.store(nullptr, std::memory_order_relaxed);
-    if (leaf != trusted()) os::release_pages(leaf, kLeafBytes);
+    release_leaf(leaf);
   }
 }
 

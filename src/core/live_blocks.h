@@ -102,6 +102,7 @@ class LiveBlocks {
   }
   // The new leaf, or null if the region is trusted from now on.
   uint8_t *reserve(size_t number);
+  static void release_leaf(uint8_t *leaf);
 
   std::atomic<uint8_t *> leaves_[kLeaves] = {};
 };

@@ -139,34 +139,24 @@ void destroy_tag(psp_tag *tag) {
   std::free(tag);
 }
 
+// The log takes no tagged memory: a report brings about no other one.
 void report(const char *file, uint32_t line) {
-  constexpr char kMessage[] = "Out of memory. Called from %s:%u\n";
   CallState &call = call_state;
-  if (call.reporting) {
-    // The report of another failure ran out of memory too: that failure is the caller's, this one
-    // is told past the channels.
-    std::printf(kMessage, file, line);
-    return;
-  }
-  call.reporting = true;
   ++call.depth;
-  psp_log(kMessage, file, line);
+  psp_log("Out of memory. Called from %s:%u\n", file, line);
   --call.depth;
-  call.reporting = false;
 }
 
 // Logs the failure, with nothing of the library held, or puts that off, and sees to the jump.
 // Returns null where the caller goes on without the memory.
 [[gnu::cold, gnu::noinline]] void *fail_allocation(psp_tag *tag, const char *file, uint32_t line) {
   CallState &call = call_state;
-  const bool inside_report = call.reporting;
   if (call.put_offs == 0) {
     report(file, line);
   } else if (call.unreported_file == nullptr) {
     call.unreported_file = file;
     call.unreported_line = line;
   }
-  if (inside_report) return nullptr;
   if (call.jump_wanted == nullptr && is_armed(tag)) call.jump_wanted = tag;
   if (call.jump_wanted != nullptr && call.depth == 0) take_wanted_jump();
   return nullptr;
@@ -249,10 +239,10 @@ psp_status memory_start() {
   }
   append_to_list(state.default_tag);
   // The table of sync objects takes its first block from the default tag, which has no lock yet;
-  // nobody else is inside the library.
+  // nobody else is inside the library. If there is a block, it has room for the second lock too.
   state.default_tag->lock = sync_create(PSP_SYNC_EXCL, LockRank::kTag, kSource, __LINE__);
   state.list_lock = sync_create(PSP_SYNC_EXCL, LockRank::kTagList, kSource, __LINE__);
-  if (is_sync_object(state.default_tag->lock) && is_sync_object(state.list_lock)) return PSP_OKAY;
+  if (is_sync_object(state.default_tag->lock)) return PSP_OKAY;
   memory_stop();
   return PSP_FAILED;
 }

@@ -108,9 +108,7 @@ inline bool keep_chunk(psp_pool *pool, Chunk *chunk) {
 
 [[gnu::noinline]] Chunk *new_chunk(size_t size, psp_pool *pool, const char *file, uint32_t line) {
   return exported_call([&] {
-    size_t bytes = 0;
-    // A request that would wrap is one that no memory fulfils, and is reported like one.
-    if (!checked_add(size, sizeof(Chunk), &bytes)) bytes = SIZE_MAX;
+    const size_t bytes = add_or_most(size, sizeof(Chunk));
     auto *chunk =
         static_cast<Chunk *>(psp_getMem(bytes, pool->tag, PSP_MEM_ALLOC, nullptr, file, line));
     if (chunk != nullptr) chunk->capacity = size;

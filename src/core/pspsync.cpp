@@ -8,6 +8,7 @@
 // of the library.
 //
 // Lock order: the global critical section before the table lock; see LockRank.
+#include <algorithm>
 #include <new>
 
 #include "core/checked.h"
@@ -130,8 +131,9 @@ void give_up_locks_of_thread() PSP_UNCHECKED {
 
 uint64_t monotonic_milliseconds() {
   int64_t frequency = 0;
-  if (!os::counter_frequency(&frequency) || frequency < 1000) return 0;
-  return static_cast<uint64_t>(os::counter_value() / (frequency / 1000));
+  if (!os::counter_frequency(&frequency)) return 0;
+  const int64_t value = os::counter_value();
+  return static_cast<uint64_t>(value / frequency * 1000 + value % frequency * 1000 / frequency);
 }
 
 // Sleeps in front of the closed gate, at most so long. False when the gate had changed before.
@@ -169,7 +171,7 @@ void sync_attach_thread() {
   thread_locks.newest_held = nullptr;
   thread_locks.life = sync_life.load(std::memory_order_relaxed);
   // Without room for the hook the thread's locks are not given up at its end; nothing else changes.
-  if (thread_locks.life != 0) os::arm_thread_exit_hook();
+  os::arm_thread_exit_hook();
 }
 
 psp_sync sync_create(int16_t kind, LockRank rank, const char *file, uint32_t line) {
@@ -215,7 +217,7 @@ void sync_close_all() PSP_UNCHECKED {
 psp_status sync_start() {
   if (os::install_thread_exit_hook(give_up_locks_of_thread) != 0) return PSP_FAILED;
   state.barrier_works = os::enable_barrier_in_all_threads();
-  if (++state.last_life == 0) ++state.last_life;
+  state.last_life = std::max(state.last_life + 1, 1u);  // 0 is no life
   sync_life.store(state.last_life, std::memory_order_relaxed);
   return PSP_OKAY;
 }

@@ -6,6 +6,7 @@
 #include <random>
 
 #include "core/exported_call.h"
+#include "core/live_blocks.h"
 #include "psp.h"
 #include "support/fixtures.h"
 
@@ -116,9 +117,10 @@ TEST_F(Memory, ARequestThatWrapsFailsAndHarmsNothing) {
               EXPECT_EQ(psp_getMem(SIZE_MAX - 8, nullptr, PSP_MEM_ZERO, nullptr, "a.c", 8),
                         nullptr);
               EXPECT_EQ(psp_extendMem(text, SIZE_MAX - 4, nullptr, 1, 4, "a.c", 9), nullptr);
+              EXPECT_EQ(psp_getMem(SIZE_MAX, nullptr, PSP_MEM_COPY, text, "a.c", 10), nullptr);
             }),
             "Out of memory. Called from a.c:7\r\nOut of memory. Called from a.c:8\r\n"
-            "Out of memory. Called from a.c:9\r\n");
+            "Out of memory. Called from a.c:9\r\nOut of memory. Called from a.c:10\r\n");
   EXPECT_STREQ(text, "kept");
   psp_freeMem(text, nullptr);
 }
@@ -161,6 +163,56 @@ TEST_F(Memory, TheJumpWaitsForTheOutermostCall) {
   }
   EXPECT_TRUE(inner_came_back);
   psp_resetTag(nullptr, nullptr);
+}
+
+// A tag that is disarmed, or ends, before the outermost call does is not jumped to; nor is another
+// in which memory failed too, but later.
+void fail_in_call(jmp_buf *jump, void (*undo)(psp_tag *)) {
+  psp_tag *tag = psp_createTagEx(jump, 0, __FILE__, __LINE__);
+  psp_resetTag(jump, nullptr);
+  psp::core::exported_call([=] {
+    for (psp_tag *each : {tag, static_cast<psp_tag *>(nullptr)}) {
+      EXPECT_EQ(psp_alloc(kTooMuch, each), nullptr);
+    }
+    undo(tag);
+  });
+  psp_resetTag(nullptr, nullptr);
+}
+
+TEST_F(Memory, TheJumpIsNotMadeWhenItsTagIsDisarmedOrGone) {
+  jmp_buf jump;
+  if (setjmp(jump) != 0) FAIL() << "jumped";
+  fail_in_call(&jump, [](psp_tag *tag) { psp_resetTag(nullptr, tag); });
+  fail_in_call(&jump, [](psp_tag *tag) { psp_freeTagMemory(tag, 1); });
+}
+
+TEST(MemoryLife, NothingIsDoneWithoutAStartOrWithATagThatWasNotMade) {
+  static char foreign[64];
+  const auto use = [](psp_tag *tag) {
+    psp_resetTag(nullptr, tag);
+    psp_freeTagMemory(tag, 1);
+    EXPECT_EQ(psp_alloc(1, tag), nullptr);
+    EXPECT_EQ(psp_extendMem(foreign + 32, 1, tag, 0, 0, "f", 1), nullptr);
+    psp_moveMemTag(foreign + 32, nullptr, tag);
+    psp_moveMemTag(foreign + 32, tag, nullptr);
+    psp_freeMem(foreign + 32, tag);
+  };
+  EXPECT_EQ(output_of([&] {
+              use(nullptr);
+              ASSERT_EQ(psp_init(), PSP_OKAY);
+              use(PSP_TAG_FAILED);
+            }),
+            "");
+  psp_term();
+}
+
+TEST(LiveBlocks, WhatLiesBeyondTheMapIsTrusted) {
+  static constinit psp::core::LiveBlocks blocks;
+  if (sizeof(void *) == 4) return;
+  const auto *beyond = reinterpret_cast<void *>(static_cast<uintptr_t>(uint64_t{1} << 56));
+  blocks.mark(beyond);
+  blocks.clear(beyond);
+  EXPECT_TRUE(blocks.is_live(beyond) && blocks.take(beyond) && blocks.take(beyond));
 }
 
 TEST_F(Memory, ThreadsShareATag) {

@@ -85,15 +85,20 @@ TEST_F(Pool, FillsExactlyWhatIsAskedFor) {
   EXPECT_EQ(std::string(chunk, 6), std::string("abc\0\0\0", 6));
   EXPECT_EQ(get(3, PSP_MEM_COPY, nullptr), nullptr);
   put(chunk);
+  put(std::memset(get(200), 'x', 200));
+  EXPECT_EQ(get(SIZE_MAX), nullptr);
 }
 
 TEST_F(Pool, OfFixedSizeChecksNoSizesAndLimitsWhatWaits) {
-  pool = psp_allocPool(tag, 1, 1);
-  std::vector<char *> chunks;
-  for (int index = 0; index < 1001; ++index) chunks.push_back(get(64));
-  for (char *chunk : chunks) put(chunk);
-  for (int index = 999; index >= 0; --index) ASSERT_EQ(get(65), chunks[index]);
-  for (int index = 0; index < 1000; ++index) put(chunks[index]);
+  for (const uint32_t thread_safe : {0, 1}) {
+    pool = psp_allocPool(tag, 1, thread_safe);
+    std::vector<char *> chunks;
+    for (int index = 0; index < 1001; ++index) chunks.push_back(get(64));
+    for (char *chunk : chunks) put(chunk);
+    for (int index = 999; index >= 0; --index) ASSERT_EQ(get(65), chunks[index]);
+    for (int index = 0; index < 1000; ++index) put(chunks[index]);
+    psp_zFreePool(&pool);
+  }
 }
 
 TEST_F(Pool, TakesNoHarmFromWhatItDidNotHandOut) {
@@ -161,6 +166,8 @@ TEST(PoolLife, NeedsAStartedLibrary) {
   ASSERT_EQ(psp_init(), PSP_OKAY);
   psp_pool *pool = psp_allocPool(nullptr, 0, 1);
   psp_term();
+  EXPECT_EQ(psp_getMemFromPool(1, pool, PSP_MEM_ALLOC, nullptr, "here.c", 7), nullptr);
+  psp_putInPool(&pool, pool);
   psp_zFreePool(&pool);
   EXPECT_EQ(pool, nullptr);
 }

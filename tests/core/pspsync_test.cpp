@@ -179,6 +179,11 @@ TEST_F(SyncGate, OpensAndCloses) {
   psp_syncResume(gate);
   EXPECT_EQ(psp_syncWait(gate, PSP_NO_LIMIT), PSP_OKAY);
   EXPECT_EQ(psp_syncWait(gate, 0), PSP_OKAY);
+  psp_sync lock = psp_syncCreate(PSP_SYNC_EXCL);  // which is no gate
+  psp_syncStart(lock);
+  EXPECT_EQ(psp_syncWait(lock, PSP_NO_LIMIT), PSP_OKAY);
+  psp_syncResume(lock);
+  psp_syncDelete(lock);
   psp_syncDelete(gate);
 }
 
