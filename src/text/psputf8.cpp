@@ -111,10 +111,8 @@ template <class To, class From>
 To *convert_to_new(const From *source, uint32_t mode) {
   To *result = nullptr;
   const int32_t length = convert_string(result, 0, source, mode);
-  size_t bytes;
-  if (length < 0 || !checked_multiply(static_cast<size_t>(length), sizeof(To), &bytes)) {
-    return nullptr;
-  }
+  if (length < 0) return nullptr;
+  const size_t bytes = multiply_or_most(static_cast<size_t>(length), sizeof(To));
   result = static_cast<To *>(psp_getMem(bytes, nullptr, PSP_MEM_ALLOC, nullptr, kSource, __LINE__));
   if (result == nullptr) return nullptr;
   if (convert_string(result, static_cast<uint32_t>(length), source, mode) < 0) {
@@ -136,8 +134,7 @@ psp_status convert_arguments(int32_t count, psp_wchar *const *arguments, char **
   if (count < 0) return PSP_FAILED;
   // No arguments are an array too, which the caller releases like any other.
   const size_t entries = static_cast<size_t>(count);
-  size_t bytes;
-  if (!checked_multiply(std::max<size_t>(entries, 1), sizeof(char *), &bytes)) return PSP_FAILED;
+  const size_t bytes = multiply_or_most(std::max<size_t>(entries, 1), sizeof(char *));
   auto **strings =
       static_cast<char **>(psp_getMem(bytes, nullptr, PSP_MEM_ZERO, nullptr, kSource, __LINE__));
   if (strings == nullptr) return PSP_FAILED;

@@ -335,7 +335,7 @@ PSP_PART_AVX2 bool give_exactly(__m256i bytes, uint32_t starts, psp_wchar *desti
                                 size_t *count, const WideConstants &c) {
   psp_wchar spare[kVectorBytes];
   *count = give_units<kStore>(bytes, starts, spare, c);
-  if (room < *count) return false;
+  if (kStore && room < *count) return false;
   if constexpr (kStore) std::memcpy(destination, spare, *count * sizeof *spare);
   return true;
 }
@@ -359,7 +359,8 @@ PSP_TARGET_AVX2 Progress to_wide_windows(const char *source, size_t length, psp_
   while (length - in >= kVectorBytes) {
     const char *at = source + in;
     const __m256i bytes = load(at);
-    if (top_bits(bytes) == 0 && (judged || given_beyond == 0)) {
+    // ASCII behind a window that was right is right.
+    if (top_bits(bytes) == 0) {
       if (room - out < kVectorBytes) break;
       if constexpr (kStore) store_ascii(bytes, destination + out);
       in += kVectorBytes;
@@ -385,7 +386,7 @@ PSP_TARGET_AVX2 Progress to_wide_windows(const char *source, size_t length, psp_
     out += count;
     given_beyond = kVectorBytes - kStride;
   }
-  for (; given_beyond != 0 && in < length && (source[in] & 0xC0) == 0x80; --given_beyond) ++in;
+  for (; given_beyond != 0 && (source[in] & 0xC0) == 0x80; --given_beyond) ++in;
   return {in, out};
 }
 
@@ -612,7 +613,7 @@ PSP_PART_AVX2 Progress take_exactly(__m256i units, size_t here, char *destinatio
   if (done.consumed == 0) return done;
   done.consumed -= kVectorUnits - here;
   done.produced -= kVectorUnits - here;
-  if (room < done.produced) return {0, 0};
+  if (kStore && room < done.produced) return {0, 0};
   if constexpr (kStore) std::memcpy(destination, spare, done.produced);
   return done;
 }

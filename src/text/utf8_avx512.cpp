@@ -257,7 +257,7 @@ PSP_PART_AVX512 bool give_units(__m512i bytes, uint64_t starts, psp_wchar *desti
   const uint64_t no_continuations = _mm512_mask_cmpge_epi8_mask(starts, bytes, c.leads);
   if (_mm512_cmpge_epu8_mask(bytes, c.lead3) == 0) {
     *count = count_of(no_continuations);
-    if (room < *count) return false;
+    if (kStore && room < *count) return false;
     if constexpr (kStore) {
       const uint64_t leads = _mm512_cmpge_epu8_mask(bytes, c.leads);
       store_given<true>(bytes, leads, no_continuations, *count, destination, c);
@@ -266,14 +266,14 @@ PSP_PART_AVX512 bool give_units(__m512i bytes, uint64_t starts, psp_wchar *desti
   }
   if (!kMixed && _mm512_cmpge_epu8_mask(bytes, c.lead4) == 0) {
     *count = count_of(no_continuations);
-    if (room < *count) return false;
+    if (kStore && room < *count) return false;
     if constexpr (kStore) store_given<false>(bytes, 0, no_continuations, *count, destination, c);
     return true;
   }
   const __mmask64 leads_of_four = _mm512_mask_cmpge_epu8_mask(starts, bytes, c.lead4);
   const uint64_t given = _kor_mask64(no_continuations, _kshiftli_mask64(leads_of_four, 1));
   *count = count_of(given);
-  if (room < *count) return false;
+  if (kStore && room < *count) return false;
   if constexpr (kStore) {
     const uint64_t continuations = _mm512_cmplt_epi8_mask(bytes, c.leads);
     store_given<false>(bytes, continuations, given, *count, destination, c);
@@ -296,7 +296,7 @@ PSP_PART_AVX512 Progress to_wide_at_once(const char *source, size_t length, psp_
   const uint64_t present = first64(length);
   const __m512i bytes = _mm512_maskz_loadu_epi8(present, source);
   if (_mm512_movepi8_mask(bytes) == 0) {
-    if (room < length) return {0, 0};
+    if (kStore && room < length) return {0, 0};
     if constexpr (kStore) store_ascii(bytes, length, destination);
     return {length, length};
   }
@@ -467,7 +467,7 @@ PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destinatio
                                     const Utf8Constants &c) {
   const uint32_t two = _mm512_cmpge_epu16_mask(units, c.two);
   if (two == 0) {
-    if (room < here) return {0, 0};
+    if (kStore && room < here) return {0, 0};
     if constexpr (kStore) {
       store_bytes(destination, _mm512_zextsi256_si512(_mm512_cvtepi16_epi8(units)), here);
     }
@@ -476,14 +476,14 @@ PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destinatio
   const uint32_t three_or_half = _mm512_cmpge_epu16_mask(units, c.three);
   if (three_or_half == 0) {
     const size_t count = here + count_of(two);
-    if (room < count) return {0, 0};
+    if (kStore && room < count) return {0, 0};
     if constexpr (kStore) store_to_7ff(units, two, count, destination, c);
     return {here, count};
   }
   const __m512i high5 = _mm512_and_si512(units, c.five_bits);
   if (!kMixed && _mm512_cmpeq_epi16_mask(high5, c.high) == 0) {
     const size_t count = here + count_of(two) + count_of(three_or_half);
-    if (room < count) return {0, 0};
+    if (kStore && room < count) return {0, 0};
     if constexpr (kStore) {
       store_prepared(prepared(units, two, three_or_half, c), here, count, destination, c);
     }
@@ -497,7 +497,7 @@ PSP_PART_AVX512 Progress take_units(__m512i units, size_t here, char *destinatio
   if (uint64_t{high ^ cut} << 1 != low) return {0, 0};
   const size_t bytes = here + count_of(two) + count_of(three);
   const Progress done = cut == 0 ? Progress{here, bytes} : Progress{here - 1, bytes - 2};
-  if (room < done.produced) return {0, 0};
+  if (kStore && room < done.produced) return {0, 0};
   if constexpr (kStore) {
     store_prepared(prepared_surrogates(units, two, three, high, low, c), here, done.produced,
                    destination, c);

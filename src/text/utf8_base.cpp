@@ -248,40 +248,53 @@ uint32_t saved_registers() {
   return low;
 }
 
-// How many of kSets can run here. The features are those of the kernels' target attributes.
-size_t count_usable() {
-  uint32_t eax, ebx, ecx, edx;
-  if (__get_cpuid(1, &eax, &ebx, &ecx, &edx) == 0) return 1;
-  constexpr uint32_t kXgetbvPopcntAvx = 1u << 27 | 1u << 23 | 1u << 28;
-  if ((ecx & kXgetbvPopcntAvx) != kXgetbvPopcntAvx) return 1;
-  const uint32_t saved = saved_registers();
-  if ((saved & kSavesYmm) != kSavesYmm) return 1;
-  if (__get_cpuid_count(7, 0, &eax, &ebx, &ecx, &edx) == 0) return 1;
-  constexpr uint32_t kBmi1Avx2Bmi2 = 1u << 3 | 1u << 5 | 1u << 8;
-  if ((ebx & kBmi1Avx2Bmi2) != kBmi1Avx2Bmi2) return 1;
-#if defined(PSP_UTF8_AVX512)
-  constexpr uint32_t kAvx512FoundationBytesLengths = 1u << 16 | 1u << 30 | 1u << 31;
-  constexpr uint32_t kVbmiVbmi2 = 1u << 1 | 1u << 6;
-  if ((ebx & kAvx512FoundationBytesLengths) == kAvx512FoundationBytesLengths &&
-      (ecx & kVbmiVbmi2) == kVbmiVbmi2 && (saved & kSavesZmm) == kSavesZmm) {
-    return 3;
-  }
-#endif
-  return 2;
+constexpr uint32_t kXgetbv = 1u << 27;
+
+// A leaf that the processor does not know leaves its registers 0.
+Processor this_processor() {
+  uint32_t eax = 0, ebx = 0, edx = 0;
+  Processor processor = {};
+  __get_cpuid(1, &eax, &ebx, &processor.leaf1_ecx, &edx);
+  if ((processor.leaf1_ecx & kXgetbv) != 0) processor.saved = saved_registers();
+  __get_cpuid_count(7, 0, &eax, &processor.leaf7_ebx, &processor.leaf7_ecx, &edx);
+  return processor;
 }
+
+bool has(uint32_t features, uint32_t wanted) { return (features & wanted) == wanted; }
 
 #else
 
-size_t count_usable() { return 1; }
+Processor this_processor() { return {}; }
 
 #endif
 
 }  // namespace
 
+// The features are those of the kernels' target attributes.
+size_t count_usable([[maybe_unused]] const Processor &processor) {
+#if defined(PSP_UTF8_AVX2)
+  constexpr uint32_t kPopcntAvx = 1u << 23 | 1u << 28;
+  constexpr uint32_t kBmi1Avx2Bmi2 = 1u << 3 | 1u << 5 | 1u << 8;
+  if (!has(processor.leaf1_ecx, kXgetbv | kPopcntAvx) || !has(processor.saved, kSavesYmm) ||
+      !has(processor.leaf7_ebx, kBmi1Avx2Bmi2)) {
+    return 1;
+  }
+#endif
+#if defined(PSP_UTF8_AVX512)
+  constexpr uint32_t kAvx512FoundationBytesLengths = 1u << 16 | 1u << 30 | 1u << 31;
+  constexpr uint32_t kVbmiVbmi2 = 1u << 1 | 1u << 6;
+  if (has(processor.leaf7_ebx, kAvx512FoundationBytesLengths) &&
+      has(processor.leaf7_ecx, kVbmiVbmi2) && has(processor.saved, kSavesZmm)) {
+    return 3;
+  }
+#endif
+  return std::min<size_t>(std::size(kSets), 2);
+}
+
 constinit const Kernels kBaseKernels = {"base",       to_wide<true>, measure_wide, to_utf8<true>,
                                         measure_utf8, whole_to_wide, whole_to_utf8};
 
-std::span<const Kernels *const> usable_kernels() { return {kSets, count_usable()}; }
+std::span<const Kernels *const> usable_kernels() { return {kSets, count_usable(this_processor())}; }
 
 constinit std::atomic<const Kernels *> chosen_kernels{nullptr};
 

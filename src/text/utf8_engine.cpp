@@ -80,15 +80,9 @@ ToUtf8::Step ToUtf8::take(uint32_t unit) {
     pending_ = ((unit & 0x3FF) + 0x40) << 10;
     return Step::kNext;
   }
-  switch (emit(code_point)) {
-    case Emit::kDone:
-      return Step::kNext;
-    case Emit::kNoRoom:
-      return Step::kStop;
-    case Emit::kInvalid:
-      break;
-  }
-  return Step::kFail;
+  const Emit result = emit(code_point);
+  if (result == Emit::kDone) return Step::kNext;
+  return result == Emit::kNoRoom ? Step::kStop : Step::kFail;
 }
 
 // Lets a kernel run over the units. Returns how many it took.

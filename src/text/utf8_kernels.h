@@ -17,6 +17,7 @@
 
 #include <atomic>
 #include <cstddef>
+#include <cstdint>
 #include <span>
 
 #include "psp.h"
@@ -69,6 +70,14 @@ inline const Kernels &fastest_kernels() {
     return find_fastest_kernels();
   return *kernels;
 }
+
+// What an x86 processor tells by CPUID, and the registers that its operating system saves.
+struct Processor {
+  uint32_t leaf1_ecx, leaf7_ebx, leaf7_ecx, saved;
+};
+
+// How many of the sets, the plainest first, such a processor can run.
+size_t count_usable(const Processor &processor);
 
 // Every set that can be run here, the plainest first.
 std::span<const Kernels *const> usable_kernels();

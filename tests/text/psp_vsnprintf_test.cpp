@@ -95,8 +95,8 @@ TEST(Format, StoresCountThatWholeTextNeeds) {
   uint16_t bits16[2] = {9, 9};
   uint32_t bits32[2] = {9, 9}, kept = 9;
   uint64_t bits64 = ~uint64_t{0};
-  EXPECT_EQ(psp_snprintf(buffer, sizeof buffer, "%300d%hhn%hn%n%lln%Ln|", 1, bits8, bits16, bits32,
-                         &bits64, &kept),
+  EXPECT_EQ(psp_snprintf(buffer, sizeof buffer, "%300d%hhn%hn%n%lln%n%Ln|", 1, bits8, bits16,
+                         bits32, &bits64, nullptr, &kept),
             301);
   EXPECT_STREQ(buffer, "   ");
   EXPECT_EQ(bits8[0] + bits8[1], 300 % 256 + 9);

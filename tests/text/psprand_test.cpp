@@ -23,6 +23,7 @@ TEST_F(Random, IsTheReferenceSequence) {
     for (int draw = 0; draw < 1000; ++draw) ASSERT_EQ(psp_randGetUInt32(generator), reference());
     psp_randDestroy(generator);
   }
+  psp_randResetSeed(nullptr, 1);
 }
 
 TEST_F(Random, FormsAreMadeOfOneOrTwoDraws) {

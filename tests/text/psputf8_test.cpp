@@ -1,5 +1,6 @@
 // UTF-8 and UTF-16: the rules against a slow transcription, every kernel against the rules.
 #include <gtest/gtest.h>
+#include <sys/mman.h>
 
 #include <cstring>
 #include <random>
@@ -64,9 +65,55 @@ TEST(Utf8, EndIsFoundAtEveryPlace) {
       bytes[start + length] = 0;
       EXPECT_EQ(psp_wchar_to_utf8(nullptr, &units[start], 0, 0), needed) << start;
       EXPECT_EQ(psp_utf8_to_wchar(nullptr, &bytes[start], 0, 0), needed) << start;
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+      // A client may have its units at an odd address where the processor does not mind.
+      psp_wchar *odd = reinterpret_cast<psp_wchar *>(reinterpret_cast<char *>(&units[start]) + 1);
+      std::memmove(odd, &units[start], needed * sizeof *odd);
+      EXPECT_EQ(psp_wchar_to_utf8(nullptr, odd, 0, 0), needed) << start;
+      std::fill_n(&units[start], needed + 1, 'u');
+#endif
       units[start + length] = 'u';
       bytes[start + length] = 'b';
     }
+  }
+}
+
+TEST(Utf8, LongTextThatDoesNotFitOrIsWrongEndsTheConversion) {
+  char bytes[100];
+  psp_wchar units[100];
+  EXPECT_EQ(psp_wchar_to_utf8(bytes, Wide(9000, 'u').c_str(), 100, 0), 100);
+  EXPECT_EQ(psp_utf8_to_wchar(units, std::string(9000, '\xFF').c_str(), 100, 0), -1);
+  for (const psp::text::Kernels *kernels : psp::text::usable_kernels()) {  // not even for the end
+    EXPECT_EQ(kernels->whole_to_utf8(bytes, 0, units, 1, 0), -1);
+    EXPECT_EQ(kernels->whole_to_wide(units, 0, bytes, 1, 0), -1);
+  }
+  if (sizeof(void *) == 4) return;
+  constexpr uint32_t kMost = INT32_MAX;  // a result with the end counted in would be negative
+  void *zeros = mmap(nullptr, kMost, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS | MAP_NORESERVE, -1, 0);
+  ASSERT_NE(zeros, MAP_FAILED);
+  EXPECT_EQ(psp_utf8_to_wchar_len(nullptr, 0, static_cast<char *>(zeros), kMost, 0), -1);
+  EXPECT_EQ(psp_utf8_to_wchar_len(nullptr, 0, static_cast<char *>(zeros), kMost - 1, 0), INT32_MAX);
+  munmap(zeros, kMost);
+}
+
+TEST(Utf8, SetsOfKernelsAreChosenByAllThatTheyNeed) {
+  constexpr uint32_t k1 = 1u << 23 | 1u << 27 | 1u << 28, kAvx2 = 1u << 3 | 1u << 5 | 1u << 8,
+                     kAvx512 = kAvx2 | 1u << 16 | 3u << 30, kVbmi = 1u << 1 | 1u << 6;
+  const std::pair<psp::text::Processor, size_t> rows[] = {
+      {{}, 1},
+      {{k1 & ~(1u << 27), kAvx512, kVbmi, 0xE6}, 1},
+      {{k1, kAvx512, kVbmi, 0xE2}, 1},
+      {{k1, kAvx512 & ~8u, kVbmi, 0xE6}, 1},
+      {{k1, kAvx2, kVbmi, 0xE6}, 2},
+      {{k1, kAvx512, kVbmi & ~2u, 0xE6}, 2},
+      {{k1, kAvx512, kVbmi, 0x06}, 2},
+      {{k1, kAvx512, kVbmi, 0xE6}, 3}};
+  size_t most = 1;
+#if defined(PSP_UTF8_AVX2)
+  most = sizeof(void *) == 8 ? 3 : 2;
+#endif
+  for (const auto &[processor, sets] : rows) {
+    EXPECT_EQ(psp::text::count_usable(processor), std::min(sets, most));
   }
 }
 
@@ -180,6 +227,9 @@ TEST(Utf8Kernels, AgreeWithTheRulesOnEveryShortSequence) {
       }
     }
   }
+  for (size_t count = 1; count < 80; ++count) {
+    expect_kernels_agree<ToWide, psp_wchar>("a" + std::string(count, '\x80'), 100);
+  }
   const psp_wchar units[] = {0x41,   0x80,   0x7FF,  0x800,  0xD7FF,
                              0xD800, 0xDBFF, 0xDC00, 0xDFFF, 0xE000};
   for (const psp_wchar a : units) {
@@ -214,6 +264,7 @@ TEST(Utf8Strings, ConvertIntoBlocksOfTheDefaultTag) {
   EXPECT_STREQ(strings[2], "o\xC3\xA9");
   for (int i : {0, 2}) psp_freeMem(strings[i], nullptr);
   psp_freeMem(strings, nullptr);
+  EXPECT_EQ(psp_convertArgvToUTF8(-1, good_arguments, &strings), PSP_FAILED);
   EXPECT_EQ(psp_convertArgvToUTF8(2, bad_arguments, &strings), PSP_FAILED);
   EXPECT_EQ(strings, nullptr);
   ASSERT_EQ(psp_convertArgvToUTF8(0, nullptr, &strings), PSP_OKAY);
