@@ -65,8 +65,7 @@ struct FirstEntries {
 // Bytes of entries; for more than memory can hold a size that no allocation grants. Values without
 // bytes get blocks all the same.
 size_t bytes_of(size_t entries, size_t entry_size) {
-  size_t bytes = 0;
-  if (!checked_multiply(entries, entry_size, &bytes)) return SIZE_MAX;
+  const size_t bytes = multiply_or_most(entries, entry_size);
   return bytes != 0 ? bytes : 1;
 }
 
@@ -155,12 +154,10 @@ bool extend_blocks(Memory *memory, size_t entries) {
 // The jump of an armed tag leaves from here.
 [[gnu::cold, gnu::noinline]] bool grow(Memory *memory) {
   return core::exported_call([&] {
-    size_t entries = 0;
-    bool grown = checked_add(memory->entries, kMoreEntries, &entries);
-    if (grown) {
-      const bool on_thread_stack = memory->tag == nullptr;
-      grown = on_thread_stack ? move_into_tag(memory, entries) : extend_blocks(memory, entries);
-    }
+    const size_t entries = memory->entries + kMoreEntries;
+    const bool on_thread_stack = memory->tag == nullptr;
+    const bool grown =
+        on_thread_stack ? move_into_tag(memory, entries) : extend_blocks(memory, entries);
     if (grown) {
       memory->entries = entries;
     } else {

@@ -1,7 +1,7 @@
 // Faults under the parser engine: where a parse takes memory, and what is left when there is none.
 #include <gtest/gtest.h>
 
-#include "parser/grammars/statements_tables.h"
+#include "parser/grammars/dropping_tables.h"
 #include "support/faults.h"
 
 namespace {
@@ -15,12 +15,13 @@ int errors;
 bool allocates;  // the action does, in the tag
 
 // Parses brackets as deep as told, with values of the size, in the tag (null: in a private one).
-bool parse(size_t depth, uint32_t size, psp_tag *owner) {
+bool parse(size_t depth, uint32_t size, psp_tag *owner,
+           const psp_yyTables *tables = &statements_tables) {
   left_to_open = left_to_close = depth;
   const psp_yyContext context = {
       size,
       nullptr,
-      &statements_tables,
+      tables,
       [](void *, void *) -> int32_t {
         if (left_to_open > 0) return --left_to_open, STATEMENTS_TOKEN_OPEN;
         return left_to_close > 0 ? (--left_to_close, STATEMENTS_TOKEN_CLOSE) : -1;
@@ -32,7 +33,8 @@ bool parse(size_t depth, uint32_t size, psp_tag *owner) {
       owner};
   errors = 0;
   status = -1;
-  return (status = psp_yyparse(&context)) == 0;
+  status = psp_yyparse(&context);
+  return status == (tables == &statements_tables ? 0 : 3);
 }
 
 void make_tag() { tag = psp_createTag(0); }
@@ -77,6 +79,21 @@ FAULT_TEST(ParserFaults, ParseThatLacksMemoryGivesAllBack) {
     scenario.clean = [] { psp_freeTagMemory(status == 0 ? tag : nullptr, 0); };
     scenario.finish = end_tag;
     sweep(scenario);
+  }
+}
+
+// Where the next token, a rule's symbol or the error is what finds the stacks full.
+FAULT_TEST(ParserFaults, EachPushThatLacksMemoryGivesAllBack) {
+  for (const uint32_t size : {4, 8, 16, 33}) {
+    for (const size_t depth : {97, 98, 110}) {
+      Scenario scenario;
+      scenario.act = [=] {
+        return depth == 98 ? parse(depth, size, nullptr, &dropping_tables)
+                           : parse(depth, size, nullptr);
+      };
+      scenario.judge = [](const Run &run) { EXPECT_TRUE(run.worked || status == PSP_NOMEMORY); };
+      sweep(scenario);
+    }
   }
 }
 

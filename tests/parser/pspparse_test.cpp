@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "../examples/pkgdb/query_tables.h"
+#include "parser/grammars/dropping_tables.h"
 #include "parser/grammars/expressions_tables.h"
 #include "parser/grammars/statements_tables.h"
 #include "psp.h"
@@ -192,6 +193,9 @@ TEST(ParserArguments, MissingPartsAreRefused) {
   for (const psp_yyContext &context : without) EXPECT_EQ(psp_yyparse(&context), PSP_ERR_INVARG);
   EXPECT_EQ(psp_yyparse(nullptr), PSP_ERR_INVARG);
   EXPECT_EQ(psp_yyparse(&whole), 0);
+  psp_yyContext failing = whole;  // and nobody to tell
+  failing.lexer = [](void *, void *) { return int32_t{1}; };
+  EXPECT_EQ(psp_yyparse(&failing), 3);
 }
 
 // ---- Recovery -----------------------------------------------------------------------------------
@@ -236,6 +240,18 @@ TEST_F(Parser, RecoveryDropsTokensUntilOneFits) {
       {"!#n", "3"},
   };
   for (const auto &[text, told] : cases) EXPECT_EQ(statements(text), told) << text;
+}
+
+TEST_F(Parser, StateThatDoesNotLookDropsAllTokensAtAnyDepth) {
+  for (size_t depth = 96; depth < 101; ++depth) {
+    for (const uint32_t size : {4, 5, 8, 16}) {
+      Parse parse{.tables = &dropping_tables, .size = size};
+      parse.input.assign(depth, {STATEMENTS_TOKEN_OPEN});
+      parse.input.insert(parse.input.end(), 3, {STATEMENTS_TOKEN_CLOSE});
+      EXPECT_EQ(parse.run(), 3);
+      EXPECT_EQ(parse.next, depth + 3);
+    }
+  }
 }
 
 // ---- Depth --------------------------------------------------------------------------------------
