@@ -161,7 +161,8 @@ psp_status rewrite_lines(psp_stream *input, Rewrite *rewrite) {
 // Makes what was written durable. The last error is the only sign that a sync failed.
 bool settle(const Output &output, const char *temporary, uint16_t mode) {
   os::set_last_error(0);
-  if (psp_fflush(output.stream) != 0 || os::last_error() != 0) return false;
+  psp_fflush(output.stream);
+  if (os::last_error() != 0) return false;
   return psp_fileLengthStat(temporary, mode) == output.file_bytes;
 }
 
@@ -171,8 +172,7 @@ bool settle(const Output &output, const char *temporary, uint16_t mode) {
 // same file system, for the replacement to be one step: either separator counts.
 char *make_temporary_name(const char *file) {
   const size_t directory_bytes = files::directory_bytes(file);
-  size_t bytes = 0;
-  if (!checked_add(directory_bytes, sizeof kTemporaryName, &bytes)) return nullptr;
+  const size_t bytes = add_or_most(directory_bytes, sizeof kTemporaryName);
   auto *temporary =
       static_cast<char *>(psp_getMem(bytes, nullptr, PSP_MEM_ALLOC, nullptr, kSource, __LINE__));
   if (temporary == nullptr) return nullptr;

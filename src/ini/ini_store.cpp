@@ -20,8 +20,8 @@ namespace {
 constexpr char kSource[] = "ini_store.cpp";
 
 constexpr size_t kNameBytes = 127;  // what is kept of a section's or key's name
-constexpr uint32_t kFirstEntries = 16;
-constexpr uint32_t kFirstTextBytes = 1024;
+constexpr size_t kFirstEntries = 16;
+constexpr size_t kFirstTextBytes = 1024;
 
 // ---- Names --------------------------------------------------------------------------------------
 
@@ -99,12 +99,10 @@ inline uint64_t key_seed(uint32_t section) { return 2 + uint64_t{section}; }
 
 // Makes room for one more entry of an array.
 template <class Entry>
-[[nodiscard]] bool reserve_entry(Entry **entries, uint32_t count, uint32_t *capacity) {
+[[nodiscard]] bool reserve_entry(Entry **entries, uint32_t count, size_t *capacity) {
   if (count < *capacity) return true;
-  uint32_t larger = kFirstEntries;
-  size_t bytes = 0;
-  if (*capacity != 0 && !checked_multiply(*capacity, 2u, &larger)) return false;
-  if (!checked_multiply(size_t{larger}, sizeof(Entry), &bytes)) return false;
+  const size_t larger = std::max(kFirstEntries, *capacity * 2);
+  const size_t bytes = multiply_or_most(larger, sizeof(Entry));
   void *moved = psp_extendMem(*entries, bytes, nullptr, 0, 0, kSource, __LINE__);
   if (moved == nullptr) return false;
   *entries = static_cast<Entry *>(moved);
@@ -113,17 +111,10 @@ template <class Entry>
 }
 
 [[nodiscard]] bool reserve_text(Contents *contents, size_t more_bytes) {
-  size_t wanted = 0;
-  if (!checked_add(size_t{contents->text_bytes}, more_bytes, &wanted)) return false;
+  const size_t wanted = add_or_most(contents->text_bytes, more_bytes);
+  if (!fits<uint32_t>(wanted)) return false;
   if (wanted <= contents->text_capacity) return true;
-  uint32_t larger = kFirstTextBytes;
-  if (contents->text_capacity != 0 && !checked_multiply(contents->text_capacity, 2u, &larger)) {
-    return false;
-  }
-  if (wanted > larger) {
-    if (!fits<uint32_t>(wanted)) return false;
-    larger = static_cast<uint32_t>(wanted);
-  }
+  const size_t larger = std::max({kFirstTextBytes, contents->text_capacity * 2, wanted});
   void *moved = psp_extendMem(contents->text, larger, nullptr, 0, 0, kSource, __LINE__);
   if (moved == nullptr) return false;
   contents->text = static_cast<char *>(moved);
@@ -193,8 +184,8 @@ bool add_key(Contents *contents, std::string_view name, std::string_view value) 
 // The place of the entry with that hash which is_it accepts by its number, or the empty place where
 // it would stand. There always is an empty place.
 template <class IsIt>
-inline Place *find_place(Place *places, uint32_t count, uint32_t hash, IsIt &&is_it) {
-  for (uint32_t at = hash & (count - 1);; at = (at + 1) & (count - 1)) {
+inline Place *find_place(Place *places, size_t count, uint32_t hash, IsIt &&is_it) {
+  for (size_t at = hash & (count - 1);; at = (at + 1) & (count - 1)) {
     Place &place = places[at];
     if (place.next_number == 0) return &place;
     if (place.hash == hash && is_it(place.next_number - 1)) return &place;
@@ -221,13 +212,11 @@ inline void occupy(Place *place, uint32_t hash, uint32_t number) {
 }
 
 bool build_index(Contents *contents) {
-  constexpr uint32_t kMost = 1u << 30;
-  if (contents->section_count > kMost / 2 || contents->key_count > kMost / 2) return false;
-  contents->section_places = std::bit_ceil(contents->section_count * 2 + 1);
-  contents->key_places = std::bit_ceil(contents->key_count * 2 + 1);
-  size_t bytes = 0;
-  const size_t places = size_t{contents->section_places} + contents->key_places;
-  if (!checked_multiply(places, sizeof(Place), &bytes)) return false;
+  // No sum wraps: each section and key has an entry of more bytes than are counted here.
+  contents->section_places = std::bit_ceil(size_t{contents->section_count} * 2 + 1);
+  contents->key_places = std::bit_ceil(size_t{contents->key_count} * 2 + 1);
+  const size_t bytes =
+      multiply_or_most(contents->section_places + contents->key_places, sizeof(Place));
   contents->index =
       static_cast<Place *>(psp_getMem(bytes, nullptr, PSP_MEM_ZERO, nullptr, kSource, __LINE__));
   if (contents->index == nullptr) return false;
@@ -291,7 +280,6 @@ bool equal_names(std::string_view first, std::string_view second) {
 }
 
 const Section *find_section(const Contents &contents, std::string_view name) {
-  if (contents.index == nullptr) return nullptr;
   const Place *place = section_place(contents, name, hash_name(name, kSectionSeed));
   return place->next_number != 0 ? &contents.sections[place->next_number - 1] : nullptr;
 }

@@ -61,10 +61,10 @@ struct Contents {
   Section *sections;
   Key *keys;
   Place *index;
-  uint32_t text_bytes, text_capacity;
-  uint32_t section_count, section_capacity;
-  uint32_t key_count, key_capacity;
-  uint32_t section_places, key_places;  // powers of 2
+  // Offsets in the text have 32 bits. So have the numbers: each section and key takes bytes of it.
+  uint32_t text_bytes, section_count, key_count;
+  size_t text_capacity, section_capacity, key_capacity;
+  size_t section_places, key_places;  // powers of 2
 };
 
 inline std::string_view name_of(const Contents &contents, const Section &section) {
@@ -84,7 +84,8 @@ inline bool is_white(char character) {
 // Whether two texts are equal without regard to the case of the letters A to Z.
 bool equal_names(std::string_view first, std::string_view second);
 
-// The first section of that name, the first key of that name in the section; null if there is none.
+// Of contents that were read: the first section of that name, the first key of that name in the
+// section; null if there is none.
 const Section *find_section(const Contents &contents, std::string_view name);
 const Key *find_key(const Contents &contents, const Section &section, std::string_view name);
 
@@ -101,8 +102,8 @@ struct File {
 // The files in the order of their first reading. They are few: a search looks at each one.
 struct Store {
   File *files;
+  size_t capacity;
   uint32_t count;
-  uint32_t capacity;
   uint32_t latest;  // the file found last
 };
 

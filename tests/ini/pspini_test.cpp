@@ -58,6 +58,7 @@ TEST_F(Ini, ReadsLinesByteForByte) {
       {string("a=1\rb=2\nb=1\0b=2\nc=3", 20), "a|b|c", "b", "1"},
       {"a=\xFFx\n\xFF=2\nc=3\xFF", "a|\xFF|c", "c", "3\xFF"},
       {"a=1\nA=2\n[S]\na=3", "a|A", "a", "1"},
+      {"cbph=1\neimf=2", "cbph|eimf", "eimf", "2"},  // two of one hash
       {name + "=1\nv=" + value.substr(0, 128), name.substr(0, 127) + "|v", name, "#2"},
       {"v=" + value.substr(0, 128), "v", "v", value.substr(0, 128)},
       {"v=" + value, "v", "v", value},
@@ -109,6 +110,30 @@ TEST_F(Ini, NumbersAndWideFormsAndFailures) {
   put("[s]\na=1\n");
   EXPECT_EQ(set("s", "a", "2"), PSP_ERR_NOFILE);
   EXPECT_EQ(content(), "[s]\na=1\n");
+}
+
+TEST_F(Ini, WrongArgumentsAreToldAndDoNothing) {
+  put("[s]\nk=1\n");
+  const char *const file = path.c_str();
+  const std::u16string wide_path(path.begin(), path.end());
+  const psp_wchar *const wide = wide_path.c_str();
+  char text[2];
+  psp_wchar units[2];
+  int32_t number = 0;
+  const psp_status statuses[] = {
+      psp_iniGet(nullptr, "s", "k", text, 2),      psp_iniGet(file, "s", "k", nullptr, 2),
+      psp_iniGet(file, "s", "k", text, 1),         psp_iniInt32(nullptr, "s", "k", &number),
+      psp_iniInt32(file, nullptr, "k", &number),   psp_iniInt32(file, "s", nullptr, &number),
+      psp_iniInt32(file, "s", "k", nullptr),       psp_iniSet(nullptr, "s", "k", "2"),
+      psp_iniSet(file, nullptr, "k", "2"),         psp_iniGetW(wide, nullptr, u"k", units, 2),
+      psp_iniInt32W(wide, nullptr, u"k", &number), psp_iniInt32W(wide, u"s", u"k", nullptr),
+      psp_iniSetW(wide, u"s", u"k", nullptr),      psp_readIniFileW(nullptr)};
+  for (const psp_status status : statuses) EXPECT_EQ(status, PSP_ERR_INVARG);
+  EXPECT_EQ(psp_iniGetW(wide, u"s", u"k", units, 1u << 30), PSP_ERR_NOMEMORY);
+  EXPECT_EQ(psp_readIniFile(nullptr), PSP_OKAY);
+  EXPECT_EQ(psp_iniInit(), PSP_OKAY);  // a second time
+  EXPECT_EQ(number, 0);
+  EXPECT_EQ(content(), "[s]\nk=1\n");
 }
 
 TEST_F(Ini, UpdateChangesOneLineAndKeepsTheOthers) {
@@ -169,7 +194,8 @@ TEST_F(Ini, FullDiskLeavesOldFile) {
       const rlimit limits = {limit, RLIM_INFINITY};
       setrlimit(RLIMIT_FSIZE, &limits);
       if (limit == limit_bytes) {
-        EXPECT_EQ(set("s", "n", "1"), PSP_ERR_REPLACEFILE);
+        const string value(limit == 1000 ? 6000 : 1, '1');
+        EXPECT_EQ(set("s", "n", value.c_str()), PSP_ERR_REPLACEFILE);
       }
     }
     EXPECT_EQ(content(), numbered(0));
