@@ -284,13 +284,13 @@ void erase_key(DirectoryCursor *cursor) {
 
 psp_status mdir_init(SegmentedFile *file) {
   const DirectoryHeader header = {0, kRootPage + 1, {}};
-  // The pages hold zeros: the root is an empty node already.
-  if (file->set_size(kEmptyDirectoryBytes) == PSP_OKAY &&
-      file->write(0, &header, sizeof(header)) == sizeof(header)) {
-    return PSP_OKAY;
+  if (file->set_size(kEmptyDirectoryBytes) != PSP_OKAY) {
+    file->set_size(0);
+    return PSP_FAILED;
   }
-  file->set_size(0);
-  return PSP_FAILED;
+  // The pages are there and hold zeros: nothing can fail, and the root is an empty node already.
+  file->write(0, &header, sizeof(header));
+  return PSP_OKAY;
 }
 
 psp_status mdir_search(DirectoryCursor *cursor, std::string_view name) {
@@ -360,7 +360,6 @@ bool mdir_first(DirectoryCursor *cursor) {
 }
 
 bool mdir_next(DirectoryCursor *cursor, bool step) {
-  if (cursor->level < 0) return false;
   if (step) {
     DirectoryCursor::Step &last = last_step(cursor);
     const uint32_t child = Node(cursor->file, last.page)->items[++last.index].child;

@@ -42,7 +42,9 @@ bool open_contents(const char *path, bool creates, SegmentedFile *contents) {
   if (!entry.enter(path)) return false;
   psp_status status = entry.find_file(entry.name());
   if (status == PSP_NOTFOUND && creates) status = entry.create_file();
-  return status == PSP_OKAY && contents->open(entry.heap(), 0);
+  if (status != PSP_OKAY) return false;
+  contents->open(entry.heap(), 0);  // a named heap has its root: this cannot fail
+  return true;
 }
 
 // Asks the file that the path names; 0 for what is no file.
@@ -79,7 +81,6 @@ StoreFile *mfile_open(const char *path, uint32_t flags) {
 }
 
 void mfile_close(StoreFile *file) {
-  if (file == nullptr) return;
   while (file->lock_levels != 0 && file->contents.has_turn(file->lock_turn)) mfile_unlock(file);
   file->contents.close();
   free_handle(file);

@@ -84,7 +84,6 @@ bool SegmentedFile::open(HeapId id, uint32_t flags) {
 }
 
 void SegmentedFile::close() {
-  if (heap_ == nullptr) return;
   {
     const core::SyncGuard guard(&heap_->lock);
     for (uint32_t number = 0; number < held_capacity_; ++number) {
@@ -113,8 +112,7 @@ bool SegmentedFile::grow_held(uint32_t number) {
   const uint32_t capacity = std::max(number + 1, held_capacity_ + held_capacity_ / 2);
   constexpr size_t kPointerBytes = sizeof(void *);
   const size_t new_bytes = size_t{capacity - held_capacity_} * kPointerBytes;
-  size_t bytes = 0;
-  if (!checked_multiply(size_t{capacity}, kPointerBytes, &bytes)) return false;
+  const size_t bytes = multiply_or_most(capacity, kPointerBytes);
   Page **was = held_ == held_inline_ ? nullptr : held_;
   auto *grown = static_cast<Page **>(
       psp_extendMem(was, bytes, nullptr, 1, was == nullptr ? bytes : new_bytes, kSource, __LINE__));
@@ -139,8 +137,10 @@ Page *SegmentedFile::hold_page(uint32_t number) {
 
 Page *SegmentedFile::pin_page(uint32_t number) {
   const uint32_t count = root_->segment_count.load(std::memory_order_relaxed);
-  Page *page = number < count ? shmcache_get_page(heap_, number) : nullptr;
-  if (page == nullptr) {
+  Page *page = nullptr;
+  if (number < count) {
+    page = shmcache_get_page(heap_, number);
+  } else {
     page = shmcache_create_page(heap_, number, kPageBytes);
     if (page == nullptr) return nullptr;
     raise(&root_->segment_count, number + 1);
@@ -229,13 +229,11 @@ psp_status SegmentedFile::set_size(uint64_t bytes) {
 
 int64_t segfile_length_of(HeapId id) {
   const auto *root = static_cast<const SegmentRoot *>(shmheap_find(id)->root);
-  if (root == nullptr) return -1;
   return static_cast<int64_t>(root->length.load(std::memory_order_relaxed));
 }
 
 int64_t segfile_modified_of(HeapId id) {
   const auto *root = static_cast<const SegmentRoot *>(shmheap_find(id)->root);
-  if (root == nullptr) return UINT32_MAX;
   return root->modified_seconds.load(std::memory_order_relaxed);
 }
 

@@ -76,7 +76,7 @@ class SegmentedFile {
   uint64_t length() const { return root_->length.load(std::memory_order_relaxed); }
 
   // The page of the number, pinned, made zeroed where there is none; null when memory is short.
-  // Reaching a page that exists cannot fail.
+  // Pages are made in the order of their numbers. Reaching a page that exists cannot fail.
   Page *pin_page(uint32_t number);
   void unpin_page(Page *page);
 
@@ -99,8 +99,7 @@ class SegmentedFile {
 psp_status segfile_start();
 void segfile_stop();
 
-// Length and modification time of a heap's file, without opening it; -1, and UINT32_MAX, when it
-// has none.
+// Length and modification time of a heap's file, without opening it. There is one.
 int64_t segfile_length_of(HeapId id);
 int64_t segfile_modified_of(HeapId id);
 

@@ -122,7 +122,7 @@ psp_status shmcache_start() {
 }
 
 void shmcache_stop() PSP_UNCHECKED {
-  if (core::is_sync_object(state.lock)) psp_syncDelete(state.lock);
+  psp_syncDelete(state.lock);
   state.lock = nullptr;
   // The pages go with their heaps.
   state.newest_mapped = nullptr;
@@ -166,7 +166,7 @@ void shmcache_delete(HeapId id) {
 Page *shmcache_get_page(Heap *heap, uint32_t number) {
   const core::BriefSyncGuard guard(state.lock);
   Page *page = page_of(heap, number);
-  if (page != nullptr) ++page->references;
+  ++page->references;
   return page;
 }
 
@@ -207,7 +207,7 @@ void shmcache_discard(Heap *heap, uint32_t number) {
 void shmcache_clear(Heap *heap, uint32_t number, uint32_t first, uint32_t end) {
   const core::BriefSyncGuard guard(state.lock);
   Page *page = page_of(heap, number);
-  if (page != nullptr && first < end) std::memset(page->bytes() + first, 0, end - first);
+  if (page != nullptr) std::memset(page->bytes() + first, 0, end - first);
 }
 
 void shmcache_pin_unmapped(Page *page) {

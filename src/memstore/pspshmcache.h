@@ -57,7 +57,7 @@ void shmcache_delete(HeapId id);
 
 // ---- Pages --------------------------------------------------------------------------------------
 
-// The page of the number with one reference more; null when there is no such block.
+// The page of the number, whose block is there, with one reference more.
 Page *shmcache_get_page(Heap *heap, uint32_t number);
 
 // The same, with the block made if there is none; null when memory is short. A page that was

@@ -49,9 +49,7 @@ constexpr HeapId kLastId = UINT32_MAX - (1u << kFirstChunkBits);
 
 bool make_chunk(uint32_t chunk) PSP_REQUIRES(state.list_lock) {
   const size_t records = size_t{1} << (chunk + kFirstChunkBits);
-  size_t bytes = 0;
-  if (!checked_multiply(records, sizeof(Heap), &bytes)) return false;
-  if (!checked_add(bytes, alignof(Heap), &bytes)) return false;
+  const size_t bytes = add_or_most(multiply_or_most(records, sizeof(Heap)), alignof(Heap));
   void *memory = psp_getMem(bytes, nullptr, PSP_MEM_ZERO, nullptr, kSource, __LINE__);
   if (memory == nullptr) return false;
   const auto address =
@@ -101,13 +99,11 @@ void reset(Heap *heap, HeapId id, psp_tag *tag) {
   heap->is_deleted = false;
 }
 
+// The number is less than UINT32_MAX.
 bool grow_blocks(Heap *heap, uint32_t number) {
   const uint32_t grown = heap->block_capacity + heap->block_capacity / 2;
   const uint32_t capacity = std::max(number + 1, grown);
-  size_t bytes = 0;
-  if (number == UINT32_MAX || !checked_multiply(size_t{capacity}, sizeof(void *), &bytes)) {
-    return false;
-  }
+  const size_t bytes = multiply_or_most(capacity, sizeof(void *));
   const size_t new_bytes = size_t{capacity - heap->block_capacity} * sizeof(void *);
   void *blocks = psp_extendMem(heap->blocks, bytes, heap->tag, 1, new_bytes, kSource, __LINE__);
   if (blocks == nullptr) return false;
@@ -150,7 +146,7 @@ psp_status shmheap_start() {
 
 void shmheap_stop() {
   release_chunks();
-  if (core::is_sync_object(state.list_lock)) psp_syncDelete(state.list_lock);
+  psp_syncDelete(state.list_lock);
   state.list_lock = nullptr;
   state.default_heap = kNoHeap;
 }
@@ -197,8 +193,7 @@ void *shmheap_alloc(Heap *heap, uint32_t number, size_t front, size_t bytes, siz
   constexpr size_t kAddressBytes = alignof(max_align_t);
   if (number >= heap->block_capacity && !grow_blocks(heap, number)) return nullptr;
   heap->block_count = std::max(heap->block_count, number + 1);
-  size_t whole = 0;
-  if (!checked_add(front + alignment, bytes, &whole)) return nullptr;
+  const size_t whole = add_or_most(front + alignment, bytes);
   void *memory = psp_getMem(whole, heap->tag, PSP_MEM_ZERO, nullptr, kSource, __LINE__);
   if (memory == nullptr) return nullptr;
   const uintptr_t first = reinterpret_cast<uintptr_t>(memory) + kAddressBytes + front;
@@ -211,7 +206,6 @@ void *shmheap_alloc(Heap *heap, uint32_t number, size_t front, size_t bytes, siz
 
 void shmheap_free(Heap *heap, uint32_t number) {
   void *block = shmheap_get(heap, number);
-  if (block == nullptr) return;
   psp_freeMem(static_cast<void **>(block)[-1], heap->tag);
   heap->blocks[number] = nullptr;
 }

@@ -144,8 +144,6 @@ const char *mfile_path_next(StoreIterator *iterator, uint32_t *is_directory) {
   return nullptr;
 }
 
-void mfile_path_close(StoreIterator *iterator) {
-  if (iterator != nullptr) free_iterator(iterator);
-}
+void mfile_path_close(StoreIterator *iterator) { free_iterator(iterator); }
 
 }  // namespace psp::memstore

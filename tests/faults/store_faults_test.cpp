@@ -2,6 +2,8 @@
 // as it was, and nothing of what failed is left.
 #include <gtest/gtest.h>
 
+#include <utility>
+
 #include "support/directory_check.h"
 #include "support/faults.h"
 
@@ -13,9 +15,15 @@ using namespace psp::memstore;
 constexpr uint16_t kMemory = PSP_FILE_MEMORY;
 constexpr const char *kOld = "\\d\\old";
 constexpr const char *kNew = "\\d\\new";
-constexpr const char *kIni = "\\d\\s.ini";
 const std::string long_name = "\\d\\" + std::string(300, 'n');
+const std::string long_ini = "\\d\\" + std::string(300, 's');
+const char *const kIni = long_ini.c_str();
 const std::string content(5000, 'c');
+const std::string long_way = [] {  // to the folder
+  std::string way = "\\d";
+  while (way.size() < 300) way += "\\.";
+  return way;
+}();
 
 // What the act has open, for a jump may leave it.
 PSP_FH file;
@@ -33,7 +41,7 @@ bool put(const char *name, int64_t far) {
 }
 
 bool list() {
-  names = psp_pathOpenEx("\\d", kMemory, "*d");
+  names = psp_pathOpenEx(long_way.c_str(), kMemory, "*d");
   if (names == nullptr) return false;
   uint32_t is_directory = 0;
   const char *found = psp_pathNext(names, &is_directory);
@@ -99,19 +107,20 @@ FAULT_TEST(StoreFaults, WhatTheStoreHoldsStaysWhole) {
 // New folders with their first files, one of which is beyond the first records of heaps.
 FAULT_TEST(StoreFaults, FolderAndItsFilesComeWholeOrNotAtAll) {
   static int made;
+  static const std::string folder = "\\" + std::string(60, 'n');
   Scenario scenario{.sweeps = kAllocations};
   scenario.prepare = [] {
     for (int heap = 0; heap < 60; ++heap) ASSERT_NE(shmheap_create(), kNoHeap);
   };
   scenario.act = [] {
     for (made = 0; made < 2; ++made) {
-      const std::string name = "\\" + std::to_string(made) + "\\d\\f";
+      const std::string name = folder + std::to_string(made) + "\\d\\f";
       if (!put(name.c_str(), 0)) return false;
     }
     return true;
   };
   scenario.judge = [](const Run &run) {
-    const std::string name = "\\" + std::to_string(made) + "\\d\\f";
+    const std::string name = folder + std::to_string(made) + "\\d\\f";
     EXPECT_EQ(run.worked, made == 2);
     const int64_t bytes = psp_fileLengthStat(name.c_str(), kMemory);
     EXPECT_TRUE(bytes == 0 || bytes == 4096) << bytes;  // one of two pages, then memory was short
@@ -122,6 +131,17 @@ FAULT_TEST(StoreFaults, FolderAndItsFilesComeWholeOrNotAtAll) {
   };
   // What was made stays until the library stops, which is when it is missed if it does not go.
   scenario.keeps_any_blocks = true;
+  sweep(scenario);
+}
+
+FAULT_TEST(StoreFaults, NameWithoutARootIsTakenFromTheCurrentFolder) {
+  static const std::string name = std::string(300, 'r') + "\\f";
+  Scenario scenario{.sweeps = kAllocations | kJumps | kCalls, .keeps_any_blocks = true};
+  scenario.act = [] { return put(name.c_str(), 0); };
+  scenario.judge = [](const Run &run) {
+    EXPECT_EQ(psp_fileLengthStat(name.c_str(), kMemory) == 5000, run.worked);
+  };
+  scenario.clean = [] { psp_fileClose(std::exchange(file, nullptr)); };
   sweep(scenario);
 }
 

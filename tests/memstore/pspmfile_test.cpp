@@ -6,6 +6,7 @@
 #include <string>
 #include <thread>
 
+#include "files/files.h"
 #include "memstore/pspmdir.h"
 #include "psp.h"
 #include "support/fixtures.h"
@@ -96,6 +97,32 @@ TEST_F(MemoryStore, RenameStaysInItsDirectoryAndLosesNothing) {
   EXPECT_EQ(list("\\b\\d") + list("\\b") + list("\\c"), "y d/ z ");
 }
 
+TEST_F(MemoryStore, ReplacementTakesAPlaceThatIsThere) {
+  using psp::files::replace_file;
+  ASSERT_TRUE(put("\\f", "1") && put("\\g", "2"));
+  EXPECT_EQ(replace_file("\\gone", "\\f", kMemory), PSP_NOTFOUND);
+  EXPECT_EQ(replace_file("\\f", "\\gone", kMemory), PSP_NOTFOUND);
+  EXPECT_EQ(replace_file("\\f", "\\", kMemory), PSP_FAILED);
+  EXPECT_EQ(replace_file("\\f", "\\.\\F", kMemory), PSP_OKAY) << "by itself";
+  EXPECT_EQ(get("\\f") + get("\\g") + list("\\"), "12f g ");
+  EXPECT_EQ(replace_file("\\f", "\\g", kMemory), PSP_OKAY);
+  EXPECT_EQ(get("\\g") + list("\\"), "1g ");
+}
+
+TEST_F(MemoryStore, ListGoesOnBehindWhatWasReadAhead) {
+  std::string expected;
+  for (const size_t length : {1000, 1001, 1002, 3000}) {
+    const std::string name(length, 'n');
+    ASSERT_TRUE(put(("\\" + name).c_str(), ""));
+    expected += name + " ";
+  }
+  EXPECT_EQ(list("\\"), expected);
+}
+
+TEST(MemoryStoreLife, NothingIsStoredBeforeTheStart) {
+  EXPECT_EQ(psp_fileLengthStat("\\f", kMemory), 0);
+}
+
 TEST_F(MemoryStore, OpenFileOutlivesItsName) {
   ASSERT_TRUE(put("\\a\\f", "old"));
   PSP_FH file = psp_fileOpen("\\a\\f", PSP_OPEN_READWRITE, kMemory);
@@ -113,6 +140,7 @@ TEST_F(MemoryStore, PlacesAndSizesThatNoSegmentHas) {
   EXPECT_EQ(psp_fileSetSize(file, -1), 2);
   EXPECT_EQ(psp_fileSeekWrite(file, INT64_MAX - 3, "12345678", 8), 0);
   EXPECT_EQ(psp_fileLength(file), 0);
+  EXPECT_EQ(psp_fileSeek(file, 0, PSP_SEEK_START - 1), PSP_FAILED);
   EXPECT_EQ(psp_fileSeekWrite(file, 5 << 20, "0123456789", 10), 10);
   EXPECT_EQ(psp_fileLength(file), (5 << 20) + 10);
   uint64_t zeros = 1;
@@ -151,7 +179,13 @@ TEST_F(MemoryStore, StreamsAndSettingsInReadOnlyMode) {
 
 TEST_F(MemoryStore, LockWaitsForAnotherThreadAndGoesWithItsHandleOrThread) {
   PSP_FH mine = psp_fileOpen("\\f", PSP_OPEN_READWRITE | PSP_OPEN_CREATE, kMemory);
+  PSP_FH twin = psp_fileOpen("\\f", PSP_OPEN_READWRITE, kMemory);
+  psp_fileUnlock(mine);  // nothing to give up
   EXPECT_EQ(psp_fileLock(mine) + psp_fileLock(mine) + psp_fileUnlock(mine), 0);
+  EXPECT_EQ(psp_fileLock(twin), 0);
+  psp_fileUnlock(twin);
+  psp_fileUnlock(twin);  // what is left is another handle's
+  psp_fileClose(twin);
   std::atomic<bool> is_written{false};
   std::thread other([&] {
     PSP_FH theirs = psp_fileOpen("\\f", PSP_OPEN_READWRITE, kMemory);
@@ -211,6 +245,7 @@ TEST_F(MemoryStore, ThreadsShareAFolder) {
 
 TEST_F(MemoryStore, PageThatBecameIdleLastMakesRoom) {
   SegmentedFile file;
+  EXPECT_FALSE(file.open(shmheap_create(), 0));
   ASSERT_TRUE(file.open(shmheap_create(), kCreateRoot));
   Page *pages[kMappedLimit + 2] = {};
   for (uint32_t number = 0; number < kMappedLimit; ++number) {
@@ -227,6 +262,16 @@ TEST_F(MemoryStore, PageThatBecameIdleLastMakesRoom) {
   EXPECT_EQ(shmcache_mapped_count, kMappedLimit);
   shmcache_pin(pages[7]);
   shmcache_pin(pages[3]);  // none is idle: the limit gives way
+  EXPECT_EQ(shmcache_mapped_count, kMappedLimit + 1);
+  // The last one is pinned again, or goes: the ticks tell.
+  for (const uint32_t number : {9, 3, 8}) shmcache_unpin(pages[number]);
+  shmcache_pin(pages[8]);
+  shmcache_pin(pages[5]);
+  EXPECT_TRUE(!is_mapped(pages[9]) && !is_mapped(pages[3]) && is_mapped(pages[8]));
+  shmcache_unpin(pages[8]);
+  shmcache_release(shmheap_find(file.heap()), pages[8]);
+  EXPECT_EQ(shmcache_mapped_count, kMappedLimit - 1);
+  for (const uint32_t number : {3, 9}) shmcache_pin(pages[number]);
   EXPECT_EQ(shmcache_mapped_count, kMappedLimit + 1);
 }
 
