@@ -282,12 +282,28 @@ TEST_F(TypedBuffers, LiesOfPeerAndTransportCostLittle) {
 TEST_F(TypedBuffers, WrongArgumentsDoNothing) {
   open();
   psp_inputBuff *in = nullptr;
-  EXPECT_EQ(psp_inputBuffCreate(nullptr, read_timed, &wire_, 0, &in), PSP_ERR_INVARG);
-  EXPECT_EQ(psp_outputBuffPutBytes(out_, nullptr, 1), PSP_ERR_INVARG);
-  EXPECT_EQ(psp_outputBuffSendDirect(out_, nullptr, 1), PSP_ERR_INVARG);
-  EXPECT_EQ(psp_outputBuffPutString(out_, nullptr), PSP_ERR_INVARG);
-  EXPECT_EQ(psp_outputBuffPutInt16(nullptr, 1), PSP_ERR_INVARG);
-  EXPECT_EQ(psp_inputBuffGetInt16(nullptr, nullptr), PSP_ERR_INVARG);
+  psp_outputBuff *out = nullptr;
+  char text[4];
+  const psp_status statuses[] = {psp_inputBuffCreate(nullptr, read_timed, &wire_, 0, &in),
+                                 psp_inputBuffCreate(read_wire, read_timed, &wire_, 0, nullptr),
+                                 psp_inputBuffGetInt16(nullptr, nullptr),
+                                 psp_inputBuffGetString(nullptr, nullptr),
+                                 psp_inputBuffGetStringWithLength(nullptr, text, 4),
+                                 psp_inputBuffGetBytes(nullptr, text, 4),
+                                 psp_outputBuffCreate(nullptr, &wire_, 0, &out),
+                                 psp_outputBuffCreate(write_wire, &wire_, 0, nullptr),
+                                 psp_outputBuffPutInt16(nullptr, 1),
+                                 psp_outputBuffPutString(nullptr, "s"),
+                                 psp_outputBuffPutString(out_, nullptr),
+                                 psp_outputBuffPutStringWithLength(nullptr, "s"),
+                                 psp_outputBuffPutBytes(nullptr, "b", 1),
+                                 psp_outputBuffPutBytes(out_, nullptr, 1),
+                                 psp_outputBuffFlush(nullptr),
+                                 psp_outputBuffSendDirect(nullptr, "b", 1),
+                                 psp_outputBuffSendDirect(out_, nullptr, 1)};
+  for (const psp_status status : statuses) EXPECT_EQ(status, PSP_ERR_INVARG);
+  EXPECT_TRUE(in == nullptr && out == nullptr);
+  psp_inputBuffReset(nullptr);
   EXPECT_EQ(psp_outputBuffFlush(out_), PSP_OKAY);
   EXPECT_TRUE(wire_.calls.empty());
   psp_inputBuffDestroy(std::exchange(in_, nullptr));
