@@ -32,7 +32,7 @@ constexpr char kScript[] =
     "cd \"${0%/*}\"\n"
     "echo \"$@\" | sed 's/--no-ask-password --quiet //' >>commands\n"
     "test ! -e /proc/$PPID/fd/77 || echo 77 >>commands\n"
-    "case \"$*\" in *\" $(cat failing)\"*) exit 1;; esac\n"
+    "case \"$*\" in *\" $(cat failing)\"*) kill $$;; esac\n"
     "case \"$3\" in cat) test -e \"units/$5\";; esac\n";
 
 class Service : public testing::Test, protected psp::tests::Folder {
@@ -109,6 +109,14 @@ int32_t run_as_service(psp_word first, psp_word second) {
   EXPECT_EQ(hang_ups, 0);
   send(SIGHUP);
   while (hang_ups == 0) psp_sleep(1);
+  const pid_t child = fork();
+  if (child == 0) {
+    psp_handleInterrupt(nullptr);
+    _exit(psp_handleInterrupt([] {}) != PSP_OKAY || psp_handleInterrupt(nullptr) != PSP_OKAY);
+  }
+  int status = -1;
+  waitpid(child, &status, 0);
+  EXPECT_EQ(status, 0) << "a forked child is no service and has its own interrupts";
   std::ofstream(os::service_places.units + std::string("/own.service")) << "[Unit]";
   EXPECT_EQ(psp_serviceUninstall("own", "own"), PSP_OKAY);
   if (first == 0) psp_handleInterrupt(nullptr);
@@ -126,6 +134,7 @@ int32_t subtract(psp_word first, psp_word second) {
 TEST_F(Service, NotInstalledOrFromAConsoleRunsDirectly) {
   EXPECT_EQ(psp_serviceStart("s", &stop_flag, 7, 4, subtract), 3);
   EXPECT_EQ(psp_serviceStart("\xFF", nullptr, 4, 7, subtract), -3);
+  EXPECT_EQ(psp_serviceStart("s", nullptr, 4, 7, nullptr), PSP_FAILED);
   ASSERT_EQ(os::service_counter_add("s", 1), 0u);
   EXPECT_EQ(psp_serviceStart("s", nullptr, 7, 4, subtract), 3);
   const std::string longest = '/' + std::string(sizeof sockaddr_un::sun_path, 'n');
@@ -134,8 +143,12 @@ TEST_F(Service, NotInstalledOrFromAConsoleRunsDirectly) {
     EXPECT_EQ(psp_serviceStart("s", nullptr, 7, 4, subtract), 3) << socket_name;
   }
   setenv("NOTIFY_SOCKET", "/nowhere", 1);
-  setenv("SYSTEMD_EXEC_PID", "1", 1);  // the manager started a parent of this process
-  EXPECT_EQ(psp_serviceStart("s", nullptr, 7, 4, subtract), 3);
+  // The manager started a parent of this process.
+  for (const std::string &process :
+       {std::string("1"), std::string("x"), std::to_string(getpid()) + "x"}) {
+    setenv("SYSTEMD_EXEC_PID", process.c_str(), 1);
+    EXPECT_EQ(psp_serviceStart("s", nullptr, 7, 4, subtract), 3);
+  }
   ASSERT_EQ(os::service_counter_add("s", -2), 0u);
   EXPECT_EQ(psp_serviceStart("s", nullptr, 7, 4, subtract), 3);
 }
@@ -227,27 +240,36 @@ TEST_F(Service, LifeOfAServiceIsWhatTheManagerIsAsked) {
 
 TEST_F(Service, NoTextBecomesMoreThanItself) {
   ASSERT_EQ(install("-n; $(id) \"@\xC3\xA9", "nice\n[Service]\n%n", "\"\\opt\\a b%\\c\"",
-                    "-x \"a b\" $HOME 5% c:\\d\\ \"e\\\"f\\\\\" \"\" ;"),
+                    "-x \"a b\" $HOME\t5% c:\\d\\ \"e\\\"f\\\\\" \"\" ; [g] \\"),
             PSP_OKAY);
   const std::string unit = psp::tests::get_file(
       units / "-n\\x3b\\x20\\x24\\x28id\\x29\\x20\\x22\\x40\\xc3\\xa9.service");
   EXPECT_EQ(unit.substr(0, unit.find("KillMode")),
             "[Unit]\nDescription=A 5%% server\\  - nice [Service] %%n\n\n[Service]\nType=notify\n"
             "ExecStart=\"/opt/a b%%/c\" -x \"a b\" \"$$HOME\" \"5%%\" \"c:\\\\d\\\\\" "
-            "\"e\\\"f\\\\\" \"\" \";\"\n");
+            "\"e\\\"f\\\\\" \"\" \";\" \"[g]\" \"\\\\\"\n");
 }
 
 TEST_F(Service, RefusedTextsAndMissingRightsLeaveNothing) {
   const std::string longest(300, 'n'), much(1 << 16, 'm');
-  for (const char *name : {"", "a/b", "..\\b", "a\nb", "\xFF", longest.c_str()}) {
+  for (const char *name : {"", "a/b", "..\\b", "a\nb", "\x7F", "\xFF", longest.c_str()}) {
     EXPECT_EQ(install(name), PSP_FAILED) << name;
   }
-  for (const char *path : {"", "a\nExecStart=b", "@/a", "\"", " /a", "a/b", "c:\\a", "/a/"}) {
+  const std::string deep(PATH_MAX, '/');
+  for (const char *path :
+       {"", "a\nExecStart=b", "@/a", "\"", "\"/a", " /a", "a/b", "c:\\a", "/a/", deep.c_str()}) {
     EXPECT_EQ(install("x", nullptr, path), PSP_FAILED) << path;
   }
   EXPECT_EQ(install("x", nullptr, "a", "b\nUser=c"), PSP_FAILED);
   EXPECT_EQ(install("x", nullptr, "a", much.c_str()), PSP_FAILED);
-  EXPECT_EQ(psp_serviceInstall("s", "x", nullptr, nullptr, "a", "b"), PSP_FAILED);
+  for (int bad = 0; bad < 6; ++bad) {
+    const char *texts[6] = {"s", "x", "x", "x", "a", "b"};
+    texts[bad] = bad == 3 || bad == 5 ? "\xFF" : nullptr;
+    EXPECT_EQ(psp_serviceInstall(texts[0], texts[1], texts[2], texts[3], texts[4], texts[5]),
+              PSP_FAILED);
+    EXPECT_EQ(psp_serviceUninstall(bad == 0 ? nullptr : "a/b", bad == 1 ? nullptr : "a/b"),
+              PSP_FAILED);
+  }
   if (getuid() != 0) GTEST_SKIP() << "only root can try it without the right";
   EXPECT_EXIT(
       {
@@ -260,6 +282,37 @@ TEST_F(Service, RefusedTextsAndMissingRightsLeaveNothing) {
   fs::remove_all(units);
   EXPECT_EQ(install("x"), PSP_FAILED);
   EXPECT_FALSE(fs::exists(counters));
+}
+
+TEST_F(Service, NamesAndPlacesThatCannotBeAreRefusedByEveryCall) {
+  const std::string longest(300, 'n'), deep(PATH_MAX, '/');
+  os::ServiceSetup setup = {"s", "x", "x", nullptr, "a", 1};
+  uint32_t count = 0;
+  for (const std::string &name : {std::string(), std::string("a/b"), longest}) {
+    const char *const text = name.c_str();
+    setup.name = text;
+    EXPECT_NE(os::service_create(setup), 0u);
+    EXPECT_NE(os::service_start(text), 0u);
+    EXPECT_NE(os::service_find(text), 0u);
+    EXPECT_NE(os::service_stop(text), 0u);
+    EXPECT_NE(os::service_delete(text), 0u);
+    if (name == "a/b") continue;
+    EXPECT_NE(os::service_counter_add(text, 1), 0u);
+    EXPECT_NE(os::service_counter_read(text, &count), 0u);
+  }
+  setup.name = "x";
+  const std::string long_folder = '/' + std::string(PATH_MAX - 4, 'n');
+  for (const std::string &place : {deep, long_folder}) {
+    os::ServicePlaces places = os::service_places;
+    std::swap(os::service_places, places);
+    os::service_places.counters = os::service_places.units = place.c_str();
+    EXPECT_EQ(os::service_create(setup), uint32_t{ENAMETOOLONG});
+    EXPECT_EQ(os::service_find("x"), uint32_t{ENAMETOOLONG});
+    EXPECT_EQ(os::service_delete("x"), uint32_t{ENAMETOOLONG});
+    EXPECT_EQ(os::service_counter_add("s", 1), uint32_t{ENAMETOOLONG});
+    EXPECT_EQ(os::service_counter_read("s", &count), uint32_t{ENAMETOOLONG});
+    std::swap(os::service_places, places);
+  }
 }
 
 std::atomic<int> ended_children;
@@ -310,18 +363,20 @@ TEST_F(Service, CountersLoseNothingAndNamesStayApart) {
   ASSERT_EQ(stat((counters / ".lock").c_str(), &status), 0);
   EXPECT_EQ(status.st_mode & 07777, 0600u) << "others could hold all installations up";
   uint32_t count = 0;
-  for (const char *name : {".", "..", "../s", ".s.new", "s%", "S", "s\n"}) {
+  for (const char *name : {".", "..", "../s", ".s.new", "s%", "S_-{[", "s\n"}) {
     EXPECT_NE(os::service_counter_read(name, &count), 0u) << name;
     EXPECT_EQ(os::service_counter_add(name, 7), 0u) << name;
     EXPECT_EQ(os::service_counter_read(name, &count), 0u) << name;
     EXPECT_EQ(count, 7u) << name;
   }
   EXPECT_EQ(counter(), 100u);
-  std::ofstream(counters / "s") << "12monkeys";
-  EXPECT_NE(os::service_counter_read("s", &count), 0u);
+  for (const char *text : {"x", "12monkeys"}) {
+    std::ofstream(counters / "s") << text;
+    EXPECT_NE(os::service_counter_read("s", &count), 0u);
+  }
   EXPECT_EQ(os::service_counter_add("s", 1), 0u);
   EXPECT_EQ(counter(), 1u);
-  std::ofstream(counters / "s") << "4294967295\n";
+  std::ofstream(counters / "s") << "4294967295";
   EXPECT_EQ(os::service_counter_add("s", 1), 0u);
   EXPECT_EQ(counter(), UINT32_MAX);
 }

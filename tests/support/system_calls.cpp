@@ -3,7 +3,9 @@
 // layer count. A close frees its descriptor whatever it returns.
 #include <dirent.h>
 #include <fcntl.h>
+#include <linux/futex.h>
 #include <poll.h>
+#include <pthread.h>
 #include <sys/ioctl.h>
 #include <sys/mman.h>
 #include <sys/socket.h>
@@ -12,6 +14,12 @@
 #include <unistd.h>
 
 #include "support/faults.h"
+
+#if defined(SYS_close_range)
+constexpr long kCloseRange = SYS_close_range;
+#else
+constexpr long kCloseRange = -1;
+#endif
 
 using psp::faults::system_call_fails;
 using psp::faults::system_count;
@@ -34,6 +42,15 @@ using psp::faults::system_count;
   X(mkdir, -1, int, (const char *name, mode_t mode), name, mode)                                   \
   X(rmdir, -1, int, (const char *name), name)                                                      \
   X(opendir, nullptr, DIR *, (const char *name), name)                                             \
+  X(fdopendir, nullptr, DIR *, (int fd), fd)                                                       \
+  X(dup2, -1, int, (int fd, int place), fd, place)                                                 \
+  X(pthread_key_create, errno, int, (pthread_key_t * key, void (*end)(void *)), key, end)          \
+  X(pthread_attr_init, errno, int, (pthread_attr_t * attributes), attributes)                      \
+  X(pthread_attr_setstacksize, errno, int, (pthread_attr_t * attributes, size_t size), attributes, \
+    size)                                                                                          \
+  X(pthread_create, errno, int,                                                                    \
+    (pthread_t * thread, const pthread_attr_t *attributes, void *(*run)(void *), void *argument),  \
+    thread, attributes, run, argument)                                                             \
   X(readdir64, nullptr, dirent64 *, (DIR * directory), directory)                                  \
   X(realpath, nullptr, char *, (const char *name, char *resolved), name, resolved)                 \
   X(getcwd, nullptr, char *, (char *buffer, size_t size), buffer, size)                            \
@@ -87,7 +104,7 @@ int __wrap_close(int fd) {
 }
 
 // Those whose last parameters may be missing: as words, which the caller's convention leaves where
-// they are looked for. Of the calls by number only the rename can fail here.
+// they are looked for. Of the calls by number those can fail here that may find the way barred.
 PSP_WRAP(open64, -1, int, (const char *name, int flags, long mode), name, flags, mode)
 PSP_WRAP(openat64, -1, int, (int at, const char *name, int flags, long mode), at, name, flags, mode)
 PSP_WRAP(fcntl64, -1, int, (int fd, int command, long word), fd, command, word)
@@ -95,7 +112,10 @@ PSP_WRAP(ioctl, -1, int, (int fd, unsigned long request, long word), fd, request
 
 long __real_syscall(long number, long, long, long, long, long, long);
 long __wrap_syscall(long number, long a, long b, long c, long d, long e, long f) {
-  if (number == SYS_renameat2 && system_call_fails()) return -1;
+  const bool is_wait = number == SYS_futex && (b & FUTEX_WAKE) == 0;
+  const bool may_fail = number == SYS_renameat2 || number == SYS_clone || is_wait ||
+                        number == SYS_getpriority || number == kCloseRange;
+  if (may_fail && system_call_fails()) return -1;
   return __real_syscall(number, a, b, c, d, e, f);
 }
 }

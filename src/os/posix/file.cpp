@@ -69,8 +69,7 @@ bool another_holds(int fd, struct flock request) {
 }
 
 bool locks_are_missing(Error error) {
-  return error == EINVAL || error == ENOLCK || error == ENOSYS || error == EOPNOTSUPP ||
-         error == ENOTSUP;
+  return error == EINVAL || error == ENOLCK || error == ENOSYS || error == EOPNOTSUPP;
 }
 
 // ---- Sharing modes ------------------------------------------------------------------------------
@@ -212,8 +211,7 @@ Error check_name(int fd, const char *path) {
   if (retry_interrupted([&] { return stat(path, &named); }) == -1) {
     return errno == ENOENT ? kSharingViolationCode : last_error();
   }
-  const bool same = opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
-  return same ? 0 : kSharingViolationCode;
+  return is_same_file(opened, named) ? 0 : kSharingViolationCode;
 }
 
 bool denies_any(const OpenOptions &options) { return options.deny_read || options.deny_write; }

@@ -301,7 +301,7 @@ Error names_lead_to_same_file(const char *first, const char *second, bool *same)
   Error error = status_of(first, &one, &is_one);
   if (error == 0) error = status_of(second, &other, &is_other);
   if (error != 0) return error;
-  *same = is_one && is_other && one.st_dev == other.st_dev && one.st_ino == other.st_ino;
+  *same = is_one && is_other && is_same_file(one, other);
   return 0;
 }
 

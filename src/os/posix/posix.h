@@ -16,6 +16,7 @@
 #include <limits.h>
 #include <pthread.h>
 #include <string.h>
+#include <sys/stat.h>
 #include <sys/types.h>
 
 #include "os/os.h"
@@ -41,6 +42,10 @@ inline auto retry_interrupted(Call &&call) {
 inline Error fail(Error error) {
   set_last_error(error);
   return error;
+}
+
+inline bool is_same_file(const struct stat &one, const struct stat &other) {
+  return one.st_dev == other.st_dev && one.st_ino == other.st_ino;
 }
 
 using NameBuffer = char[PATH_MAX];

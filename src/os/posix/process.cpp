@@ -200,16 +200,27 @@ bool is_ours(const struct sigaction &action) {
   return (action.sa_flags & SA_SIGINFO) == 0 && action.sa_handler == note_interrupt;
 }
 
-// Two cases bring a signal here that nobody watches for. A forked child inherits the disposition
-// but not the watcher, and behaves as if the handler had been removed. And a thread may have been
-// on its way here when the handler was removed; what stands now gets the signal. Nothing is raised
-// when a handler of the client called us as the one that stood before it: it would be called for
-// ever.
+// Whether a thread takes the signal. It is watched before our disposition is set, and until that
+// goes.
+bool is_watched(size_t index) {
+  return (interrupts.pending.load(std::memory_order_acquire) & kWatched) != 0 ||
+         (kSignals[index] == SIGTERM &&
+          (interrupts.stops.load(std::memory_order_acquire) & kWatched) != 0);
+}
+
+// Three cases bring a signal here that nobody watches for. A forked child inherits the disposition
+// but not the watcher, and behaves as if the handler had been removed. The client may have put our
+// disposition back behind the removal, as one that it had found; the same holds then. And a thread
+// may have been on its way here when the handler was removed; what stands now gets the signal.
+// Nothing is raised when a handler of the client called us as the one that stood before it: it
+// would be called for ever.
 void pass_on_unwatched(size_t index, bool forked) {
   struct sigaction now = {};
   sigaction(kSignals[index], nullptr, &now);
   if (is_ours(now)) {
-    if (forked) sigaction(kSignals[index], &interrupts.previous[index], nullptr);
+    if (forked || !is_watched(index)) {
+      sigaction(kSignals[index], &interrupts.previous[index], nullptr);
+    }
   } else if (forked || (interrupts.covered.load(std::memory_order_relaxed) >> index & 1) != 0) {
     return;
   }
@@ -317,7 +328,7 @@ void take_signal(size_t index, uint8_t user) {
   pthread_mutex_lock(&interrupts.mutex);
   struct sigaction before = {};
   sigaction(kSignals[index], &action, &before);
-  if (!is_ours(before) || interrupts.users[index] == 0) interrupts.previous[index] = before;
+  if (!is_ours(before)) interrupts.previous[index] = before;
   interrupts.users[index] |= user;
   pthread_mutex_unlock(&interrupts.mutex);
 }

@@ -13,6 +13,7 @@
 
 #include "os/posix/service_folder.h"
 #include "os/posix/service_places.h"
+#include "text/ascii.h"
 
 namespace psp::os {
 
@@ -20,10 +21,7 @@ namespace {
 
 constexpr size_t kCountBytes = 16;  // a number of 32 bits, its line end, a zero byte
 
-bool is_plain(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9') || c == '_' ||
-         c == '-' || c == '.';
-}
+bool is_plain(char c) { return text::is_letter_or_digit(c) || c == '_' || c == '-' || c == '.'; }
 
 // A name as a file name: what could mean something else there stands as %XX, so that different
 // names have different files and none is hidden, another folder, or a temporary file.
@@ -53,7 +51,7 @@ Error parse_count(const char *text, uint32_t *count) {
 Error read_count(const char *file, uint32_t *count) {
   NameBuffer path;
   const int length = snprintf(path, sizeof path, "%s/%s", service_places.counters, file);
-  if (length < 0 || static_cast<size_t>(length) >= sizeof path) return fail(ENAMETOOLONG);
+  if (static_cast<size_t>(length) >= sizeof path) return fail(ENAMETOOLONG);
   const int fd = retry_interrupted([&] { return open(path, O_RDONLY | O_CLOEXEC); });
   if (fd == -1) return last_error();
   char text[kCountBytes] = {};

@@ -51,7 +51,7 @@ Error create_folders(const char *path) {
 
 Error format_temporary_name(const char *name, char (&temporary)[kFileNameBytes]) {
   const int length = snprintf(temporary, kFileNameBytes, ".%s.new", name);
-  return length < 0 || static_cast<size_t>(length) >= kFileNameBytes ? fail(ENAMETOOLONG) : 0;
+  return static_cast<size_t>(length) >= kFileNameBytes ? fail(ENAMETOOLONG) : 0;
 }
 
 }  // namespace
@@ -72,7 +72,7 @@ Error ServicesLock::enter() {
   if (error != 0) return error;
   NameBuffer path;
   const int length = snprintf(path, sizeof path, "%s/%s", service_places.counters, kLockFile);
-  if (length < 0 || static_cast<size_t>(length) >= sizeof path) return fail(ENAMETOOLONG);
+  if (static_cast<size_t>(length) >= sizeof path) return fail(ENAMETOOLONG);
   fd_ = retry_interrupted([&] { return ::open(path, kLockFlags, kLockMode); });
   if (fd_ == -1) return last_error();
   const LastErrorKeeper keeper;

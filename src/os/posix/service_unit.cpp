@@ -23,6 +23,7 @@
 
 #include "os/posix/service_folder.h"
 #include "os/posix/service_places.h"
+#include "text/ascii.h"
 
 namespace psp::os {
 namespace {
@@ -36,10 +37,6 @@ using UnitName = char[kUnitNameBytes];
 
 bool is_control(char c) { return static_cast<unsigned char>(c) < ' ' || c == 0x7F; }
 
-bool is_letter_or_digit(char c) {
-  return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z') || (c >= '0' && c <= '9');
-}
-
 bool is_one_of(char c, std::string_view set) { return set.find(c) != set.npos; }
 
 // Separators and control characters are refused; so different names have different units.
@@ -49,7 +46,8 @@ Error unit_name(const char *name, UnitName &unit) {
   for (const char *c = name; *c != '\0'; ++c) {
     if (is_control(*c) || is_one_of(*c, "/\\")) return fail(EINVAL);
     if (length + 4 + sizeof kUnitSuffix > kUnitNameBytes) return fail(ENAMETOOLONG);
-    const bool plain = is_letter_or_digit(*c) || is_one_of(*c, ":_-") || (*c == '.' && c != name);
+    const bool plain =
+        text::is_letter_or_digit(*c) || is_one_of(*c, ":_-") || (*c == '.' && c != name);
     if (plain) {
       unit[length++] = *c;
     } else {
@@ -102,7 +100,7 @@ void add_title(UnitText *unit, const char *title) {
 
 bool is_plain_word(std::string_view word) {
   for (const char c : word) {
-    if (!is_letter_or_digit(c) && !is_one_of(c, "/._-+=:,@")) return false;
+    if (!text::is_letter_or_digit(c) && !is_one_of(c, "/._-+=:,@")) return false;
   }
   return !word.empty();
 }
@@ -300,7 +298,7 @@ Error service_find(const char *name) {
   if (error != 0) return error;
   NameBuffer path;
   const int length = snprintf(path, sizeof path, "%s/%s", service_places.units, unit);
-  if (length < 0 || static_cast<size_t>(length) >= sizeof path) return fail(ENAMETOOLONG);
+  if (static_cast<size_t>(length) >= sizeof path) return fail(ENAMETOOLONG);
   struct stat status = {};
   return lstat(path, &status) == -1 ? last_error() : 0;
 }

@@ -173,12 +173,9 @@ void sleep_milliseconds(uint32_t milliseconds) {
   timespec end = {};
   clock_gettime(CLOCK_MONOTONIC, &end);
   const timespec span = time_span(milliseconds);
-  end.tv_sec += span.tv_sec;
-  end.tv_nsec += span.tv_nsec;
-  if (end.tv_nsec >= kNanosecondsPerSecond) {
-    end.tv_nsec -= kNanosecondsPerSecond;
-    ++end.tv_sec;
-  }
+  const long nanoseconds = end.tv_nsec + span.tv_nsec;
+  end.tv_sec += span.tv_sec + nanoseconds / kNanosecondsPerSecond;
+  end.tv_nsec = nanoseconds % kNanosecondsPerSecond;
   while (clock_nanosleep(CLOCK_MONOTONIC, TIMER_ABSTIME, &end, nullptr) == EINTR) {
   }
 }
@@ -203,10 +200,10 @@ constexpr int kLeastNice = -20;
 constexpr int kGreatestNice = 19;
 
 Error nice_value(ThreadPriority priority, int *value) {
-  LastErrorKeeper keeper;
-  errno = 0;  // -1 may be an answer
-  *value = getpriority(PRIO_PROCESS, static_cast<id_t>(getpid()));
-  if (*value == -1 && errno != 0) return last_error();
+  // Not by the C library's function, whose -1 may be an answer: the kernel counts down from 20.
+  const long told = syscall(SYS_getpriority, PRIO_PROCESS, getpid());
+  if (told == -1) return last_error();
+  *value = 20 - static_cast<int>(told);
   if (priority == ThreadPriority::kLowest) *value = std::min(*value + kNiceStep, kGreatestNice);
   if (priority == ThreadPriority::kHighest) *value = std::max(*value - kNiceStep, kLeastNice);
   return 0;
