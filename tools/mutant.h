@@ -1,5 +1,6 @@
-// What a mutated source is compiled with: each changed place has a number, and the process is told in
-// its environment which one place behaves differently. So one build holds all mutants of a module.
+// What a mutated source is compiled with: each changed place has a number, and the process is told
+// in its environment which one place behaves differently. So one build holds all mutants of a
+// module.
 //
 //   PSP_MUTANT=N           the place that behaves differently; 0 or absent: none
 //   PSP_MUTANT_REACHED=F   a file with a byte for each place, set to 1 where the place was reached
@@ -10,6 +11,7 @@
 #include <stdlib.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
+
 #include <type_traits>
 
 namespace mutant {
@@ -19,7 +21,7 @@ inline const int chosen = [] {
   return text == nullptr ? 0 : atoi(text);
 }();
 
-inline volatile unsigned char *const reached = []() -> volatile unsigned char * {
+inline unsigned char *const reached = []() -> unsigned char * {
   const char *path = getenv("PSP_MUTANT_REACHED");
   if (path == nullptr) return nullptr;
   int file = open(path, O_RDWR | O_CLOEXEC);
@@ -28,11 +30,11 @@ inline volatile unsigned char *const reached = []() -> volatile unsigned char * 
   void *bytes = mmap(nullptr, static_cast<size_t>(status.st_size), PROT_READ | PROT_WRITE,
                      MAP_SHARED, file, 0);
   if (bytes == MAP_FAILED) abort();
-  return static_cast<volatile unsigned char *>(bytes);  // the descriptor stays: tests count theirs
+  return static_cast<unsigned char *>(bytes);  // the descriptor stays: tests count theirs
 }();
 
 inline bool is(int place) {
-  if (reached != nullptr) reached[place] = 1;
+  if (reached != nullptr) __atomic_store_n(&reached[place], 1, __ATOMIC_RELAXED);
   return place == chosen;
 }
 

@@ -40,8 +40,8 @@ struct TableEntry {
 struct State {
   Lock global_section{LockRank::kGlobal};
 
-  uint32_t last_life = 0;      // guarded by the global critical section, as is barrier_works
-  bool barrier_works = false;  // constant between start and stop
+  uint32_t next_life = 1;      // odd, never 0; guarded by the global critical section, as is the
+  bool barrier_works = false;  // other, which is constant between start and stop
 
   Lock table_lock{LockRank::kSyncTable};
   TableEntry table[kBlocks] PSP_GUARDED_BY(table_lock) = {};
@@ -50,7 +50,7 @@ struct State {
 constinit State state;
 
 // Makes a free block of the memory: the slots in index order.
-void link_slots(TableEntry *entry, void *memory, int16_t index) {
+void link_slots(TableEntry *entry, void *memory) PSP_REQUIRES(state.table_lock) {
   constexpr uintptr_t kLine = alignof(psp_syncObject);
   const uintptr_t address = (reinterpret_cast<uintptr_t>(memory) + kLine - 1) & ~(kLine - 1);
   entry->memory = memory;
@@ -58,7 +58,7 @@ void link_slots(TableEntry *entry, void *memory, int16_t index) {
   entry->free_head = 0;
   for (int16_t slot = 0; slot < kSlotsPerBlock; ++slot) {
     psp_syncObject *object = new (&entry->slots[slot]) psp_syncObject;
-    object->entry = index;
+    object->entry = static_cast<int16_t>(entry - state.table);
     object->next = slot + 1 < kSlotsPerBlock ? static_cast<int16_t>(slot + 1) : kSlotsEnd;
   }
 }
@@ -66,15 +66,14 @@ void link_slots(TableEntry *entry, void *memory, int16_t index) {
 // What the search for a slot found.
 struct Search {
   psp_syncObject *slot = nullptr;
-  int16_t blockless_entry = kBlocks;  // without a slot: the entry that wants a block, if any
+  TableEntry *blockless_entry = nullptr;  // without a slot: the entry that wants a block, if any
 };
 
 // Takes the free slot of the lowest block that has one, but looks no further than the first entry
 // without a block.
 Search take_slot() PSP_REQUIRES(state.table_lock) {
-  for (int16_t index = 0; index < kBlocks; ++index) {
-    TableEntry &entry = state.table[index];
-    if (entry.slots == nullptr) return {.blockless_entry = index};
+  for (TableEntry &entry : state.table) {
+    if (entry.slots == nullptr) return {.blockless_entry = &entry};
     if (entry.free_head == kSlotsEnd) continue;
     psp_syncObject *slot = &entry.slots[entry.free_head];
     entry.free_head = slot->next;
@@ -94,13 +93,13 @@ psp_syncObject *obtain_slot(bool *exhausted) {
     {
       LockGuard guard(state.table_lock);
       search = take_slot();
-      if (search.blockless_entry < kBlocks && memory != nullptr) {
-        link_slots(&state.table[search.blockless_entry], memory, search.blockless_entry);
+      if (search.blockless_entry != nullptr && memory != nullptr) {
+        link_slots(search.blockless_entry, memory);
         memory = nullptr;
         search = take_slot();
       }
     }
-    if (search.slot != nullptr || search.blockless_entry == kBlocks) break;
+    if (search.slot != nullptr || search.blockless_entry == nullptr) break;
     memory = psp_getMem(sizeof(psp_syncObject) * kSlotsPerBlock + alignof(psp_syncObject), nullptr,
                         PSP_MEM_ZERO, nullptr, kSource, __LINE__);
     if (memory == nullptr) return nullptr;
@@ -132,15 +131,13 @@ void give_up_locks_of_thread() PSP_UNCHECKED {
 uint64_t monotonic_milliseconds() {
   int64_t frequency = 0;
   if (!os::counter_frequency(&frequency)) return 0;
-  const int64_t value = os::counter_value();
-  return static_cast<uint64_t>(value / frequency * 1000 + value % frequency * 1000 / frequency);
+  return static_cast<uint64_t>(os::counter_value() / (frequency / 1000));
 }
 
 // Sleeps in front of the closed gate, at most so long. False when the gate had changed before.
 bool sleep_before(Gate &gate, uint32_t closed, uint32_t milliseconds, os::WaitResult *result) {
   const uint32_t with_sleepers = closed | Gate::kSleepers;
-  if (closed != with_sleepers &&
-      !gate.word.compare_exchange_strong(closed, with_sleepers, std::memory_order_seq_cst)) {
+  if (!gate.word.compare_exchange_strong(closed, with_sleepers, std::memory_order_seq_cst)) {
     return false;
   }
   *result = os::wait_on_address(gate.word, with_sleepers, milliseconds);
@@ -149,7 +146,7 @@ bool sleep_before(Gate &gate, uint32_t closed, uint32_t milliseconds, os::WaitRe
 
 // Waits for the gate to be opened after the closed word that the caller saw.
 [[gnu::noinline]] psp_status wait_for_turn(Gate &gate, uint32_t seen, uint32_t milliseconds) {
-  const uint64_t start = milliseconds == PSP_NO_LIMIT ? 0 : monotonic_milliseconds();
+  const uint64_t start = monotonic_milliseconds();
   uint32_t left = milliseconds;
   for (;;) {
     const uint32_t word = gate.word.load(std::memory_order_acquire);
@@ -159,9 +156,9 @@ bool sleep_before(Gate &gate, uint32_t closed, uint32_t milliseconds, os::WaitRe
     if (!sleep_before(gate, word, left, &result)) continue;
     if (result == os::WaitResult::kFailed) return PSP_FAILED;
     if (milliseconds == PSP_NO_LIMIT) continue;
-    const uint64_t passed = monotonic_milliseconds() - start;
-    const bool is_over = result == os::WaitResult::kTimedOut || passed >= milliseconds;
-    left = is_over ? 0 : milliseconds - static_cast<uint32_t>(passed);
+    // Woken for nothing, or by a wake-up for an earlier gate of the slot.
+    const uint64_t passed = std::min<uint64_t>(monotonic_milliseconds() - start, milliseconds);
+    left = result == os::WaitResult::kTimedOut ? 0 : milliseconds - static_cast<uint32_t>(passed);
   }
 }
 
@@ -198,7 +195,7 @@ void sync_begin(psp_syncObject *object) {
 }
 
 void sync_end(psp_syncObject *object) PSP_UNCHECKED {
-  if (object->kind == PSP_SYNC_EXCL && object->lock.mine()) {
+  if (object->lock.mine()) {
     sync_forget_held(object);
     object->lock.abandon();
   }
@@ -217,8 +214,8 @@ void sync_close_all() PSP_UNCHECKED {
 psp_status sync_start() {
   if (os::install_thread_exit_hook(give_up_locks_of_thread) != 0) return PSP_FAILED;
   state.barrier_works = os::enable_barrier_in_all_threads();
-  state.last_life = std::max(state.last_life + 1, 1u);  // 0 is no life
-  sync_life.store(state.last_life, std::memory_order_relaxed);
+  sync_life.store(state.next_life, std::memory_order_relaxed);
+  state.next_life += 2;
   return PSP_OKAY;
 }
 

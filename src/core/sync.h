@@ -42,12 +42,7 @@ struct Gate {
 
   // seq_cst: whoever closes the gate and then looks for what it waits for, and whoever provides
   // that and then opens, are in one order: one of the two sees the other.
-  void close() {
-    uint32_t old = word.load(std::memory_order_relaxed);
-    while (is_open(old) &&
-           !word.compare_exchange_weak(old, old & ~kOpen, std::memory_order_seq_cst)) {
-    }
-  }
+  void close() { word.fetch_and(~kOpen, std::memory_order_seq_cst); }
 };
 
 }  // namespace psp::core

@@ -286,7 +286,8 @@ int64_t calendar_seconds(uint32_t *milliseconds);
 // The same seconds for much less, at most a tick of the system's clock late, but not before what
 // calendar_seconds has told.
 int64_t recent_seconds();
-// A monotonic counter and its counts per second; false when the platform has none.
+// A monotonic counter and its counts per second, a thousand at least; false when the platform has
+// none.
 bool counter_frequency(int64_t *frequency);
 int64_t counter_value();
 // The calendar time in the local time zone, as it is set now. False when it cannot be converted.

@@ -6,6 +6,8 @@
 #include <thread>
 #include <vector>
 
+#include "core/sync.h"
+#include "os/os.h"
 #include "psp.h"
 #include "support/fixtures.h"
 
@@ -142,6 +144,7 @@ TEST(SyncEnd, ReleasersTouchNothingOnTheirWayOut) {
 TEST_F(SyncLock, UncontendedUseMakesNoSystemCall) {
   psp_sync lock = psp_syncCreate(PSP_SYNC_EXCL);
   psp_sync gate = psp_syncCreate(PSP_SYNC_EVENT);
+  psp_tag *tag = psp_createTag(PSP_TAG_THREADSAFE);  // whose lock is released by a store
   psp_syncEnterExcl(lock);  // the first lock of a thread arms the hook at its end
   psp_syncExitExcl(lock);
   const pid_t child = fork();
@@ -156,6 +159,7 @@ TEST_F(SyncLock, UncontendedUseMakesNoSystemCall) {
       psp_syncStart(gate);
       psp_syncResume(gate);
       static_cast<void>(psp_syncWait(gate, PSP_NO_LIMIT));
+      psp_resetTag(nullptr, tag);
     }
     syscall(SYS_exit, 0);
   }
@@ -207,6 +211,22 @@ TEST_F(SyncGate, OpenedAndClosedAtOnceLetsEveryWaiterThrough) {
     psp_syncResume(gate);
     for (std::thread &waiter : waiters) waiter.join();
   }
+}
+
+// Such as those for an earlier gate at the same place: they let nobody through, and the wait takes
+// its time, no more and no less.
+TEST_F(SyncGate, WakeUpsForNothingChangeNothing) {
+  psp_sync gate = psp_syncCreate(PSP_SYNC_EVENT);
+  psp_syncStart(gate);
+  std::atomic<bool> is_over{false};
+  std::thread waker([&] {
+    for (; !is_over; psp_sleep(1)) psp::os::wake_all(gate->gate.word);
+  });
+  const auto start = std::chrono::steady_clock::now();
+  EXPECT_EQ(psp_syncWait(gate, 50), PSP_TIMEOUT);
+  EXPECT_GT(std::chrono::steady_clock::now() - start, std::chrono::milliseconds(45));
+  is_over = true;
+  waker.join();
 }
 
 // A ball between two threads: any lost wake-up stops the game.

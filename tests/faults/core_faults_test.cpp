@@ -7,6 +7,7 @@
 #include <cstring>
 #include <thread>
 
+#include "core/sync.h"
 #include "support/faults.h"
 
 namespace {
@@ -137,26 +138,37 @@ FAULT_TEST(SyncFaults, WaitThatThePlatformRefusesFails) {
   sweep(scenario);
 }
 
+// The first waiter for a lock that may be released by a store has a barrier executed.
 FAULT_TEST(SyncFaults, LockIsWaitedForThoughThePlatformCannotWait) {
-  static psp_sync lock;
-  Scenario scenario{.sweeps = kCalls};
-  scenario.prepare = [] { lock = psp_syncCreate(PSP_SYNC_EXCL); };
-  scenario.act = [] {
-    const uint32_t waits = calls_in_process(Os::wait_on_address);
-    std::atomic<bool> held = false;
-    std::thread holder([&] {
+  using psp::core::LockRank;
+  const uint32_t once = psp::os::enable_barrier_in_all_threads() ? 1 : 0;
+  const std::pair<LockRank, uint32_t> rows[] = {{LockRank::kClient, 0},
+                                                {LockRank::kQueueReader, 0},
+                                                {LockRank::kQueue, 0},
+                                                {LockRank::kPool, once}};
+  for (const auto &[rank, barriers] : rows) {
+    Scenario scenario{.sweeps = kCalls};
+    scenario.act = [rank = rank, barriers = barriers] {
+      psp_sync lock = psp::core::sync_create(PSP_SYNC_EXCL, rank, "here.cpp", 77);
+      const uint32_t before = calls_in_process(Os::barrier_in_all_threads);
+      const uint32_t waits = calls_in_process(Os::wait_on_address);
+      std::atomic<bool> held = false;
+      std::thread holder([&] {
+        psp_syncEnterExcl(lock);
+        held = true;
+        while (calls_in_process(Os::wait_on_address) == waits) std::this_thread::yield();
+        psp_syncExitExcl(lock);
+      });
+      while (!held) std::this_thread::yield();
       psp_syncEnterExcl(lock);
-      held = true;
-      while (calls_in_process(Os::wait_on_address) == waits) std::this_thread::yield();
       psp_syncExitExcl(lock);
-    });
-    while (!held) std::this_thread::yield();
-    psp_syncEnterExcl(lock);
-    psp_syncExitExcl(lock);
-    holder.join();
-    return true;
-  };
-  sweep(scenario);
+      holder.join();
+      psp_syncDelete(lock);
+      EXPECT_EQ(calls_in_process(Os::barrier_in_all_threads) - before, barriers);
+      return true;
+    };
+    sweep(scenario);
+  }
 }
 
 // ---- What is made in one call -------------------------------------------------------------------
