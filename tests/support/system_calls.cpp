@@ -44,13 +44,6 @@ using psp::faults::system_count;
   X(opendir, nullptr, DIR *, (const char *name), name)                                             \
   X(fdopendir, nullptr, DIR *, (int fd), fd)                                                       \
   X(dup2, -1, int, (int fd, int place), fd, place)                                                 \
-  X(pthread_key_create, errno, int, (pthread_key_t * key, void (*end)(void *)), key, end)          \
-  X(pthread_attr_init, errno, int, (pthread_attr_t * attributes), attributes)                      \
-  X(pthread_attr_setstacksize, errno, int, (pthread_attr_t * attributes, size_t size), attributes, \
-    size)                                                                                          \
-  X(pthread_create, errno, int,                                                                    \
-    (pthread_t * thread, const pthread_attr_t *attributes, void *(*run)(void *), void *argument),  \
-    thread, attributes, run, argument)                                                             \
   X(readdir64, nullptr, dirent64 *, (DIR * directory), directory)                                  \
   X(realpath, nullptr, char *, (const char *name, char *resolved), name, resolved)                 \
   X(getcwd, nullptr, char *, (char *buffer, size_t size), buffer, size)                            \
@@ -71,6 +64,15 @@ using psp::faults::system_count;
   X(sendto, -1, ssize_t,                                                                           \
     (int fd, const void *data, size_t size, int flags, const sockaddr *to, socklen_t to_size), fd, \
     data, size, flags, to, to_size)
+// The thread sanitizer calls these before it is ready for any code of ours.
+#define PSP_THREAD_CALLS(X)                                                                        \
+  X(pthread_key_create, errno, int, (pthread_key_t * key, void (*end)(void *)), key, end)          \
+  X(pthread_attr_init, errno, int, (pthread_attr_t * attributes), attributes)                      \
+  X(pthread_attr_setstacksize, errno, int, (pthread_attr_t * attributes, size_t size), attributes, \
+    size)                                                                                          \
+  X(pthread_create, errno, int,                                                                    \
+    (pthread_t * thread, const pthread_attr_t *attributes, void *(*run)(void *), void *argument),  \
+    thread, attributes, run, argument)
 #define PSP_TRANSFERS(X)                                                                        \
   X(read, (int fd, void *data, size_t count), fd, data, system_count(count))                    \
   X(write, (int fd, const void *data, size_t count), fd, data, system_count(count))             \
@@ -88,6 +90,9 @@ extern "C" {
     return __real_##name(__VA_ARGS__);                   \
   }
 PSP_SYSTEM_CALLS(PSP_WRAP)
+#if !defined(__SANITIZE_THREAD__)
+PSP_THREAD_CALLS(PSP_WRAP)
+#endif
 
 #define PSP_WRAP_TRANSFER(name, parameters, ...) \
   PSP_WRAP(name, -1, ssize_t, parameters, __VA_ARGS__)
