@@ -65,18 +65,21 @@ bool put_characters(psp_stream *stream, const char *text, size_t length) {
   return true;
 }
 
-// Puts a line of 8-bit text and its line end.
-inline bool put_line(psp_stream *stream, const char *text, size_t length) {
-  Block *block = stream->block;
-  if (length >= kBlockBytes || !has_room(*block, static_cast<uint32_t>(length) + 2)) {
-    return write_bytes(block, text, length) && put_character(stream, '\n');
-  }
+// Puts a line of 8-bit text and its line end if the block has room for both, or else nothing.
+inline bool put_line_within_block(Block *block, const char *text, size_t length) {
+  if (length >= kBlockBytes || !has_room(*block, static_cast<uint32_t>(length) + 2)) return false;
   unsigned char *to = block->data + block->offset();
   std::memcpy(to, text, length);
   to[length] = '\r';
   to[length + 1] = '\n';
   advance_written(block, static_cast<uint32_t>(length) + 2);
   return true;
+}
+
+inline bool put_line(psp_stream *stream, const char *text, size_t length) {
+  Block *block = stream->block;
+  if (put_line_within_block(block, text, length)) return true;
+  return write_bytes(block, text, length) && put_character(stream, '\n');
 }
 
 // put_characters for width 1.
@@ -94,23 +97,27 @@ bool put_lines(psp_stream *stream, const char *text, size_t length) {
   return true;
 }
 
-// put_text of a string. A line ends where the first line feed is found, so that the string is not
-// measured first.
-int32_t put_string(psp_stream *stream, const char *string) {
+// put_text of a string, whose first line feed is given, if any. A line ends where the next one is
+// found, so that the string is not measured first.
+int32_t put_string(psp_stream *stream, const char *string, const char *line_feed) {
   if (stream->width != 1) return put_text(stream, string, std::strlen(string));
   const char *text = string;
-  while (*text != '\0') {
-    const char *line_feed = std::strchr(text, '\n');
-    if (line_feed == nullptr) {
-      const size_t length = std::strlen(text);
-      if (!write_bytes(stream->block, text, length)) return -1;
-      text += length;
-    } else {
-      if (!put_line(stream, text, static_cast<size_t>(line_feed - text))) return -1;
-      text = line_feed + 1;
-    }
+  while (line_feed != nullptr) {
+    if (!put_line(stream, text, static_cast<size_t>(line_feed - text))) return -1;
+    text = line_feed + 1;
+    line_feed = std::strchr(text, '\n');
   }
+  const size_t rest = std::strlen(text);
+  if (!write_bytes(stream->block, text, rest)) return -1;
+  text += rest;
   return static_cast<int32_t>(std::min<ptrdiff_t>(text - string, INT32_MAX));
+}
+
+// The usual case of put_string: one line of 8-bit text, and all of it goes into the block. False
+// when it is another case, and then nothing is put.
+inline bool put_single_line(psp_stream *stream, const char *string, const char *line_feed) {
+  if (stream->width != 1 || line_feed == nullptr || line_feed[1] != '\0') return false;
+  return put_line_within_block(stream->block, string, static_cast<size_t>(line_feed - string));
 }
 
 bool reserve_format_buffer(psp_stream *stream, uint32_t size) {
@@ -171,7 +178,10 @@ int32_t psp_fputc(int32_t character, psp_stream *stream) {
 
 int32_t psp_fputs(const char *string, psp_stream *stream) {
   if (string == nullptr || stream == nullptr) return -1;
-  return exported_call([&] { return streams::put_string(stream, string); });
+  const char *line_feed = std::strchr(string, '\n');
+  if (streams::put_single_line(stream, string, line_feed)) [[likely]]
+    return static_cast<int32_t>(line_feed - string) + 1;
+  return exported_call([&] { return streams::put_string(stream, string, line_feed); });
 }
 
 int32_t psp_vfprintf(psp_stream *stream, const char *format, va_list arguments) {
