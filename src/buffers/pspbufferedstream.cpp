@@ -205,13 +205,28 @@ psp_status take_string(psp_inputBuff *buff, uint32_t length, char **result) {
   return PSP_OKAY;
 }
 
+// Takes a string that the buffer holds whole. No transport is called, so the string never waits in
+// the record, and a jump for want of memory leaves nothing behind.
+inline psp_status take_string_within(psp_inputBuff *buff, uint32_t length, char **result) {
+  void *memory = psp_getMem(size_t{length} + 1, nullptr, PSP_MEM_ALLOC, nullptr, kSource, __LINE__);
+  if (memory == nullptr) return PSP_ERR_NOMEMORY;
+  auto *string = static_cast<char *>(memory);
+  std::memcpy(string, buff->end + buff->unread, length);
+  string[length] = '\0';
+  buff->unread += static_cast<ptrdiff_t>(length);
+  *result = string;
+  return PSP_OKAY;
+}
+
 psp_status get_string(psp_inputBuff *buff, char **value) {
   drop_string(buff);
   if (value != nullptr) *value = nullptr;
   uint32_t length = 0;
   const psp_status status = get<uint32_t>(buff, &length);
   if (status != PSP_OKAY || length == kNullString) return status;
-  return value != nullptr ? take_string(buff, length, value) : take(buff, nullptr, length);
+  if (value == nullptr) return take(buff, nullptr, length);
+  if (length <= static_cast<size_t>(-buff->unread)) return take_string_within(buff, length, value);
+  return take_string(buff, length, value);
 }
 
 // The destination is a terminated string however the call returns, and empty if the transport jumps
