@@ -17,7 +17,6 @@
 #include <cstring>
 #include <limits>
 
-#include "core/checked.h"
 #include "core/exported_call.h"
 #include "core/lifecycle.h"
 #include "core/modules.h"
@@ -82,9 +81,8 @@ bool find_standard_channel(const char *name, os::StandardChannel *channel) {
 
 psp_file *make_handle(const char *name, uint32_t flags, uint16_t mode) {
   const size_t name_bytes = strlen(name) + 1;
-  size_t bytes = 0;
-  if (!checked_add(sizeof(psp_file), name_bytes, &bytes)) return nullptr;
-  void *memory = psp_getMem(bytes, state.tag, PSP_MEM_ALLOC, nullptr, kSource, __LINE__);
+  void *memory = psp_getMem(sizeof(psp_file) + name_bytes, state.tag, PSP_MEM_ALLOC, nullptr,
+                            kSource, __LINE__);
   if (memory == nullptr) return nullptr;
   auto *file = static_cast<psp_file *>(memory);
   *file = psp_file{nullptr, os::File{}, flags, mode, false};

@@ -106,14 +106,15 @@ char *current_directory() {
   return nullptr;
 }
 
-// The text with backslashes only and one at its end, in place of the block given; null stays null.
+// The text, which is not empty, with backslashes only and one at its end, in place of the block
+// given; null stays null.
 char *normalised(char *text) {
   if (text == nullptr) return nullptr;
   const size_t length = strlen(text);
   for (size_t index = 0; index < length; ++index) {
     if (text[index] == '/') text[index] = kSeparator;
   }
-  if (length != 0 && text[length - 1] == kSeparator) return text;
+  if (text[length - 1] == kSeparator) return text;
   void *grown = psp_extendMem(text, length + 2, nullptr, 0, 0, kSource, __LINE__);
   if (grown == nullptr) {
     give_back(text);

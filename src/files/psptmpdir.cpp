@@ -49,7 +49,7 @@ Search probe(const char *directory) {
   const int32_t length =
       psp_snprintf(name, sizeof name, "%s%cvkd_dirtest_tmp%08X%p", directory, kSeparator,
                    psp_get_pid(), reinterpret_cast<void *>(static_cast<uintptr_t>(psp_threadId())));
-  if (length < 0 || static_cast<size_t>(length) >= sizeof name) return Search::kNone;
+  if (static_cast<size_t>(length) >= sizeof name) return Search::kNone;
   PSP_FH file = psp_fileOpen(name, PSP_OPEN_READWRITE | PSP_OPEN_CREATE, 0);
   if (file == nullptr) return failed_search();
   psp_fileClose(file);

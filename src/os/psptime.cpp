@@ -77,14 +77,9 @@ Answer *make_answer(const char *narrow) {
   if (measured < 0) return nullptr;
   const auto units = static_cast<uint32_t>(measured);
   const size_t narrow_bytes = std::strlen(narrow) + 1;
-  size_t wide_bytes = 0;
-  size_t bytes = 0;
-  if (!psp::checked_multiply(size_t{units}, sizeof(psp_wchar), &wide_bytes) ||
-      !psp::checked_add(sizeof(Answer), wide_bytes, &bytes) ||
-      !psp::checked_add(bytes, narrow_bytes, &bytes)) {
-    return nullptr;
-  }
-  void *block = std::malloc(bytes);
+  const uint64_t wide_bytes = uint64_t{units} * sizeof(psp_wchar);
+  const uint64_t bytes = sizeof(Answer) + wide_bytes + narrow_bytes;
+  void *block = psp::fits<size_t>(bytes) ? std::malloc(static_cast<size_t>(bytes)) : nullptr;
   if (block == nullptr) return nullptr;
   auto *answer = new (block) Answer;
   answer->wide = reinterpret_cast<psp_wchar *>(answer + 1);
@@ -162,7 +157,7 @@ uint32_t psp_timeMilliSecs(void) {
 uint64_t psp_timeNanoSecs(void) {
   int64_t frequency = state.counter_frequency.load(std::memory_order_relaxed);
   if (frequency == 0) {
-    if (!os::counter_frequency(&frequency) || frequency == 0) return 0;
+    if (!os::counter_frequency(&frequency)) return 0;
     state.counter_frequency.store(frequency, std::memory_order_relaxed);
   }
   const double nanoseconds_per_count = kNanosecondsPerSecond / static_cast<double>(frequency);

@@ -127,8 +127,10 @@ FAULT_TEST(FileFaults, ConditionsOfPositionalTransfers) {
   put_file(path(), kOldData);
   file = psp_fileOpen(path(), kReadWrite, 0);
   uint32_t met = 0;
-  const auto under = [&met](Condition condition, uint32_t times, const Operation &operation) {
+  const auto under = [&met](Condition condition, uint32_t times, const Operation &operation,
+                            uint32_t nth = 1) {
     arm({.kind = Kind::kCall,
+         .nth = nth,
          .times = times,
          .error = error_of(condition),
          .only = &operation == &kReadAt ? Os::file_read_at : Os::file_write_at});
@@ -148,6 +150,10 @@ FAULT_TEST(FileFaults, ConditionsOfPositionalTransfers) {
   EXPECT_EQ(met, 4u);
   EXPECT_EQ(get_file(path()).substr(0, 1010), "xxxxx" + std::string(1000, 'n') + "xxxxx");
   EXPECT_EQ(under(Condition::kTooLargeForSystem, kFromThereOn, kWriteAt), -1);
+  EXPECT_EQ(under(Condition::kShortOfMemory, 1, kWriteAt), 1000);
+  arm({.kind = Kind::kCall, .times = 2, .error = error_of(Condition::kTooLargeForSystem)});
+  EXPECT_EQ(psp_fileSeekWrite(file, 5, buffer, 2), -1) << "a single byte has no halves";
+  EXPECT_EQ(disarm().faults, 2u);
   close_file();
   psp_term();
 }

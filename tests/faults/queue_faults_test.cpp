@@ -29,13 +29,19 @@ FAULT_TEST(QueueFaults, CreationGivesAQueueOrNothing) {
       EXPECT_EQ(psp_queueFind("q") != nullptr, run.worked);
       if (queue == nullptr || run.worked) return;
       // Without its name: told each time, and it works.
-      psp_word data = 0;
+      psp_word data = 0, last = 0;
       testing::internal::CaptureStdout();
       psp_queueWrite(queue, 5, 0, 0, 0);
       EXPECT_EQ(psp_queueRead(queue, &data, nullptr, nullptr, 0), PSP_OKAY);
+      arm({.kind = Kind::kCall, .error = EIO, .only = Os::wait_on_address});
+      EXPECT_EQ(psp_queueRead(queue, nullptr, nullptr, nullptr, 0), PSP_FAILED);
+      EXPECT_EQ(psp_queueRead(queue, &last, nullptr, nullptr, 1), PSP_FAILED);
+      disarm();
       psp_queueDelete(queue);
       psp_log_flush();
-      EXPECT_EQ(testing::internal::GetCapturedStdout(), "Invalid queue handleInvalid queue handle");
+      const std::string told = "Invalid queue handle";
+      EXPECT_EQ(testing::internal::GetCapturedStdout(),
+                told + told + told + told + "unexpected empty queue on ");
       EXPECT_EQ(data, 5u);
     };
     scenario.clean = [] { EXPECT_EQ(psp_queueInit(1), PSP_OKAY); };
@@ -74,11 +80,14 @@ FAULT_TEST(QueueFaults, MessageWithoutMemoryIsDroppedAlone) {
 
 FAULT_TEST(QueueFaults, WaitThatThePlatformRefusesFails) {
   static psp_status status;
-  static const std::string fitting(253, 'q');
+  // A name, and what of it a message tells.
+  static const std::string fitting(253, 'q'), odd(300, '\x80'),
+      names[][2] = {{"q", "q"}, {fitting + "\xE2\x82\xAC", fitting}, {odd, odd.substr(0, 252)}};
+  static size_t number;
   Scenario scenario{.sweeps = kCalls};
   scenario.prepare = [] {
     EXPECT_EQ(psp_queueInit(0), PSP_OKAY);
-    queue = psp_queueCreate((fitting + "\xE2\x82\xAC").c_str());
+    queue = psp_queueCreate(names[number][0].c_str());
     psp_queueWrite(queue, 1, 0, 0, 0);  // obtains the nodes
     psp_queuePurge(queue, PSP_QUEUE_ALL_TYPES);
   };
@@ -88,14 +97,14 @@ FAULT_TEST(QueueFaults, WaitThatThePlatformRefusesFails) {
   };
   scenario.judge = [](const Run &run) {
     EXPECT_TRUE(run.worked || status == PSP_FAILED);
-    EXPECT_TRUE(run.worked || run.output.ends_with("unexpected empty queue on " + fitting))
+    EXPECT_TRUE(run.worked || run.output.ends_with("unexpected empty queue on " + names[number][1]))
         << run.output;
     psp_queueWrite(queue, 1, 0, 0, 0);
     psp_word data = 0;
     EXPECT_EQ(psp_queueRead(queue, &data, nullptr, nullptr, 0), PSP_OKAY);
   };
   scenario.finish = [] { psp_queueTerm(1); };
-  sweep(scenario);
+  for (number = 0; number < std::size(names); ++number) sweep(scenario);
 }
 
 }  // namespace

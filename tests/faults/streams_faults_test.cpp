@@ -117,6 +117,27 @@ FAULT_TEST(StreamFaults, AcceptedCharactersOutliveAFailedWrite) {
   }
 }
 
+// A gap, a line that fills the block, characters of 16 bits, and reading behind what waits.
+FAULT_TEST(StreamFaults, WhatIsWrittenBehindAGapFailsOrIsThere) {
+  for (const uint16_t mode : {uint16_t{0}, uint16_t{PSP_FILE_MEMORY}}) {
+    for (const uint32_t width : {1, 2}) {
+      Scenario scenario{.sweeps = mode == 0 ? kCalls | kShorts | kSystem : kAllocations};
+      scenario.keeps_any_blocks = true;
+      scenario.act = [mode, width] {
+        static const std::string kLine = std::string(1024, 'x') + "\n";
+        stream = psp_fopenEx(mode == 0 ? path() : "\\gap", "w+", width, mode);
+        bool worked = psp_fseek(stream, 20'000, PSP_SEEK_START) == PSP_OKAY;
+        worked &= psp_fputs("\xC3\xA9\n", stream) == 3 && psp_fputs(kLine.c_str(), stream) == 1025;
+        for (int index = 0; index < 600; ++index) worked &= psp_fputs("\xC3\xA9", stream) == 2;
+        worked &= psp_fseek(stream, 20'000, PSP_SEEK_START) == PSP_OKAY;
+        return worked && psp_fgetc(stream) == 0xC3 - 256;
+      };
+      scenario.clean = close_stream;
+      sweep(scenario);
+    }
+  }
+}
+
 FAULT_TEST(StreamFaults, FormattedTextGoesOutWholeOrNotAtAll) {
   static const std::string kText(5000, 'x');
   Scenario scenario{.sweeps = kAllocations | kJumps};

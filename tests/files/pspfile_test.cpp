@@ -286,6 +286,8 @@ TEST_F(Files, SizeIsSetWithZerosAndThePositionFollows) {
     EXPECT_EQ(psp_fileSetSize(file, -1), -1);
   }
   EXPECT_EQ(psp_fileSetSize(Handle(name, PSP_OPEN_READ), 100), -1);
+  EXPECT_EQ(psp_fileSetSize(Handle(name, PSP_OPEN_READ), 1), 0) << "told by the last error alone";
+  EXPECT_EQ(psp_errno(), uint32_t{EBADF});
   EXPECT_EQ(psp_fileSetSize(Handle("/dev/full", kUpdate), 100), -1);
   EXPECT_EQ(get("sized"), "aBC");
 }
@@ -314,6 +316,7 @@ TEST_F(Files, NothingToTransferIsNoFailureAndMissingArgumentsAre) {
   EXPECT_EQ(psp_fileSetSize(nullptr, 0), -1);
   EXPECT_EQ(psp_fileLock(nullptr), PSP_FAILED);
   EXPECT_EQ(psp_fileUnlock(nullptr), PSP_FAILED);
+  EXPECT_EQ(psp_fileSync(nullptr), PSP_OKAY);
   const std::string missing = path("missing");
   for (const char *name : {missing.c_str(), static_cast<const char *>(nullptr)}) {
     EXPECT_EQ(psp_fileLengthStat(name, 0), -1);
@@ -342,7 +345,66 @@ TEST_F(Files, FailureIsReportedAndLeavesTheHandleUsable) {
                 "\r\nFailed to seek and write, errno = " + code + "\r\n");
 }
 
-// ---- Standard channels and modes ----------------------------------------------------------------
+// ---- Pipes and standard channels ----------------------------------------------------------------
+
+TEST_F(Files, PipesMoveInSequenceAndTransfersWaitUntilTheyMove) {
+  const std::string name = path("pipe");
+  ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+  char byte = 0;
+  const Handle both(name, kUpdate), reader(name, PSP_OPEN_READ), writer(name, PSP_OPEN_WRITE);
+  EXPECT_EQ(psp_fileWrite(writer, "ab", 2), 2);
+  EXPECT_EQ(psp_fileRead(reader, &byte, 1), 1);
+  EXPECT_EQ(psp_fileRead(writer, &byte, 1), -1);
+  EXPECT_EQ(psp_fileWrite(reader, &byte, 1), -1);
+  EXPECT_EQ(psp_fileSeek(reader, 0, PSP_SEEK_CURRENT), PSP_FAILED);
+  EXPECT_EQ(psp_fileLength(reader), 0);
+  EXPECT_EQ(psp_errno(), uint32_t{ESPIPE});
+  // Whoever shares a pipe may have told it not to wait.
+  constexpr int kPieces = 50, kPiece = 4096;  // more than a pipe holds
+  int ends[2];
+  ASSERT_EQ(pipe2(ends, O_NONBLOCK | O_CLOEXEC), 0);
+  const int output = dup(STDOUT_FILENO);
+  dup2(ends[0], STDIN_FILENO);
+  std::thread taker([&] {
+    const Handle input("stdin", PSP_OPEN_READ);
+    std::vector<char> piece(kPieces * kPiece);
+    int32_t got = psp_fileRead(input, piece.data(), 1);
+    psp_sleep(20);  // the pipe fills
+    while (got < kPieces * kPiece) got += psp_fileRead(input, piece.data(), kPiece);
+  });
+  psp_sleep(20);  // the pipe is read while it is empty
+  dup2(ends[1], STDOUT_FILENO);
+  {
+    const Handle channel("stdout", PSP_OPEN_WRITE);
+    const std::string piece(kPieces * kPiece, 'p');
+    EXPECT_EQ(psp_fileWrite(channel, piece.data(), kPieces * kPiece), kPieces * kPiece);
+  }
+  taker.join();
+  dup2(output, STDOUT_FILENO);
+  for (const int descriptor : {ends[0], ends[1], output}) close(descriptor);
+}
+
+TEST_F(Files, RedirectedChannelHasTheFilesPositionAndLength) {
+  const int file = open(put("in", "abcdef").c_str(), O_RDONLY);
+  dup2(file, STDIN_FILENO);
+  close(file);
+  const Handle input("stdin", PSP_OPEN_READ);
+  char byte = 0;
+  const struct {
+    int64_t offset;
+    int32_t whence;
+    char next;
+  } kSeeks[] = {{2, PSP_SEEK_START, 'c'}, {1, PSP_SEEK_CURRENT, 'e'}, {-1, PSP_SEEK_END, 'f'}};
+  for (const auto &[offset, whence, next] : kSeeks) {
+    EXPECT_EQ(psp_fileSeek(input, offset, whence), PSP_OKAY);
+    EXPECT_EQ(psp_fileRead(input, &byte, 1), 1);
+    EXPECT_EQ(byte, next);
+  }
+  EXPECT_EQ(psp_fileSeek(input, -7, PSP_SEEK_END), PSP_FAILED);
+  EXPECT_EQ(psp_fileLength(input), 6);
+}
+
+// ---- Modes ----------------------------------------------------------------
 
 TEST_F(Files, ReadOnlyModeWritesNothing) {
   const std::string name = put("file", "content");

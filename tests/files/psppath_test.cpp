@@ -1,13 +1,16 @@
 // Names as text, patterns, iteration, directories, the temporary directory.
 #include <gtest/gtest.h>
+#include <limits.h>
 #include <stdlib.h>
 
+#include <cerrno>
 #include <filesystem>
 #include <fstream>
 #include <set>
 #include <string>
 
 #include "files/files.h"
+#include "os/os.h"
 #include "psp.h"
 #include "support/fixtures.h"
 #include "support/pattern_model.h"
@@ -69,6 +72,97 @@ TEST_F(Paths, NamesAreTakenApartAsText) {
   EXPECT_EQ(psp_pathIsDir("c:") + psp_pathIsDir("d\\"), 2);
   EXPECT_EQ(psp_pathIsDir("dir/"), 0);
   EXPECT_EQ(psp_pathIsDir(""), -1);
+  const std::string deep = path(std::string(200, 'd')) + "/" + std::string(200, 'e');
+  std::filesystem::create_directories(deep);
+  std::filesystem::current_path(deep);
+  EXPECT_EQ(taken(psp_currdir()), deep);
+}
+
+TEST_F(Paths, MissingArgumentsAndNamesTooLongAreRefused) {
+  char *part = nullptr;
+  psp_pathSplit("a\\b", nullptr, &part);
+  EXPECT_EQ(taken(part), "b");
+  psp_pathSplit("a\\b", &part, nullptr);
+  EXPECT_EQ(taken(part), "a\\");
+  psp_pathSplit(nullptr, &part, &part);
+  EXPECT_EQ(part, psp_pathStripDrive(nullptr));
+  EXPECT_EQ(psp_pathIsDir(nullptr) + psp_pathIsFullyQualified(nullptr), -1);
+  EXPECT_EQ(psp_pathOpen(nullptr, "*"), nullptr);
+  EXPECT_EQ(psp_pathOpen(folder_.c_str(), nullptr), nullptr);
+  psp_pathIter *iterator = psp_pathOpen(folder_.c_str(), "*");
+  EXPECT_EQ(psp_pathNext(iterator, nullptr), nullptr);
+  psp_pathClose(iterator);
+  EXPECT_EQ(psp_fileCreateTmpName(nullptr, nullptr, nullptr, nullptr), nullptr);
+  for (const char *name : {static_cast<const char *>(nullptr), ""}) {
+    EXPECT_EQ(psp_dirCreate(name), PSP_FAILED);
+    EXPECT_EQ(psp_dirCreateAll(name), PSP_FAILED);
+  }
+  // Names that no call of the system takes, because they want a change first.
+  const std::string long_name = folder_ + std::string(PATH_MAX, '/') + "\\x";
+  const char *const name = long_name.c_str(), *const other = folder_.c_str();
+  char text[4];
+  bool same = false;
+  psp::os::File file;
+  psp::os::Directory directory;
+  psp::os::FileStatus status;
+  using namespace psp::os;
+  const Error results[] = {file_rename(name, other),
+                           file_rename(other, name),
+                           file_replace(name, other),
+                           file_replace(other, name),
+                           file_remove(name),
+                           file_status(name, &status),
+                           link_target(name, text, 4),
+                           names_lead_to_same_file(name, other, &same),
+                           directory_create(name),
+                           directory_remove(name),
+                           directory_open(name, &directory),
+                           file_create_replacement(name, other, &file),
+                           file_create_replacement(other, name, &file),
+                           file_replace(other, std::string(PATH_MAX + 1, '/').append("x").c_str())};
+  for (const Error &result : results)
+    EXPECT_EQ(result, uint32_t{ENAMETOOLONG}) << &result - results;
+  EXPECT_EQ(link_target(other, text, 4), uint32_t{ERANGE});
+  EXPECT_EQ(system_temporary_directory(text, 4), uint32_t{ERANGE});
+}
+
+TEST_F(Paths, LinksLeadToWhatTheyNameAndReplacementsToPlainFilesOnly) {
+  using namespace psp::os;
+  std::filesystem::create_symlink(".", path("link"));
+  std::filesystem::create_symlink("loop", path("loop"));
+  std::filesystem::create_symlink("a\\b", path("odd"));
+  put("file", "");
+  put("a\\b", "");
+  std::filesystem::create_directory(path("taken"));
+  char text[PATH_MAX];
+  File file;
+  bool same = true;
+  const auto at = [this](const char *name) { return path(name); };
+  EXPECT_EQ(link_target(at("odd").c_str(), text, sizeof text), uint32_t{EINVAL});
+  EXPECT_EQ(link_target(at("loop").c_str(), text, sizeof text), uint32_t{ELOOP});
+  EXPECT_EQ(link_target(at("link").c_str(), text, sizeof text), 0u);
+  for (const char *nowhere : {"loop", "file/x", "none"}) {
+    EXPECT_EQ(names_lead_to_same_file(at(nowhere).c_str(), at("file").c_str(), &same), 0u);
+    EXPECT_FALSE(same) << nowhere;
+  }
+  EXPECT_EQ(file_create_replacement(at("new").c_str(), at("link").c_str(), &file),
+            uint32_t{EINVAL});
+  EXPECT_EQ(file_create_replacement(at("taken").c_str(), at("file").c_str(), &file),
+            uint32_t{EEXIST});
+  std::filesystem::current_path(folder_);
+  EXPECT_EQ(file_replace("none", "file"), uint32_t{ENOENT});
+  EXPECT_EQ(file_replace("file", ""), uint32_t{ENOENT});
+  EXPECT_EQ(file_replace("file", "taken/"), uint32_t{ENOTDIR});
+  EXPECT_EQ(file_replace("none", "/psp-none"), uint32_t{ENOENT});
+  psp_pathIter *entries = psp_pathOpen(".", "*");
+  std::set<std::string> directories;
+  uint32_t flag = 0;
+  for (const char *name; (name = psp_pathNext(entries, &flag)) != nullptr;) {
+    if (flag != 0) directories.insert(name);
+  }
+  EXPECT_EQ(psp_pathNext(entries, &flag), nullptr) << "the end is final";
+  psp_pathClose(entries);
+  EXPECT_EQ(directories, (std::set<std::string>{".", "..", "link", "taken"}));
 }
 
 TEST_F(Paths, IterationMeetsEveryMatchAndTellsDirectories) {
@@ -112,7 +206,7 @@ TEST_F(Paths, DirectoriesComeWithTheirParentsAndGo) {
 
 TEST_F(Paths, TemporaryDirectoryIsProbedOnceForAllThreads) {
   unsetenv("VKD_TMPDIR");
-  setenv("TEMP", "", 1);
+  setenv("TEMP", std::string(600, 't').c_str(), 1);
   setenv("TMP", folder_.c_str(), 1);
   std::string answers[4];
   psp::tests::in_threads(4, [&](int i) { answers[i] = taken(psp_tmpdir(nullptr)); });

@@ -109,10 +109,19 @@ void expect_rename_never_replaces() {
 
 TEST_F(WholeFiles, RenameNeverReplacesWhateverTheFileSystemOffers) {
   expect_rename_never_replaces();
-  if (!forbid(SYS_renameat2, EINVAL)) GTEST_SKIP() << "system calls cannot be forbidden here";
-  expect_rename_never_replaces();
-  ASSERT_TRUE(forbid(SYS_linkat, EPERM));
-  expect_rename_never_replaces();
+  for (const unsigned error : {EINVAL, ENOSYS}) {
+    if (!forbid(SYS_renameat2, error)) GTEST_SKIP() << "system calls cannot be forbidden here";
+    expect_rename_never_replaces();
+  }
+  for (const unsigned error : {EPERM, EMLINK, ENOSYS, EOPNOTSUPP}) {
+    ASSERT_TRUE(forbid(SYS_linkat, error));
+    expect_rename_never_replaces();
+  }
+  // A device that takes nothing and tells nothing.
+  ASSERT_TRUE(forbid(SYS_pwrite64, 0));
+  const PSP_FH file = psp_fileOpen("a", PSP_OPEN_WRITE | PSP_OPEN_CREATE, 0);
+  EXPECT_EQ(psp_fileWrite(file, "1", 1), 0);
+  psp_fileClose(file);
 }
 
 TEST_F(WholeFiles, MoveReplacesButNeverTheFileItself) {
@@ -174,6 +183,13 @@ TEST_F(WholeFiles, ModesAndBadNames) {
   };
   put_file("f", "1");
   EXPECT_EQ(each("f", nullptr), (Results{2, 8, 2, 2, 2, 2}));
+  EXPECT_EQ((Results{psp_fileCmp(nullptr, "f"), psp_fileValidate(nullptr),
+                     psp::files::replace_file(nullptr, "f", 0),
+                     psp_fileCopyEx("\\A/b", PSP_FILE_MEMORY, "/a\\B", PSP_FILE_MEMORY)}),
+            (Results{PSP_CMP_NO_FIRST, 0, 2, 0}));
+  psp_fileClose(psp_fileOpen("\\m\\x", PSP_OPEN_READWRITE | PSP_OPEN_CREATE, PSP_FILE_MEMORY));
+  EXPECT_EQ(psp_dirMoveEx("\\m", PSP_FILE_MEMORY, "m", 0), PSP_OKAY);
+  EXPECT_EQ(fs::remove_all("m"), 2u);
   const psp_wchar bad[] = {0xD800, 0}, *const f = PSP_W("f");
   EXPECT_EQ((Results{psp_fileCopyW(f, bad), psp_fileCmpW(f, bad), psp_fileRemoveW(bad),
                      psp_fileRenameW(f, nullptr), psp_fileMoveW(f, bad), psp_dirMoveW(f, bad),
@@ -183,13 +199,20 @@ TEST_F(WholeFiles, ModesAndBadNames) {
   uint32_t flag = 7;
   EXPECT_EQ((psp_fileValidateEx("none", 0, &flag), flag), 7u);
   EXPECT_EQ((psp_fileValidateEx(".", 0, &flag), flag), 16384u);
+  EXPECT_EQ((psp_fileValidateEx("f", 0, &flag), flag), 0u);
   psp_rdonly();
   EXPECT_EQ(each("f", "new"), (Results{2, 8, 2, 2, 2, 2}));
   EXPECT_EQ(psp::files::replace_file("f", "g", 0), PSP_FAILED);
+  EXPECT_EQ(psp::files::open_replacement("h", "g", 0), nullptr);
   psp_nodisk();
   EXPECT_EQ(each("f", "./f"), (Results{2, 7, 2, 2, 2, 2}));
   EXPECT_EQ(each("f", "f"), (Results{2, 0, 2, 2, 0, 2}));
   EXPECT_EQ(psp_fileValidate("f"), 0);
+  EXPECT_EQ(psp::files::open_replacement("h", "g", 0), nullptr);
+  psp_term();
+  EXPECT_EQ(psp_fileOpen("stdout", PSP_OPEN_WRITE, 0), nullptr) << "not started";
+  EXPECT_EQ(psp::files::open_replacement("h", "g", 0), nullptr);
+  EXPECT_EQ(psp_init(), PSP_OKAY);
   EXPECT_EQ(list(), "f=1 g=1 ");
 }
 

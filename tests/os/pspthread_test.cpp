@@ -47,6 +47,11 @@ TEST(Thread, EndsByItselfAndGivesItsLocksUp) {
     EXPECT_EQ(psp_threadJoin(handle), PSP_NOTSUPPORTED);
   }
   EXPECT_EQ(psp_threadBegin(nullptr, 0, nullptr), PSP_FAILED);
+  for (const psp_threadHandle nobody : {psp_threadHandle{0}, ~psp_threadHandle{0}}) {
+    EXPECT_EQ(psp_threadSetPriority(nobody, PSP_PRIORITY_NORMAL), PSP_FAILED);
+  }
+  const psp_status raised = psp_threadSetPriority(psp_threadId(), PSP_PRIORITY_HIGHEST);
+  EXPECT_EQ(getpriority(PRIO_PROCESS, 0), raised == PSP_OKAY ? std::max(normal - 10, -20) : normal);
   psp_term();
 }
 

@@ -75,6 +75,7 @@ TEST_F(LogTest, MessagesGoToTheirConsoleAndStampedToTheLog) {
   EXPECT_EQ(psp_log("cut%c off\n", 0), 3) << "a message ends at a zero byte";
   EXPECT_EQ(psp_log("%f\n", 1e30), 0) << "cannot be formatted";
   EXPECT_EQ(psp_log(nullptr), 0);
+  EXPECT_EQ(psp_printf(nullptr), -1);
   EXPECT_EQ(errno, 77);
   EXPECT_EQ(get("out"), "x=1\r\n" + text + "\r\nno line endcut");
   EXPECT_EQ(get("err"), "y=2\r\n");
@@ -185,6 +186,7 @@ TEST_F(LogTest, MessagesOutsideTheLifeGoToTheCRuntime) {
   testing::internal::CaptureStderr();
   EXPECT_EQ(psp_log("log %d ", 1), 6);
   EXPECT_EQ(psp_printf("text "), 5);
+  EXPECT_EQ(psp_printf(nullptr), -1);
   psp_log_chunk_end(chunk, "end");
   EXPECT_EQ(psp_log_err("error "), 6);
   EXPECT_EQ(psp_printfErr("%s", "text"), 4);

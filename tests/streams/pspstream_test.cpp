@@ -8,6 +8,7 @@
 #include <string>
 
 #include "psp.h"
+#include "streams/stream.h"
 #include "support/fixtures.h"
 
 namespace {
@@ -161,6 +162,41 @@ TEST_F(StreamTest, SixteenBitOutputIsMarkedOnce) {
   EXPECT_EQ(get(), "\xFF\xFEx\0\r\0\n\0\x3D\xD8\x00\xDEy\0"s);
 }
 
+TEST_F(StreamTest, MissingArgumentsOddWidthsAndFarPlacesAreRefused) {
+  char buffer[4];
+  EXPECT_EQ(psp_fopen_std(nullptr), nullptr);
+  EXPECT_EQ(psp_fseek(nullptr, 0, PSP_SEEK_START), PSP_FAILED);
+  EXPECT_EQ(psp_fgetc(nullptr) + psp_fungetc('x', nullptr) + psp_fputs("x", nullptr), -3);
+  EXPECT_EQ(psp_fputc('x', nullptr), 0);
+  EXPECT_EQ(psp_fgets(buffer, 4, nullptr), nullptr);
+  EXPECT_EQ(psp_fprintf(nullptr, "x"), -1);
+  psp_stream *stream = open("w+", 3);
+  EXPECT_EQ(psp_fgets(nullptr, 4, stream), nullptr);
+  EXPECT_EQ(psp_fputs(nullptr, stream) + psp_fprintf(stream, nullptr), -2);
+  EXPECT_EQ(psp_fprintf(stream, "%s", ""), 0);
+  EXPECT_EQ(psp_fputc('x', stream), 0);
+  EXPECT_EQ(psp_fgetc(stream), 0);
+  char *line = nullptr;
+  uint32_t size = 0;
+  EXPECT_EQ(psp_fGetLine(stream, &line, &size), nullptr);
+  psp_fclose(stream);
+  put(std::string(3000, '1'));
+  stream = open("r");
+  std::filesystem::resize_file(name_, 0);
+  psp::streams::Line whole = {};
+  EXPECT_EQ(psp::streams::read_whole_line(stream, &whole), psp::streams::LineResult::kFailed)
+      << "the file was cut meanwhile";
+  psp_freeMem(whole.text, nullptr);
+  psp_fclose(stream);
+  std::error_code refusal;
+  const psp::tests::Folder memory(true);
+  std::filesystem::resize_file(memory.put("far", ""), INT64_MAX, refusal);
+  if (refusal) GTEST_SKIP() << "no file can be as long as that here";
+  stream = psp_fopen(memory.path("far").c_str(), "r", 1);
+  EXPECT_EQ(psp_fseek(stream, 1, PSP_SEEK_END), PSP_FAILED);
+  psp_fclose(stream);
+}
+
 // ---- Files that do not take everything ----------------------------------------------------------
 
 // Each read of this standard input gives one byte.
@@ -174,6 +210,7 @@ TEST_F(StreamTest, MarkIsFoundInAPipeThatTrickles) {
     close(ends[1]);
     psp_stream *stream = psp_fopen("stdin", "r", 1);
     EXPECT_EQ(read_by_line(stream), sent[2] == 'x' ? "\xEF\xBBx\ny" : "x\ny");
+    EXPECT_EQ(psp_fseek(stream, 99, PSP_SEEK_START) + psp_fgetc(stream), -1);
     psp_fclose(stream);
   }
 }
