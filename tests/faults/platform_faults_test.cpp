@@ -164,7 +164,8 @@ const Row kRows[] = {
 };
 
 FAULT_TEST(PlatformFaults, FailedCallIsToldAndLosesNothing) {
-  elsewhere = testing::TempDir() + "psp-elsewhere";
+  const psp::tests::Folder folder_elsewhere;
+  elsewhere = folder_elsewhere.path("file");
   static const char *const script = at("start"), *const counters = at("counters"),
                            *const units = at("");
   put_file(script, "#!/bin/sh\n");
@@ -205,7 +206,6 @@ FAULT_TEST(PlatformFaults, FailedCallIsToldAndLosesNothing) {
     sweep(scenario);
     if (testing::Test::HasFailure()) return;
   }
-  fs::remove(elsewhere);
 }
 
 }  // namespace
