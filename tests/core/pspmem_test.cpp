@@ -5,6 +5,7 @@
 #include <map>
 #include <random>
 
+#include "core/checked.h"
 #include "core/exported_call.h"
 #include "core/live_blocks.h"
 #include "psp.h"
@@ -85,6 +86,7 @@ TEST_F(Memory, MovedBlocksOutliveTheirOldTag) {
   psp_tag *from = psp_createTag(PSP_TAG_THREADSAFE), *to = psp_createTag(0);
   char *text = psp_strdup("kept", from);
   psp_moveMemTag(text, from, from);
+  psp_moveMemTag(nullptr, to, from);
   psp_moveMemTag(text, to, from);
   psp_freeTagMemory(from, 1);
   EXPECT_STREQ(text, "kept");
@@ -123,6 +125,7 @@ TEST_F(Memory, ARequestThatWrapsFailsAndHarmsNothing) {
             "Out of memory. Called from a.c:9\r\nOut of memory. Called from a.c:10\r\n");
   EXPECT_STREQ(text, "kept");
   psp_freeMem(text, nullptr);
+  EXPECT_EQ(psp::multiply_or_most(SIZE_MAX / 2, 3), SIZE_MAX);
 }
 
 TEST_F(Memory, AnArmedTagJumpsAndADisarmedOneReturns) {
