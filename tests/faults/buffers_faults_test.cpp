@@ -28,7 +28,11 @@ bool has_memory() {
 int32_t read_blocks(void *, void *buffer, uint32_t capacity, uint32_t *filled) {
   if (reads % 100 == 1 && !has_memory()) return kBroken;
   memset(buffer, 'b', capacity);
-  if (reads++ == 0) memcpy(buffer, &kLength, sizeof kLength);
+  if (reads++ == 0) {
+    constexpr int kFirst = 9, kLengthAt = 4 + kFirst;  // a string that is there as a whole
+    memcpy(buffer, &kFirst, sizeof kFirst);
+    memcpy(static_cast<char *>(buffer) + kLengthAt, &kLength, sizeof kLength);
+  }
   *filled = capacity;
   return PSP_OKAY;
 }
@@ -50,6 +54,9 @@ FAULT_TEST(BuffersFaults, StringIsWholeOrGoneAndTheBufferGoesOn) {
     sent = 0;
     status = psp_inputBuffCreate(read_blocks, nullptr, nullptr, 0, &in);
     if (status == PSP_OKAY) status = psp_outputBuffCreate(write_blocks, nullptr, 0, &out);
+    if (status == PSP_OKAY) status = psp_inputBuffGetString(in, &text);
+    if (status == PSP_OKAY) psp_freeMem(text, nullptr);
+    text = nullptr;
     if (status == PSP_OKAY) status = psp_inputBuffGetString(in, &text);
     if (status == PSP_OKAY) status = psp_outputBuffPutStringWithLength(out, text);
     if (status == PSP_OKAY) status = psp_outputBuffFlush(out);
