@@ -97,7 +97,7 @@ void expect_rename_never_replaces() {
   put_file("b", "2");
   for (const char *name : {"d", "e"}) fs::create_directory(name);
   for (const char *from : {"a", "d"}) {
-    for (const char *to : {"a", "b", "d", "e", "d/d/"}) {
+    for (const char *to : {"a", "b", "d", "e", "d/d/", "a/x"}) {
       EXPECT_EQ(psp_fileRename(from, to), PSP_FAILED) << from << ' ' << to;
     }
   }
@@ -183,10 +183,10 @@ TEST_F(WholeFiles, ModesAndBadNames) {
   };
   put_file("f", "1");
   EXPECT_EQ(each("f", nullptr), (Results{2, 8, 2, 2, 2, 2}));
-  EXPECT_EQ((Results{psp_fileCmp(nullptr, "f"), psp_fileValidate(nullptr),
-                     psp::files::replace_file(nullptr, "f", 0),
+  EXPECT_EQ((Results{psp_fileCmp(nullptr, "f"), psp_fileCmp("no\\x", "no/x"),
+                     psp_fileValidate(nullptr), psp::files::replace_file(nullptr, "f", 0),
                      psp_fileCopyEx("\\A/b", PSP_FILE_MEMORY, "/a\\B", PSP_FILE_MEMORY)}),
-            (Results{PSP_CMP_NO_FIRST, 0, 2, 0}));
+            (Results{PSP_CMP_NO_FIRST, 0, 0, 2, 0}));
   psp_fileClose(psp_fileOpen("\\m\\x", PSP_OPEN_READWRITE | PSP_OPEN_CREATE, PSP_FILE_MEMORY));
   EXPECT_EQ(psp_dirMoveEx("\\m", PSP_FILE_MEMORY, "m", 0), PSP_OKAY);
   EXPECT_EQ(fs::remove_all("m"), 2u);
@@ -203,6 +203,7 @@ TEST_F(WholeFiles, ModesAndBadNames) {
   psp_rdonly();
   EXPECT_EQ(each("f", "new"), (Results{2, 8, 2, 2, 2, 2}));
   EXPECT_EQ(psp::files::replace_file("f", "g", 0), PSP_FAILED);
+  EXPECT_EQ(psp_dirMoveEx(".", 0, "\\all", PSP_FILE_MEMORY), PSP_OKAY) << "what is left stays";
   EXPECT_EQ(psp::files::open_replacement("h", "g", 0), nullptr);
   psp_nodisk();
   EXPECT_EQ(each("f", "./f"), (Results{2, 7, 2, 2, 2, 2}));

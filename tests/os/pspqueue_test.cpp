@@ -58,6 +58,9 @@ TEST_F(QueueRegistry, FindsTheNewestOfAName) {
 }
 
 TEST_F(QueueRegistry, RefusesWhatIsNoQueue) {
+  psp_queueTerm(1);
+  EXPECT_EQ(psp_queueCreate("q"), nullptr) << "not started";
+  ASSERT_EQ(psp_queueInit(0), PSP_OKAY);
   psp_queue *queue = psp_queueCreate("q");
   psp_queueDelete(queue);
   EXPECT_EQ(output_of([&] {

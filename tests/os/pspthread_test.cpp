@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <atomic>
 
+#include "os/os.h"
 #include "psp.h"
 
 namespace {
@@ -25,6 +26,14 @@ struct Started {
     psp_threadEnd();
   }
 };
+
+TEST(Thread, ExitHookIsArmedOnlyWhileItIsInstalled) {
+  psp::os::remove_thread_exit_hook();
+  EXPECT_FALSE(psp::os::arm_thread_exit_hook());
+  for (int time = 0; time < 2; ++time) EXPECT_EQ(psp::os::install_thread_exit_hook([] {}), 0u);
+  EXPECT_TRUE(psp::os::arm_thread_exit_hook());
+  psp::os::remove_thread_exit_hook();
+}
 
 TEST(Thread, EndsByItselfAndGivesItsLocksUp) {
   ASSERT_EQ(psp_init(), PSP_OKAY);

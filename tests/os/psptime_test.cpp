@@ -165,7 +165,9 @@ TEST(Environment, WhatHasNoAnswerGivesNull) {
   EXPECT_STREQ(psp_getenv("PSP_TEST"), "cut \xC3");
   EXPECT_EQ(psp_getenvW(u"PSP_TEST"), nullptr);
   EXPECT_EQ(psp_setlocaleW(LC_ALL, lone_surrogate), nullptr);
-  EXPECT_EQ(text(psp_setlocaleW(LC_ALL, nullptr)), u"C");
+  for (const psp_wchar *name : {u"C", static_cast<const psp_wchar *>(nullptr)}) {
+    EXPECT_EQ(text(psp_setlocaleW(LC_ALL, name)), u"C");
+  }
 }
 
 // ---- Interrupts ---------------------------------------------------------------------------------
@@ -322,17 +324,16 @@ TEST_F(Interrupt, SignalsThatNobodyWatchesAnyMoreGoToWhatStoodBefore) {
   const struct sigaction ours = disposition(SIGTERM);
   passed_on_to = ours.sa_handler;
   passed_on_to(SIGUSR1);  // none of ours
-  if (kForkedChildMayStartThreads) {
-    EXPECT_EQ(status_of_child([] {
-                raise(SIGTERM);
-                first.count = own.count.load();
-              }),
-              1 << 8);
-  }
+  const auto raise_in_child = [] {
+    raise(SIGTERM);
+    first.count = own.count.load();
+  };
+  EXPECT_EQ(status_of_child(raise_in_child), 1 << 8);
   struct sigaction chained = {};
   chained.sa_sigaction = note_own_and_pass_on;
   chained.sa_flags = SA_SIGINFO;
   sigaction(SIGTERM, &chained, nullptr);
+  EXPECT_EQ(status_of_child(raise_in_child), 1 << 8);
   raise(SIGTERM);
   first.wait();
   EXPECT_EQ(own.count, 1);
