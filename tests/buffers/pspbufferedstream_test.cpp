@@ -177,6 +177,20 @@ TEST_F(TypedBuffers, TransportIsCalledOnceABlock) {
   EXPECT_EQ(get(psp_inputBuffGetChar), 'n');
 }
 
+TEST_F(TypedBuffers, PiecesOfEachSizeAreCopiedExactly) {
+  for (uint32_t size = 0; size <= 140; ++size) {
+    std::string data(size, '\0');
+    std::ranges::generate(data, [next = 'a']() mutable { return next++; });
+    open();
+    ASSERT_EQ(psp_outputBuffPutBytes(out_, data.data(), size), PSP_OKAY);
+    ASSERT_EQ(psp_outputBuffFlush(out_), PSP_OKAY);
+    EXPECT_EQ(wire_.bytes, data);
+    std::string taken(size + 1, '-');
+    ASSERT_EQ(psp_inputBuffGetBytes(in_, taken.data(), size), PSP_OKAY);
+    EXPECT_EQ(taken, data + '-');
+  }
+}
+
 TEST_F(TypedBuffers, OnlyAPositiveTimeoutReachesTheTimedRead) {
   for (const psp_transportReadTimed timed : {read_timed, psp_transportReadTimed{nullptr}}) {
     for (const uint32_t timeout : {0u, 9u}) {
