@@ -96,7 +96,7 @@ class SoughtName {
     OverflowChain chain(file_);
     OverflowPlace place = entry.overflow;
     for (size_t done = DirectoryEntry::kInlineBytes;; done += kChunkBytes) {
-      if (name_.size() <= done || entry.name_bytes <= done) {
+      if (std::min<size_t>(name_.size(), entry.name_bytes) <= done) {
         return (name_.size() > done) - (entry.name_bytes > done);
       }
       const OverflowEntry *chunk = chain.at(place);

@@ -13,22 +13,18 @@ constexpr uint32_t kInlineBytes = DirectoryEntry::kInlineBytes;
 constexpr uint32_t kChunkBytes = OverflowEntry::kNameBytes;
 
 uint32_t count_overflow_entries(size_t name_bytes) {
-  if (name_bytes <= kInlineBytes) return 0;
-  return static_cast<uint32_t>((name_bytes - kInlineBytes + kChunkBytes - 1) / kChunkBytes);
+  const size_t behind = std::max<size_t>(name_bytes, kInlineBytes) - kInlineBytes;
+  return static_cast<uint32_t>((behind + kChunkBytes - 1) / kChunkBytes);
 }
 
-// How many overflow entries are free; no more than `enough` are counted.
-uint32_t count_free_entries(SegmentedFile *file, const DirectoryHeader &header, uint32_t enough) {
-  OverflowChain chain(file);
-  OverflowPlace place = header.free_overflow;
-  uint32_t count = 0;
-  for (; count < enough && place.page != 0; ++count) place = chain.at(place)->next;
-  return count;
-}
-
+// How many pages it takes until so many overflow entries are free.
 uint32_t count_pages_to_carve(SegmentedFile *file, const DirectoryHeader &header,
                               uint32_t entries) {
-  const uint32_t missing = entries - count_free_entries(file, header, entries);
+  OverflowChain chain(file);
+  uint32_t missing = entries;
+  for (OverflowPlace place = header.free_overflow; missing != 0 && place.page != 0; --missing) {
+    place = chain.at(place)->next;
+  }
   return (missing + kOverflowEntries - 1) / kOverflowEntries;
 }
 
@@ -36,7 +32,7 @@ uint32_t count_pages_to_carve(SegmentedFile *file, const DirectoryHeader &header
 void carve_page(SegmentedFile *file, DirectoryHeader *header) {
   const uint32_t number = take_page(file);
   const Pinned<OverflowPage> page(file, number);
-  for (uint32_t slot = 0; slot + 1 < kOverflowEntries; ++slot) {
+  for (uint32_t slot = 0; slot < kOverflowEntries; ++slot) {
     page->entries[slot].next = {number, static_cast<uint16_t>(slot + 1), 0};
   }
   page->entries[kOverflowEntries - 1].next = header->free_overflow;
@@ -57,8 +53,7 @@ size_t fill(char *field, size_t capacity, const char *bytes, size_t count) {
 bool reserve_pages(SegmentedFile *file, uint32_t count) {
   if (count == 0) return true;
   const Pinned<DirectoryHeader> header(file, kHeaderPage);
-  for (uint32_t free = header->free_page; free != 0; --count) {
-    if (count == 0) return true;
+  for (uint32_t free = header->free_page; free != 0 && count != 0; --count) {
     free = Pinned<FreePage>(file, free)->next;
   }
   for (uint32_t number = header->next_new_page; count != 0; ++number, --count) {

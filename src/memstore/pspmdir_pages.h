@@ -7,6 +7,7 @@
 // Included by the files of module pspmdir.
 #pragma once
 
+#include <cassert>
 #include <cstdint>
 #include <string_view>
 
@@ -61,6 +62,7 @@ class OverflowChain {
   explicit OverflowChain(SegmentedFile *file) : page_(file) {}
 
   OverflowEntry *at(OverflowPlace place) {
+    assert(place.page != kHeaderPage);  // there is an entry
     page_.move_to(place.page);
     return &page_->entries[place.slot];
   }

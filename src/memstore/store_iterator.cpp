@@ -32,7 +32,7 @@ struct StoreIterator {
   size_t used = 0;
   size_t next = 0;                   // where the next name begins
   const char *last = nullptr;        // the name looked at last; null at the start
-  uint32_t changes = 0;              // of the directory, when the names were read
+  uint32_t changes = 0;              // of the directory, when it was opened or read last
   size_t ahead_bytes = kAheadBytes;  // names are read ahead until so many bytes are used
 
   char *pattern() { return reinterpret_cast<char *>(this + 1); }
@@ -53,7 +53,7 @@ bool provide_room(StoreIterator *iterator, size_t bytes) {
   const size_t wanted = iterator->used + bytes;
   if (wanted <= iterator->capacity) return true;
   if (iterator->used != 0) return false;
-  const size_t capacity = wanted < kAheadBytes ? kAheadBytes : wanted;
+  const size_t capacity = std::max(wanted, kAheadBytes);
   void *grown = psp_extendMem(iterator->names, capacity, nullptr, 0, 0, kSource, __LINE__);
   if (grown == nullptr) return false;
   iterator->names = static_cast<char *>(grown);
@@ -124,6 +124,7 @@ StoreIterator *mfile_path_open(const char *directory, const char *pattern) {
   OwnText path;
   if (path.take_path(psp_pathStripDrive(directory)) && normalise(path.text()) &&
       iterator->walk.open(path.text(), false)) {
+    iterator->changes = iterator->directory()->changes();
     return iterator;
   }
   free_iterator(iterator);

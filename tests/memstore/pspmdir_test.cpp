@@ -124,14 +124,23 @@ TEST_F(DirectoryTree, NamesSortInLowerCaseAndAreFoundInAny) {
 
 TEST_F(DirectoryTree, SplitsMergesAndReusesPagesAsLaidOut) {
   const auto name = [](int number) { return std::to_string(1000 + number); };
+  const auto fill = [&] { return std::pair(keys(2), keys(3)); };
   for (int number = 0; number < 91; ++number) ASSERT_EQ(insert(name(number), 1), PSP_OKAY);
   EXPECT_EQ(keys(kRootPage), 91u);
   ASSERT_EQ(insert(name(91), 1), PSP_OKAY);
   EXPECT_EQ(keys(kRootPage), 1u);
-  EXPECT_EQ(keys(2), 46u);
-  EXPECT_EQ(keys(3), 45u);
+  EXPECT_EQ(fill(), std::pair(46u, 45u));
   EXPECT_EQ(header().next_new_page, 4u);
-  EXPECT_TRUE(remove(name(0)));  // 45 and 45 and the one between them fit in one node
+  // A node of 46 is left alone, one of 45 takes from a neighbour that has two more.
+  for (int number = 92; number < 95; ++number) ASSERT_EQ(insert(name(number), 1), PSP_OKAY);
+  EXPECT_TRUE(insert("1000a", 1) == PSP_OKAY && remove("1000a"));
+  EXPECT_EQ(fill(), std::pair(46u, 48u));
+  EXPECT_TRUE(remove(name(94)) && remove(name(93)) && remove(name(92)));
+  EXPECT_EQ(fill(), std::pair(46u, 45u));
+  ASSERT_EQ(insert(name(92), 1), PSP_OKAY);
+  EXPECT_TRUE(remove(name(0)));
+  EXPECT_EQ(fill(), std::pair(45u, 46u));
+  EXPECT_TRUE(remove(name(92)));  // 45 and 45 and the one between them fit in one node
   EXPECT_EQ(keys(kRootPage), 91u);
   EXPECT_NE(header().free_page, 0u);
   EXPECT_TRUE(remove(name(1)) && remove(name(2)));
@@ -141,6 +150,7 @@ TEST_F(DirectoryTree, SplitsMergesAndReusesPagesAsLaidOut) {
   EXPECT_EQ(insert(std::string(23, 'n'), 1), PSP_OKAY);
   EXPECT_EQ(header().free_overflow.slot, 1u);
   EXPECT_EQ(header().next_new_page, 4u) << "the pages of the merge come first";
+  EXPECT_EQ(insert(std::string(65535, 'n'), 1), PSP_OKAY);
   ASSERT_STREQ(mdir_check(&file_), nullptr);
   EXPECT_EQ(insert(std::string(65536, 'n'), 1), PSP_FAILED);
 }

@@ -8,6 +8,7 @@
 
 #include "files/files.h"
 #include "memstore/pspmdir.h"
+#include "memstore/store_names.h"
 #include "psp.h"
 #include "support/fixtures.h"
 
@@ -241,6 +242,25 @@ TEST_F(MemoryStore, ThreadsShareAFolder) {
   psp::tests::in_threads(kThreads, work);
   EXPECT_EQ(list("\\d"), "shared ");
   EXPECT_EQ(psp_fileLengthStat("\\d\\shared", kMemory), kThreads * kRounds);
+}
+
+// Some at a time, which are then handed out without the directory's lock.
+TEST_F(MemoryStore, NamesAreReadAhead) {
+  for (const char c : {'a', 'b', 'c', 'd', 'e', 'f'})
+    ASSERT_TRUE(put(("\\" + std::string(600, c)).c_str(), ""));
+  psp_pathIter *names = psp_pathOpenEx("\\", kMemory, "*");
+  Directory root;
+  ASSERT_TRUE(root.open(shmheap_default(), 0));
+  uint32_t is_directory = 0;
+  for (const char *three : {"abc", "def"}) {
+    EXPECT_EQ(*psp_pathNext(names, &is_directory), three[0]);
+    root.lock();
+    std::thread([&] {
+      for (int next : {1, 2}) EXPECT_EQ(*psp_pathNext(names, &is_directory), three[next]);
+    }).join();
+    root.unlock();
+  }
+  psp_pathClose(names);
 }
 
 TEST_F(MemoryStore, PageThatBecameIdleLastMakesRoom) {
