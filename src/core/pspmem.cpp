@@ -13,6 +13,7 @@
 // of tags. Order: a tag's lock, then the tag list lock; two tags' locks are never held together. No
 // lock is held while a message is logged or a jump is made. Blocks are obtained and released
 // outside the locks.
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -338,7 +339,7 @@ void *psp_extendMem(void *pointer, size_t size, psp_tag *tag, int32_t zero, size
   if (moved == nullptr) return fail_allocation(tag, file, line);
   auto *content = static_cast<unsigned char *>(moved->content());
   if (zero != 0) {
-    const size_t cleared = zero_count < size ? zero_count : size;
+    const size_t cleared = std::min(zero_count, size);
     std::memset(content + (size - cleared), 0, cleared);
   }
   return content;

@@ -59,6 +59,7 @@ TEST_F(Ini, ReadsLinesByteForByte) {
       {"a=\xFFx\n\xFF=2\nc=3\xFF", "a|\xFF|c", "c", "3\xFF"},
       {"a=1\nA=2\n[S]\na=3", "a|A", "a", "1"},
       {"cbph=1\neimf=2", "cbph|eimf", "eimf", "2"},  // two of one hash
+      {"abcd=1\nabxd=2\naxcd=3", "abcd|abxd|axcd", "axcd", "3"},
       {name + "=1\nv=" + value.substr(0, 128), name.substr(0, 127) + "|v", name, "#2"},
       {"v=" + value.substr(0, 128), "v", "v", value.substr(0, 128)},
       {"v=" + value, "v", "v", value},
@@ -76,7 +77,7 @@ TEST_F(Ini, ReadsLinesByteForByte) {
 }
 
 TEST_F(Ini, NumbersAndWideFormsAndFailures) {
-  put("[s]\na=  -17abc\nb=abc\nc=9999999999\nd=-99999999999999999\ne=12345678901234567\n"
+  put("[s]\na=  \t -17abc\nb=abc\nc=+9999999999\nd=-99999999999999999\ne=12345678901234567\n"
       "f=123456789012345678\nw=\xE2\x82\xAC\nx=\xFE\n");
   constexpr int32_t kFull = PSP_ERR_BUFFERFULL;
   const int32_t expected[] = {-17, 0, INT32_MAX, kFull, INT32_MAX, kFull, PSP_FAILED};
@@ -94,7 +95,7 @@ TEST_F(Ini, NumbersAndWideFormsAndFailures) {
   EXPECT_EQ(psp_iniGetW(wide.c_str(), u"s", u"gone", buffer, 4), PSP_FAILED);
   EXPECT_EQ(psp_iniGetW(wide.c_str(), u"s", u"\xD800", buffer, 1), PSP_ERR_INVARG);
   EXPECT_EQ(buffer[0], 7);
-  EXPECT_EQ(psp_iniGetW(wide.c_str(), u"s", u"w", buffer, 4), PSP_OKAY);
+  EXPECT_EQ(psp_iniGetW(wide.c_str(), u"s", u"w", buffer, 2), PSP_OKAY);
   EXPECT_EQ(std::u16string(buffer), u"\u20AC");
   EXPECT_EQ(psp_iniSetW(wide.c_str(), u"s", u"w", u"\u00E9"), PSP_OKAY);
   EXPECT_EQ(get("s", "w"), "\xC3\xA9");
@@ -173,6 +174,7 @@ TEST_F(Ini, UpdateFollowsLinksAndKeepsPermissions) {
   fs::create_symlink(file, temporary);
   EXPECT_EQ(set("s", "a", "3"), PSP_ERR_NOFILE);
   EXPECT_EQ(content(), "[s]\r\na=2\r\n");
+  psp_readIniFile(file.c_str());
   path = Folder::path("A.INI");  // another name on the disk, and so in the store
   EXPECT_EQ(get("s", "a"), "#-905");
   string many;
