@@ -118,7 +118,7 @@ template <class Entry>
   void *moved = psp_extendMem(contents->text, larger, nullptr, 0, 0, kSource, __LINE__);
   if (moved == nullptr) return false;
   contents->text = static_cast<char *>(moved);
-  contents->text_capacity = static_cast<uint32_t>(larger);
+  contents->text_capacity = larger;
   return true;
 }
 
