@@ -328,7 +328,9 @@ TEST_F(Interrupt, SignalsThatNobodyWatchesAnyMoreGoToWhatStoodBefore) {
     raise(SIGTERM);
     first.count = own.count.load();
   };
+#if !defined(__SANITIZE_THREAD__)  // which puts off what is raised inside a handler
   EXPECT_EQ(status_of_child(raise_in_child), 1 << 8);
+#endif
   struct sigaction chained = {};
   chained.sa_sigaction = note_own_and_pass_on;
   chained.sa_flags = SA_SIGINFO;
