@@ -24,6 +24,7 @@ namespace {
 
 namespace fs = std::filesystem;
 namespace os = psp::os;
+using psp::tests::status_of_child;
 
 // Answers "cat" by the units that there are and fails for the verb in the file "failing". Tells of
 // a descriptor of the test's that the command's parent has.
@@ -110,13 +111,10 @@ int32_t run_as_service(psp_word first, psp_word second) {
   EXPECT_EQ(hang_ups, 0);
   send(SIGHUP);
   while (hang_ups == 0) psp_sleep(1);
-  const pid_t child = fork();
-  if (child == 0) {
+  const int status = status_of_child([] {
     psp_handleInterrupt(nullptr);
-    _exit(psp_handleInterrupt([] {}) != PSP_OKAY || psp_handleInterrupt(nullptr) != PSP_OKAY);
-  }
-  int status = -1;
-  waitpid(child, &status, 0);
+    return psp_handleInterrupt([] {}) != PSP_OKAY || psp_handleInterrupt(nullptr) != PSP_OKAY;
+  });
   EXPECT_EQ(status, 0) << "a forked child is no service and has its own interrupts";
   std::ofstream(os::service_places.units + std::string("/own.service")) << "[Unit]";
   EXPECT_EQ(psp_serviceUninstall("own", "own"), PSP_OKAY);
@@ -171,8 +169,7 @@ TEST_F(Service, StatesAndStopsFollowTheProtocolAndSignalsGoBack) {
     setenv("NOTIFY_SOCKET", name.c_str(), 1);
     commands();
     // In a process of its own: check points never begin again.
-    const pid_t child = fork();
-    if (child == 0) {
+    const int status = status_of_child([&] {
       setenv("SYSTEMD_EXEC_PID", std::to_string(getpid()).c_str(), 1);
       const bool is_abstract = name == abstract;  // the second time with the other ways to end
       EXPECT_EQ(psp_serviceStart("s", is_abstract ? nullptr : &stop_flag, is_abstract, is_abstract,
@@ -182,10 +179,8 @@ TEST_F(Service, StatesAndStopsFollowTheProtocolAndSignalsGoBack) {
       psp_handleInterrupt(nullptr);
       raise(SIGTERM);
       EXPECT_EQ(own_signals, 1) << "what stood before the service is back";
-      _exit(HasFailure());
-    }
-    int status = 0;
-    waitpid(child, &status, 0);
+      return HasFailure();
+    });
     EXPECT_EQ(status, 0) << name;
     EXPECT_EQ(commands().find("--no-block stop -- own.service\n"), 0u);
     close(manager_socket);
@@ -274,14 +269,11 @@ TEST_F(Service, RefusedTextsAndMissingRightsLeaveNothing) {
               PSP_FAILED);
   }
   if (getuid() != 0) GTEST_SKIP() << "only root can try it without the right";
-  EXPECT_EXIT(
-      {
-        if (setresuid(65534, 65534, 65534) != 0) _exit(1);
-        EXPECT_EQ(install("x"), PSP_NOACCESS);
-        EXPECT_EQ(psp_serviceUninstall("s", "x"), PSP_NOACCESS);
-        _exit(HasFailure());
-      },
-      testing::ExitedWithCode(0), "");
+  const int status = status_of_child([] {
+    return setresuid(65534, 65534, 65534) != 0 || install("x") != PSP_NOACCESS ||
+           psp_serviceUninstall("s", "x") != PSP_NOACCESS;
+  });
+  EXPECT_EQ(status, 0);
   fs::remove_all(units);
   EXPECT_EQ(install("x"), PSP_FAILED);
   EXPECT_FALSE(fs::exists(counters));

@@ -6,8 +6,6 @@
 #include <sys/mount.h>
 #include <sys/resource.h>
 #include <sys/stat.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <algorithm>
 #include <array>
@@ -15,55 +13,34 @@
 #include <csignal>
 #include <filesystem>
 #include <fstream>
-#include <functional>
 #include <string>
 #include <thread>
 
 #include "psp.h"
+#include "support/fixtures.h"
 
 namespace {
 
+using psp::tests::status_of_child;
 using std::string;
 
 constexpr uint32_t kCreate = PSP_OPEN_READWRITE | PSP_OPEN_CREATE;
 
-class Process : public testing::Test {
+class Process : public testing::Test, protected psp::tests::Folder {
  protected:
-  void SetUp() override {
-    string pattern = testing::TempDir() + "psp-process-XXXXXX";
-    folder = mkdtemp(pattern.data());
-  }
   void TearDown() override {
     psp_term();
-    if (mounted) umount2(path("").c_str(), MNT_DETACH);
-    std::filesystem::remove_all(folder);
+    if (!mounted) return;
+    umount2(folder_.c_str(), MNT_DETACH);
+    folder_.resize(folder_.size() - 5);
   }
   // The library, with its messages in a file.
   void start() {
     ASSERT_EQ(psp_init(), PSP_OKAY);
     ASSERT_EQ(psp_stdout_open(path("messages").c_str()), PSP_OKAY);
   }
-  string path(const string &name) const { return folder + "/" + name; }
-  string put(const string &name, const string &content) const {
-    std::ofstream(path(name), std::ios::binary) << content;
-    return path(name);
-  }
-  string get(const string &name) const {
-    std::ifstream file(path(name), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-  }
-  string folder;
   bool mounted = false;
 };
-
-// How a child ends that does this; 0 is well.
-int status_of_child(const std::function<int()> &work) {
-  const pid_t child = fork();
-  if (child == 0) _exit(work());
-  int status = -1;
-  waitpid(child, &status, 0);
-  return status;
-}
 
 // ---- Fork ---------------------------------------------------------------------------------------
 
@@ -104,10 +81,10 @@ TEST_F(Process, ForkedChildrenOfThreadsUseEveryFamilyOnTheirOwn) {
   ASSERT_EQ(psp_log_open(path("log").c_str()), PSP_OKAY);
   const psp_sync gate = psp_syncCreate(PSP_SYNC_EVENT);
   const psp_sync lock = psp_syncCreate(PSP_SYNC_EXCL);
-  ASSERT_EQ(use_every_family(folder, "the parent"), 0);
+  ASSERT_EQ(use_every_family(folder_, "the parent"), 0);
   std::thread other([&] {
     psp_syncStart(gate);
-    ASSERT_EQ(use_every_family(folder, "the other thread"), 0);
+    ASSERT_EQ(use_every_family(folder_, "the other thread"), 0);
     psp_syncEnterExcl(lock);
     psp_syncExitExcl(lock);
     const int status = status_of_child([&] {
@@ -116,8 +93,8 @@ TEST_F(Process, ForkedChildrenOfThreadsUseEveryFamilyOnTheirOwn) {
       psp_term();
       psp_log_close();  // parent and child would overwrite each other's lines
       if (psp_log_open(path("log of the child").c_str()) != PSP_OKAY) return 23;
-      int result = use_every_family(folder, "the child");
-      const auto grandchild = [&] { return use_every_family(folder, "the grandchild"); };
+      int result = use_every_family(folder_, "the child");
+      const auto grandchild = [&] { return use_every_family(folder_, "the grandchild"); };
       if (result == 0 && status_of_child(grandchild) != 0) result = 21;
       psp_term();
       if (psp_init() != PSP_OKAY) return 22;  // a life of its own
@@ -134,7 +111,7 @@ TEST_F(Process, ForkedChildrenOfThreadsUseEveryFamilyOnTheirOwn) {
   EXPECT_STREQ(who, "the other thread") << "a child's store is its own";
   psp_fileClose(file);
   EXPECT_EQ(psp_syncWait(gate, 0), PSP_TIMEOUT);
-  ASSERT_EQ(use_every_family(folder, "the parent again"), 0);
+  ASSERT_EQ(use_every_family(folder_, "the parent again"), 0);
   EXPECT_EQ(get("log of the child").substr(24, 20), "the child was here\r\n");
   const string log = get("log");
   EXPECT_EQ(std::count(log.begin(), log.end(), '\n'), 3) << log;
@@ -146,17 +123,17 @@ const string kIni = "; " + string(3000, 'c') + "\r\n[s]\r\nn=0\r\n";
 
 TEST_F(Process, FullDiskKeepsWhatWasThereAndTakesTheRestLater) {
   mkdir(path("disk").c_str(), 0700);
-  folder += "/disk";
+  folder_ += "/disk";
   mounted = unshare(CLONE_NEWNS) == 0 || unshare(CLONE_NEWUSER | CLONE_NEWNS) == 0;
   mounted = mounted && mount("none", "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-            mount("psp", folder.c_str(), "tmpfs", 0, "size=128k") == 0;
+            mount("psp", folder_.c_str(), "tmpfs", 0, "size=128k") == 0;
   if (!mounted) {
-    folder.resize(folder.size() - 5);
+    folder_.resize(folder_.size() - 5);
     GTEST_SKIP() << "no small file system can be mounted here";
   }
   ASSERT_EQ(psp_init(), PSP_OKAY);
   ASSERT_EQ(psp_stdout_open(""), PSP_OKAY);
-  const string outside = folder + "/../outside", old(8192, 'o'), big(20000, 'b');
+  const string outside = folder_ + "/../outside", old(8192, 'o'), big(20000, 'b');
   std::ofstream(outside) << big;
   const string ini = put("a.ini", kIni), kept = put("kept", old), stream_file = path("stream");
   ASSERT_EQ(psp_log_open(path("log").c_str()), PSP_OKAY);
@@ -196,7 +173,7 @@ TEST_F(Process, FullDiskKeepsWhatWasThereAndTakesTheRestLater) {
   EXPECT_EQ(psp_fileMove(outside.c_str(), path("moved").c_str()), PSP_OKAY);
   EXPECT_EQ(get("moved"), big);
   psp_fileClose(file);
-  for (const auto &entry : std::filesystem::directory_iterator(folder)) {
+  for (const auto &entry : std::filesystem::directory_iterator(folder_)) {
     const string name = entry.path().filename();
     EXPECT_NE(string("a.ini kept stream log moved").find(name), string::npos) << name << " is left";
   }
@@ -239,7 +216,7 @@ TEST_F(Process, StartedWithoutStandardDescriptorsNothingTakesTheirPlace) {
     if (psp_init() != PSP_OKAY || psp_log_open(path("log").c_str()) != PSP_OKAY) return 1;
     PSP_FH file = psp_fileOpen(path("file").c_str(), kCreate, PSP_FILE_DENY_WRITE);
     psp_stream *stream = psp_fopen(path("stream").c_str(), "w", 2);
-    psp_pathIter *iterator = psp_pathOpen(folder.c_str(), "*");
+    psp_pathIter *iterator = psp_pathOpen(folder_.c_str(), "*");
     if (!closed() || file == nullptr || stream == nullptr || iterator == nullptr) return 2;
     if (psp_printf("lost\n") > 5 || psp_printfErr("lost\n") > 5) return 3;
     psp_flush();

@@ -4,6 +4,8 @@
 
 #include <gtest/gtest.h>
 #include <stdlib.h>
+#include <sys/wait.h>
+#include <unistd.h>
 
 #include <filesystem>
 #include <fstream>
@@ -66,6 +68,16 @@ void in_threads(int count, const Work &work) {
   std::vector<std::thread> threads;
   for (int number = 0; number < count; ++number) threads.emplace_back([=, &work] { work(number); });
   for (std::thread &thread : threads) thread.join();
+}
+
+// How a forked child ends that does this and gives its exit code; 0 is well.
+template <class Work>
+int status_of_child(const Work &work) {
+  const pid_t child = fork();
+  if (child == 0) _exit(work());
+  int status = -1;
+  waitpid(child, &status, 0);
+  return status;
 }
 
 // What the C runtime's standard output got while work ran.
