@@ -11,6 +11,7 @@
 #include <vector>
 
 #include "psp.h"
+#include "support/fixtures.h"
 
 namespace {
 
@@ -58,13 +59,12 @@ int32_t write_wire(void *context, const void *data, uint32_t count) {
   return PSP_OKAY;
 }
 
-class TypedBuffers : public testing::Test {
+class TypedBuffers : public psp::tests::Started {
  protected:
-  void SetUp() override { ASSERT_EQ(psp_init(), PSP_OKAY); }
   void TearDown() override {
     psp_inputBuffDestroy(in_);
     psp_outputBuffDestroy(out_);
-    psp_term();
+    Started::TearDown();
   }
   // New buffers over the wire, which holds these bytes.
   void open(const std::string &bytes = "", uint16_t swap = 0) {

@@ -4,7 +4,6 @@
 
 #include <cstring>
 #include <random>
-#include <thread>
 #include <vector>
 
 #include "psp.h"
@@ -141,24 +140,19 @@ TEST_F(Pool, TakesNoHarmFromWhatItDidNotHandOut) {
 
 TEST_F(Pool, SharedByThreadsGivesNoChunkTwice) {
   pool = psp_allocPool(tag, 0, 1);
-  std::vector<std::thread> threads;
-  for (int number = 0; number < 4; ++number) {
-    threads.emplace_back([this, number] {
-      std::vector<char *> mine;
-      for (int round = 0; round < 20000; ++round) {
-        mine.push_back(get(16 + round % 3 * 16));
-        std::memset(mine.back(), number, 16);
-        if (mine.size() < 8) continue;
-        for (char *chunk : mine) {
-          ASSERT_EQ(std::string(chunk, 16), std::string(16, static_cast<char>(number)));
-          put(chunk);
-        }
-        mine.clear();
+  psp::tests::in_threads(4, [this](int number) {
+    std::vector<char *> mine;
+    for (int round = 0; round < 20000; ++round) {
+      mine.push_back(get(16 + round % 3 * 16));
+      std::memset(mine.back(), number, 16);
+      if (mine.size() < 8) continue;
+      for (char *chunk : mine) {
+        ASSERT_EQ(std::string(chunk, 16), std::string(16, static_cast<char>(number)));
+        put(chunk);
       }
-      for (char *chunk : mine) put(chunk);
-    });
-  }
-  for (std::thread &thread : threads) thread.join();
+      mine.clear();
+    }
+  });
 }
 
 TEST(PoolLife, NeedsAStartedLibrary) {

@@ -6,7 +6,6 @@
 #include <cstring>
 #include <functional>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "../examples/pkgdb/query_tables.h"
@@ -14,6 +13,7 @@
 #include "parser/grammars/expressions_tables.h"
 #include "parser/grammars/statements_tables.h"
 #include "psp.h"
+#include "support/fixtures.h"
 
 namespace {
 
@@ -81,11 +81,7 @@ struct Parse {
   }
 };
 
-class Parser : public testing::Test {
- protected:
-  void SetUp() override { ASSERT_EQ(psp_init(), PSP_OKAY); }
-  void TearDown() override { psp_term(); }
-};
+using Parser = psp::tests::Started;
 
 // ---- Expressions --------------------------------------------------------------------------------
 
@@ -293,13 +289,10 @@ TEST_F(Parser, DepthHasNoLimit) { check_depth(kDeep, 8, nullptr); }
 
 TEST_F(Parser, ParsesOfManyThreadsShareTablesAndATag) {
   psp_tag *tag = psp_createTag(PSP_TAG_THREADSAFE);
-  std::vector<std::thread> threads;
-  for (size_t index = 0; index < 4; ++index)
-    threads.emplace_back([=] {
-      for (size_t depth = 0; depth < 400; depth += 9) check_depth(depth, 8, tag);
-      for (size_t depth = 0; depth < 400; depth += 9) check_depth(depth, 8, nullptr);
-    });
-  for (std::thread &thread : threads) thread.join();
+  psp::tests::in_threads(4, [tag](int) {
+    for (size_t depth = 0; depth < 400; depth += 9) check_depth(depth, 8, tag);
+    for (size_t depth = 0; depth < 400; depth += 9) check_depth(depth, 8, nullptr);
+  });
   psp_freeTagMemory(tag, 1);
 }
 
