@@ -2,8 +2,6 @@
 // rest comes to nothing that can fail. What a failure leaves is judged by the tests of their
 // families' other forms; here nothing may crash, leak or stay locked, and all must work afterwards.
 #include <gtest/gtest.h>
-#include <sys/wait.h>
-#include <unistd.h>
 
 #include <cerrno>
 #include <cstdarg>
@@ -337,14 +335,10 @@ void call_needless() {
 
 FAULT_TEST(EachFunctionFaults, TheOthersComeToNothingThatCanFail) {
   std::fflush(stdout);
-  const pid_t child = fork();
-  if (child == 0) {
+  const int status = psp::tests::status_of_child([] {
     call_needless();
-    std::fflush(stdout);
-    _exit(testing::Test::HasFailure() ? 1 : 0);
-  }
-  int status = -1;
-  EXPECT_EQ(waitpid(child, &status, 0), child);
+    return std::fflush(stdout) != 0 || testing::Test::HasFailure();
+  });
   EXPECT_EQ(status, 0);
   for (const Needless &each : kNeedless) note_without_need(each.calls);
   // A thread ends though all fails.
