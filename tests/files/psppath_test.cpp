@@ -208,6 +208,11 @@ TEST_F(Paths, TemporaryDirectoryIsProbedOnceForAllThreads) {
   unsetenv("VKD_TMPDIR");
   setenv("TEMP", std::string(600, 't').c_str(), 1);
   setenv("TMP", folder_.c_str(), 1);
+  const auto differs_beside_an_empty_name = [this] {
+    setenv("TEMP", "", 1);
+    return taken(psp_tmpdir(nullptr)) == folder_ ? 0 : 1;
+  };
+  EXPECT_EQ(psp::tests::status_of_child(differs_beside_an_empty_name), 0);
   std::string answers[4];
   psp::tests::in_threads(4, [&](int i) { answers[i] = taken(psp_tmpdir(nullptr)); });
   for (const std::string &answer : answers) EXPECT_EQ(answer, folder_);
