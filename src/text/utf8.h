@@ -10,19 +10,21 @@ namespace psp::text {
 // The first value that is no code point.
 inline constexpr uint32_t kCodePointEnd = 0x110000;
 
-// Bytes of the code point in UTF-8, 1 to 4. Surrogates count as any other value of 3 bytes: whoever
-// decodes decides whether they may occur.
+// Bytes of the code point in UTF-8, 1 to 4; 0 for a value that is no code point. Surrogates count
+// as any other value of 3 bytes: whoever decodes decides whether they may occur.
 constexpr uint32_t utf8_length(uint32_t code_point) {
   if (code_point < 0x80) return 1;
   if (code_point < 0x800) return 2;
-  return code_point < 0x10000 ? 3 : 4;
+  if (code_point < 0x10000) return 3;
+  return code_point < kCodePointEnd ? 4 : 0;
 }
 
-// Stores the code point's bytes at bytes, which has room for them, and their number in *length,
-// unless that is null.
+// Stores the code point's bytes at bytes, which has room for them, and their number in *length.
+// Either may be null. A value that is no code point has length 0 and stores nothing.
 inline void utf8_encode_char(uint32_t code_point, char *bytes, uint32_t *length) {
   const uint32_t count = utf8_length(code_point);
   if (length != nullptr) *length = count;
+  if (bytes == nullptr) return;
   const auto continuation = [code_point](uint32_t shift) {
     return static_cast<char>(0x80 | ((code_point >> shift) & 0x3F));
   };
@@ -39,11 +41,13 @@ inline void utf8_encode_char(uint32_t code_point, char *bytes, uint32_t *length)
       bytes[1] = continuation(6);
       bytes[2] = continuation(0);
       break;
-    default:
+    case 4:
       bytes[0] = static_cast<char>(0xF0 | (code_point >> 18));
       bytes[1] = continuation(12);
       bytes[2] = continuation(6);
       bytes[3] = continuation(0);
+      break;
+    default:
       break;
   }
 }

@@ -33,6 +33,18 @@ void append_wide(Wide *out, uint32_t c) {
 
 bool encodable(uint32_t c) { return (c < 0xD800 || c > 0xDFFF) && c != 0xFFFE && c != 0xFFFF; }
 
+TEST(Utf8, EncoderTakesEveryValueAndDoesWithoutEitherOutput) {
+  for (const auto &[value, expected] :
+       {std::pair{0x7Fu, 1u}, {0xFFFFu, 3u}, {0x10FFFFu, 4u}, {0x110000u, 0u}, {UINT32_MAX, 0u}}) {
+    std::string bytes = "....";
+    uint32_t length = 7;
+    psp::text::utf8_encode_char(value, nullptr, &length);
+    EXPECT_EQ(length, expected);
+    psp::text::utf8_encode_char(value, bytes.data(), nullptr);
+    EXPECT_EQ(std::min(bytes.find('.'), bytes.size()), expected);
+  }
+}
+
 TEST(Utf8, EveryCharacterGoesThereAndBack) {
   std::string utf8;
   Wide wide;
