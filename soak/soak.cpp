@@ -3,9 +3,9 @@
 //
 // usage: psp_soak SECONDS [SEED]
 //
-// An operation that met no fault must work; one that met some may fail, but may spoil neither its
-// own earlier work nor that of other threads. The seed decides what each thread chooses, but not
-// how the threads meet. Exit status 0: every promise held. The runtime's standard error is closed
+// An operation that met no fault must work. One that met some may fail, and then all that this and
+// the other threads did before is whole. The seed decides the choices of each thread, but not how
+// the threads meet. Exit status 0: every promise held. The runtime's standard error is closed
 // to the library's own words, its standard output is read at the end: nothing may stand there.
 #include <unistd.h>
 

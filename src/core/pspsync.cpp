@@ -146,7 +146,7 @@ bool sleep_before(Gate &gate, uint32_t closed, uint32_t milliseconds, os::WaitRe
 
 // Waits for the gate to be opened after the closed word that the caller saw.
 [[gnu::noinline]] psp_status wait_for_turn(Gate &gate, uint32_t seen, uint32_t milliseconds) {
-  const uint64_t start = monotonic_milliseconds();
+  const uint64_t start = milliseconds == PSP_NO_LIMIT ? 0 : monotonic_milliseconds();
   uint32_t left = milliseconds;
   for (;;) {
     const uint32_t word = gate.word.load(std::memory_order_acquire);

@@ -161,8 +161,7 @@ psp_status rewrite_lines(psp_stream *input, Rewrite *rewrite) {
 // Makes what was written durable. The last error is the only sign that a sync failed.
 bool settle(const Output &output, const char *temporary, uint16_t mode) {
   os::set_last_error(0);
-  psp_fflush(output.stream);
-  if (os::last_error() != 0) return false;
+  if (psp_fflush(output.stream) != 0 || os::last_error() != 0) return false;
   return psp_fileLengthStat(temporary, mode) == output.file_bytes;
 }
 

@@ -32,7 +32,7 @@ uint32_t count_pages_to_carve(SegmentedFile *file, const DirectoryHeader &header
 void carve_page(SegmentedFile *file, DirectoryHeader *header) {
   const uint32_t number = take_page(file);
   const Pinned<OverflowPage> page(file, number);
-  for (uint32_t slot = 0; slot < kOverflowEntries; ++slot) {
+  for (uint32_t slot = 0; slot + 1 < kOverflowEntries; ++slot) {
     page->entries[slot].next = {number, static_cast<uint16_t>(slot + 1), 0};
   }
   page->entries[kOverflowEntries - 1].next = header->free_overflow;

@@ -42,9 +42,7 @@ bool open_contents(const char *path, bool creates, SegmentedFile *contents) {
   if (!entry.enter(path)) return false;
   psp_status status = entry.find_file(entry.name());
   if (status == PSP_NOTFOUND && creates) status = entry.create_file();
-  if (status != PSP_OKAY) return false;
-  contents->open(entry.heap(), 0);  // a named heap has its root: this cannot fail
-  return true;
+  return status == PSP_OKAY && contents->open(entry.heap(), 0);
 }
 
 // Asks the file that the path names; 0 for what is no file.

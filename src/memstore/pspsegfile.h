@@ -37,7 +37,7 @@ class SegmentedFile {
 
   // Opens the heap's file; kCreateRoot makes one where there is none. False when there is none or
   // memory is short. See shmcache_attach for who may open.
-  bool open(HeapId id, uint32_t flags);
+  [[nodiscard]] bool open(HeapId id, uint32_t flags);
 
   // Waits for a thread that has locked the file.
   void close();

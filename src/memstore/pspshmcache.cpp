@@ -8,6 +8,7 @@
 // remembered; if it is pinned again or gone, the ticks of the last unpins decide among all.
 #include "memstore/pspshmcache.h"
 
+#include <cassert>
 #include <cstring>
 
 #include "core/exported_call.h"
@@ -166,6 +167,7 @@ void shmcache_delete(HeapId id) {
 Page *shmcache_get_page(Heap *heap, uint32_t number) {
   const core::BriefSyncGuard guard(state.lock);
   Page *page = page_of(heap, number);
+  assert(page != nullptr);  // there is a block
   ++page->references;
   return page;
 }

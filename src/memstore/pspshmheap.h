@@ -79,6 +79,7 @@ inline void *shmheap_get(const Heap *heap, uint32_t number) {
   return number < heap->block_count ? heap->blocks[number] : nullptr;
 }
 
+// Gives back the block of the number, which is there.
 void shmheap_free(Heap *heap, uint32_t number);
 
 inline void shmheap_lock(Heap *heap) PSP_ACQUIRES(&heap->lock) PSP_UNCHECKED {

@@ -154,13 +154,11 @@ bool Walk::descend(std::string_view name, bool creates) {
   } else {
     const HeapId id = make_heap(EntryType::kDirectory);
     // Named last: an entry never leads to a heap that is dropped.
-    if (id != kNoHeap) {
-      is_open = mdir_insert(&cursor, name, id, EntryType::kDirectory) == PSP_OKAY;
-      if (is_open) {
-        child.open(id, 0);  // it has its root: this cannot fail
-      } else {
-        drop_heap(id);
-      }
+    is_open = id != kNoHeap && child.open(id, 0) &&
+              mdir_insert(&cursor, name, id, EntryType::kDirectory) == PSP_OKAY;
+    if (id != kNoHeap && !is_open) {
+      child.close();
+      drop_heap(id);
     }
   }
   parent.close();
@@ -181,8 +179,7 @@ bool Entry::open_directory(char *directory, OwnText *absolute) {
     if (!is_taken) return false;
     path = absolute->text();
   }
-  normalise(path);
-  const bool is_absolute = *path == kSeparator || *path == '\0';
+  const bool is_absolute = normalise(path) && (*path == kSeparator || *path == '\0');
   return is_absolute && walk_.open(path, true);
 }
 

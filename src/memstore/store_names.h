@@ -32,7 +32,7 @@ class OwnText {
 // Removes what a path has too much: runs of separators, ".", ".." together with the component
 // before it, and separators at the end. The empty text is the root, which is its own parent. False
 // when ".." takes the only component of a path that does not begin at the root.
-bool normalise(char *path);
+[[nodiscard]] bool normalise(char *path);
 
 // A directory that is open, and locked from lock() to close().
 class Directory {

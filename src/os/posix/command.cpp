@@ -106,9 +106,11 @@ bool leave_files() {
   if (!leave_files()) _exit(kNotRun);
   const pid_t command = clone_process(SIGCHLD);
   if (command == 0) become(arguments);
-  int end = SIGKILL;  // as if killed, unless the wait tells another end; without a child it fails
-  retry_interrupted([&] { return waitpid(command, &end, 0); });
-  if (WIFEXITED(end)) status->store(WEXITSTATUS(end));
+  int end = 0;
+  if (command != -1 && retry_interrupted([&] { return waitpid(command, &end, 0); }) == command &&
+      WIFEXITED(end)) {
+    status->store(WEXITSTATUS(end));
+  }
   _exit(0);
 }
 

@@ -18,12 +18,12 @@ constexpr char kTemporaryDirectory[] = "/tmp";
 
 DIR *stream_of(const Directory &directory) { return static_cast<DIR *>(directory.state); }
 
-// Most file systems tell the type with the name. Where they do not, and for what is neither, such
-// as a link, which counts as what it leads to, the entry is asked; one that leads nowhere, or goes
-// away meanwhile, is no directory.
+// Most file systems tell the type with the name. Where they do not, and for a link, which counts as
+// what it leads to, the entry is asked; one that leads nowhere, or goes away meanwhile, is no
+// directory.
 bool is_directory(DIR *stream, const dirent &entry) {
 #if defined(DT_DIR)
-  if (entry.d_type == DT_DIR || entry.d_type == DT_REG) return entry.d_type == DT_DIR;
+  if (entry.d_type != DT_UNKNOWN && entry.d_type != DT_LNK) return entry.d_type == DT_DIR;
 #endif
   LastErrorKeeper keeper;
   struct stat status = {};

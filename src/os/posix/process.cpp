@@ -62,7 +62,7 @@ int64_t calendar_seconds(uint32_t *milliseconds) {
 int64_t recent_seconds() {
   const int64_t ticked = time(nullptr);
   const int64_t told = told_seconds.load(std::memory_order_relaxed);
-  return ticked + int64_t{told == ticked + 1};
+  return told == ticked + 1 ? told : ticked;
 }
 
 bool counter_frequency(int64_t *frequency) {

@@ -122,9 +122,10 @@ int format_message(const ServiceStatus &status, char (&message)[kMessageBytes]) 
                       status.check_point, more_time);
     case ServiceState::kRunning:
       return snprintf(message, kMessageBytes, "READY=1\nSTATUS=Running");
-    default:
-      return snprintf(message, kMessageBytes, "STOPPING=1\nSTATUS=Stopped");
+    case ServiceState::kStopped:
+      break;
   }
+  return snprintf(message, kMessageBytes, "STOPPING=1\nSTATUS=Stopped");
 }
 
 void stop_service() { manager.control(ServiceControl::kStop); }
